@@ -1,0 +1,44 @@
+// The one error type of the gateway: a 32-bit number, a source and a description.
+#pragma once
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace core {
+
+// Numbers our own layers raise where nothing else fixes the wording.
+namespace ErrorNumber {
+inline constexpr std::int32_t kInvalidProcedureCall = 5;
+inline constexpr std::int32_t kOverflow = 6;
+inline constexpr std::int32_t kOutOfMemory = 7;
+inline constexpr std::int32_t kSubscriptOutOfRange = 9;
+inline constexpr std::int32_t kTypeMismatch = 13;
+inline constexpr std::int32_t kInternal = 51;
+inline constexpr std::int32_t kObjectNotSet = 91;
+inline constexpr std::int32_t kDuplicateKey = 457;
+inline constexpr std::int32_t kAddressInUse = 10048;
+}  // namespace ErrorNumber
+
+// An error as it travels through the program; thrown by value, caught by const reference.
+class Error : public std::runtime_error {
+public:
+    Error(std::int32_t number, std::string source, std::string description);
+
+    std::int32_t Number() const { return number_; }
+    const std::string& Source() const { return source_; }
+    const std::string& Description() const { return description_; }
+
+private:
+    std::int32_t number_;
+    std::string source_;
+    std::string description_;
+};
+
+// Raises error `number` with its standard description (see ErrorNumber) and the given source.
+[[noreturn]] void Raise(std::int32_t number, const std::string& source = {});
+
+// Standard description of one of the ErrorNumber values ("Type mismatch" for 13); empty if unknown.
+std::string StandardDescription(std::int32_t number);
+
+}  // namespace core

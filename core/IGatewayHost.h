@@ -1,0 +1,38 @@
+// What the servers reach in the application that hosts them: the activity log, the shared credential
+// store, the application's name and version, the two socket controls and one pass of the event loop.
+#pragma once
+
+#include <string>
+
+namespace core {
+
+class ISocketControl;
+
+class IGatewayHost {
+public:
+    virtual ~IGatewayHost() = default;
+
+    // Appends one entry (the message, then CR LF) to the activity log; never fails.
+    virtual void WriteLog(const std::string& message) = 0;
+    // Empties the activity log; never fails.
+    virtual void ClearLog() = 0;
+
+    // The credential store the POP3 server writes and the SMTP server reads.
+    virtual std::string UserName() const = 0;
+    virtual void SetUserName(const std::string& value) = 0;
+    virtual std::string Password() const = 0;
+    virtual void SetPassword(const std::string& value) = 0;
+
+    // "Tarnwick Gateway" and "major.minor.revision".
+    virtual std::string ApplicationName() const = 0;
+    virtual std::string ApplicationVersion() const = 0;
+
+    // The socket controls the POP3 and the SMTP server attach to.
+    virtual ISocketControl& WinsockPOP3() = 0;
+    virtual ISocketControl& WinsockSMTP() = 0;
+
+    // Lets pending events run once.
+    virtual void DoEvents() = 0;
+};
+
+}  // namespace core

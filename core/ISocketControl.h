@@ -1,0 +1,41 @@
+// A TCP socket control that both listens and carries the one accepted connection. Bytes pass unchanged
+// both ways: text here is 8-bit, one char per byte.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace core {
+
+class ISocketEvents;
+
+class ISocketControl {
+public:
+    // Values of State(); the frame only ever compares with kClosed.
+    static constexpr std::int32_t kClosed = 0;
+    static constexpr std::int32_t kListening = 2;
+    static constexpr std::int32_t kConnected = 7;
+    static constexpr std::int32_t kError = 9;
+
+    virtual ~ISocketControl() = default;
+
+    // Where the events go; nullptr to stop delivering them.
+    virtual void SetEventSink(ISocketEvents* sink) = 0;
+
+    virtual std::int32_t State() const = 0;
+    // The port Listen() binds; 0 after closing.
+    virtual void SetLocalPort(std::int32_t port) = 0;
+    virtual std::int32_t LocalPort() const = 0;
+    // Starts listening on LocalPort(); a port in use raises error 10048.
+    virtual void Listen() = 0;
+    // Takes the pending connection `requestId` onto this control; nothing listens afterwards.
+    virtual void Accept(std::int32_t requestId) = 0;
+    // Closes the listener or the connection.
+    virtual void Close() = 0;
+    // Everything received and not yet fetched.
+    virtual std::string GetData() = 0;
+    // Queues `data` for sending.
+    virtual void SendData(const std::string& data) = 0;
+};
+
+}  // namespace core
