@@ -5,7 +5,7 @@
 #include "core/Convert.h"
 #include "core/Error.h"
 
-namespace servers::MPop3Responses {
+namespace servers::pop3::MPop3Responses {
 namespace {
 
 constexpr std::string_view kCrLf = "\r\n";
@@ -127,4 +127,4 @@ std::int32_t SumMessageSizes(const MessageList& messages) {
 
 std::int16_t CountMessages(const MessageList& messages) { return core::RoundToInt16(messages.Count()); }
 
-}  // namespace servers::MPop3Responses
+}  // namespace servers::pop3::MPop3Responses

@@ -12,7 +12,7 @@
 #include "core/Collection.h"
 #include "mailservice/CHotmailMessage.h"
 
-namespace servers::MPop3Responses {
+namespace servers::pop3::MPop3Responses {
 
 using MessagePtr = std::shared_ptr<mailservice::CHotmailMessage>;
 using MessageList = core::Collection<MessagePtr>;
@@ -71,4 +71,4 @@ std::int32_t SumMessageSizes(const MessageList& messages);
 // The number of records as a 16-bit count; raises Overflow beyond 32767.
 std::int16_t CountMessages(const MessageList& messages);
 
-}  // namespace servers::MPop3Responses
+}  // namespace servers::pop3::MPop3Responses

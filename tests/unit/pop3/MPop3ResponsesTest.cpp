@@ -10,7 +10,7 @@
 
 namespace {
 
-namespace R = servers::MPop3Responses;
+namespace R = servers::pop3::MPop3Responses;
 using mailservice::CHotmailMessage;
 
 R::MessagePtr Message(const std::string& index, const std::string& length, const std::string& id = "",
