@@ -1,6 +1,7 @@
 // The request layer against a recording fake service: what goes on the wire, what comes back, how it fails.
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 
 #include "FakeWebDavService.h"
