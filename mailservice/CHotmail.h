@@ -82,6 +82,20 @@ public:
 
 private:
     struct Impl;
+
+    // Empties the text fields, HotmailError last.
+    void InitializeProperties();
+    // The folder request for `folderUrl`; its reply text.
+    std::string GetFolder(const std::string& folderUrl);
+    // Reads the folder addresses from the log-in reply by position; false when the reply is not XML.
+    bool RetrievFolderURLs();
+    // The folder request for RootFolderURL; its reply text.
+    std::string GetAllFolderInfo();
+    // The listing request for the folder at `ukey`; its reply text.
+    std::string GetMailInfo(const std::string& ukey);
+    // Appends the folders of RootFolderURL to the folder collection.
+    void ParseFolderInfo();
+
     std::unique_ptr<Impl> d_;
 };
 

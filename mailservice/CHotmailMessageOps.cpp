@@ -1,0 +1,84 @@
+// Operations on single messages, and sending.
+#include "core/Trap.h"
+#include "mailservice/CHotmail.h"
+#include "mailservice/CHotmailImpl.h"
+
+namespace mailservice {
+
+std::string CHotmail::GetMessage(const std::string& strMessageURL) {
+    return core::Trap("GetMessage Method", [&] {
+        // The status is not looked at and nothing is stored: an error page comes back as the message.
+        d_->HttpRequest.Open("GET", strMessageURL, false);
+        d_->HttpRequest.Send();
+        return d_->HttpRequest.ResponseText();
+    });
+}
+
+void CHotmail::FlagMailRead(const std::string& ukey, const std::string& currentfolder) {
+    core::Trap("FlagMailRead Method", [&] {
+        d_->HttpRequest.Open("PROPPATCH", ukey, false);
+        d_->HttpRequest.Send(d_->MarkReadRequest);
+        d_->LastReplyText = d_->HttpRequest.ResponseText();
+        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+        ParseMailboxInfo(currentfolder);
+    });
+}
+
+void CHotmail::FlagMailUnread(const std::string& ukey, const std::string& currentfolder) {
+    core::Trap("FlagMailUnread Method", [&] {
+        d_->HttpRequest.Open("PROPPATCH", ukey, false);
+        d_->HttpRequest.Send(d_->MarkUnreadRequest);
+        d_->LastReplyText = d_->HttpRequest.ResponseText();
+        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+        ParseMailboxInfo(currentfolder);
+    });
+}
+
+std::string CHotmail::DeleteMail(const IdCollectionPtr& uMail, const std::string& mFolder) {
+    // Deleting is a move into the trash folder.
+    return core::Trap("DeleteMail Method", [&] { return d_->MoveRequest(uMail, mFolder, d_->TrashURL); });
+}
+
+std::string CHotmail::MoveMail(const std::string& uMail, const std::string& mSrcFolder,
+                               const std::string& mDestFolder) {
+    return core::Trap("MoveMail Method", [&] {
+        auto ids = core::MakeCollection<std::string>();
+        ids->Add(uMail);
+        return d_->MoveRequest(ids, mSrcFolder, mDestFolder);
+    });
+}
+
+std::string CHotmail::Impl::MoveRequest(const IdCollectionPtr& ids, const std::string& fromFolder,
+                                        const std::string& toFolder) {
+    if (!ids) core::Raise(core::ErrorNumber::kObjectNotSet);
+    platform::XmlDocument doc;
+    (void)doc.loadXML(MoveRequestTemplate);
+    platform::XmlNode target = doc.documentElement().childNodes().item(0);
+    for (std::int32_t k = 1; k <= ids->Count(); ++k) {
+        platform::XmlNode href = doc.createElement("D:href");
+        href.setText(ids->Item(k));
+        target.appendChild(href);
+    }
+    HttpRequest.Open("BMOVE", fromFolder, false);
+    HttpRequest.SetRequestHeader("Destination", toFolder);
+    HttpRequest.SetRequestHeader("Content-Type", "text/xml");
+    HttpRequest.Send(doc.xml());
+    const std::string headers = HttpRequest.GetAllResponseHeaders();
+    LastReplyText = HttpRequest.ResponseText();
+    HotmailError = HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+    return headers;
+}
+
+std::string CHotmail::SendMail(const std::string& strMessage) {
+    return core::Trap("SendMail Method", [&] {
+        d_->HttpRequest.Open("POST", d_->OutboxURL, false);
+        d_->HttpRequest.SetRequestHeader("Content-Type", "message/rfc821");
+        d_->HttpRequest.Send(strMessage);
+        const std::string headers = d_->HttpRequest.GetAllResponseHeaders();
+        d_->LastReplyText = d_->HttpRequest.ResponseText();
+        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+        return headers;
+    });
+}
+
+}  // namespace mailservice

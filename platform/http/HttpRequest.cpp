@@ -1,0 +1,208 @@
+#include "platform/http/HttpRequest.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+#include "core/Error.h"
+
+namespace platform {
+namespace {
+
+CURL* Handle(void* p) { return static_cast<CURL*>(p); }
+
+// libcurl must be initialised once per process before any handle is made.
+void GlobalInit() {
+    static const bool done = [] {
+        curl_global_init(CURL_GLOBAL_DEFAULT);
+        return true;
+    }();
+    (void)done;
+}
+
+[[noreturn]] void Fail(std::int32_t number, const std::string& description) {
+    throw core::Error(number, {}, description);
+}
+
+[[noreturn]] void FailFor(CURLcode code) {
+    switch (code) {
+        case CURLE_URL_MALFORMAT:
+            Fail(HttpError::kInvalidUrl, "The URL is invalid");
+        case CURLE_UNSUPPORTED_PROTOCOL:
+            Fail(HttpError::kUnrecognizedScheme, "The URL does not use a recognized protocol");
+        case CURLE_COULDNT_RESOLVE_HOST:
+        case CURLE_COULDNT_RESOLVE_PROXY:
+            Fail(HttpError::kNameNotResolved, "The server name or address could not be resolved");
+        case CURLE_COULDNT_CONNECT:
+            Fail(HttpError::kCannotConnect, "A connection with the server could not be established");
+        case CURLE_OUT_OF_MEMORY:
+            core::Raise(core::ErrorNumber::kOutOfMemory);
+        default:
+            // Everything else (nothing received, a reply cut short, a send or receive error) is a broken transfer.
+            Fail(HttpError::kConnectionAborted, "The connection with the server was terminated abnormally");
+    }
+}
+
+void Check(CURLcode code) {
+    if (code != CURLE_OK) FailFor(code);
+}
+
+struct SlistDeleter {
+    void operator()(curl_slist* list) const { curl_slist_free_all(list); }
+};
+using Slist = std::unique_ptr<curl_slist, SlistDeleter>;
+
+void Append(Slist& list, const std::string& line) {
+    curl_slist* grown = curl_slist_append(list.get(), line.c_str());
+    if (!grown) core::Raise(core::ErrorNumber::kOutOfMemory);
+    (void)list.release();
+    list.reset(grown);
+}
+
+bool HasHeader(const std::vector<std::pair<std::string, std::string>>& headers, const char* name) {
+    for (const auto& [n, v] : headers) {
+        if (curl_strequal(n.c_str(), name)) return true;
+    }
+    return false;
+}
+
+}  // namespace
+
+HttpRequest::HttpRequest() {
+    GlobalInit();
+    curl_ = curl_easy_init();
+    if (!curl_) core::Raise(core::ErrorNumber::kOutOfMemory);
+    CURL* h = Handle(curl_);
+    // Options that hold for every request of the object. No time-out is set: libcurl's defaults apply.
+    curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+    // Without this an "ftp:" or "file:" address would be fetched instead of failing as an unknown scheme.
+    curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &HttpRequest::OnBody);
+    curl_easy_setopt(h, CURLOPT_WRITEDATA, this);
+}
+
+HttpRequest::~HttpRequest() {
+    if (curl_) curl_easy_cleanup(Handle(curl_));
+}
+
+void HttpRequest::Open(const std::string& method, const std::string& url, bool async) {
+    if (async) core::Raise(core::ErrorNumber::kInvalidProcedureCall);
+    method_ = method;
+    url_ = url;
+    headers_.clear();
+    body_.clear();
+    responseText_.clear();
+    haveReply_ = false;
+}
+
+void HttpRequest::SetUserAgent(const std::string& userAgent) {
+    Check(curl_easy_setopt(Handle(curl_), CURLOPT_USERAGENT, userAgent.c_str()));
+}
+
+void HttpRequest::SetCredentials(const std::string& user, const std::string& password, bool forServer) {
+    if (!forServer) core::Raise(core::ErrorNumber::kInvalidProcedureCall);
+    CURL* h = Handle(curl_);
+    Check(curl_easy_setopt(h, CURLOPT_USERNAME, user.c_str()));
+    Check(curl_easy_setopt(h, CURLOPT_PASSWORD, password.c_str()));
+    // Let libcurl answer whichever scheme the server's challenge names (Basic, Digest, ...). The handle keeps
+    // the scheme it picked, so later requests of the session authenticate without another challenge.
+    Check(curl_easy_setopt(h, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY)));
+}
+
+void HttpRequest::SetRequestHeader(const std::string& name, const std::string& value) {
+    headers_.emplace_back(name, value);
+}
+
+void HttpRequest::Send() { Perform(nullptr); }
+
+void HttpRequest::Send(const std::string& body) {
+    body_ = body;
+    Perform(&body_);
+}
+
+void HttpRequest::Perform(const std::string* body) {
+    CURL* h = Handle(curl_);
+    responseText_.clear();
+    haveReply_ = false;
+
+    // Per-request options are reset one by one rather than with curl_easy_reset, which would also drop the
+    // user agent and the credentials that the session sets once and relies on for every later request.
+    // HTTPGET first: it clears any body and upload mode the previous request left on the handle.
+    Check(curl_easy_setopt(h, CURLOPT_HTTPGET, 1L));
+    Check(curl_easy_setopt(h, CURLOPT_URL, url_.c_str()));
+    if (body) {
+        // POSTFIELDS with an explicit size: bytes go out unchanged, NULs and all, with a Content-Length.
+        Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size())));
+        Check(curl_easy_setopt(h, CURLOPT_POSTFIELDS, body->data()));
+    }
+    // A custom method with no body stays body-less: libcurl sends neither body nor Content-Length for it.
+    // libcurl's own method (GET without a body, POST with one) needs no override; any other is sent as named.
+    const bool ownMethod = (method_ == "GET" && !body) || (method_ == "POST" && body);
+    Check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, ownMethod ? nullptr : method_.c_str()));
+
+    Slist list;
+    for (const auto& [name, value] : headers_) {
+        // libcurl drops "Name:" with nothing after it; "Name;" is its way of sending a header with an empty value.
+        Append(list, value.empty() ? name + ";" : name + ": " + value);
+    }
+    // Headers libcurl would add on its own; "Name:" with no value tells it to leave them out.
+    Append(list, "Accept:");
+    Append(list, "Expect:");
+    if (body && !HasHeader(headers_, "Content-Type")) {
+        // A body given through POSTFIELDS would otherwise be labelled as a form.
+        Append(list, "Content-Type:");
+    }
+    Check(curl_easy_setopt(h, CURLOPT_HTTPHEADER, list.get()));
+
+    const CURLcode result = curl_easy_perform(h);
+    // The list must outlive the transfer only; detach it so that the handle never points at freed memory.
+    curl_easy_setopt(h, CURLOPT_HTTPHEADER, nullptr);
+    curl_easy_setopt(h, CURLOPT_POSTFIELDS, nullptr);
+    if (result != CURLE_OK) {
+        responseText_.clear();
+        FailFor(result);
+    }
+    haveReply_ = true;
+}
+
+std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
+    // Never let an exception cross libcurl: a failed append aborts the transfer instead.
+    try {
+        static_cast<HttpRequest*>(self)->responseText_.append(data, size * count);
+        return size * count;
+    } catch (...) {
+        return 0;
+    }
+}
+
+std::string HttpRequest::GetAllResponseHeaders() const {
+    std::string block;
+    if (!haveReply_) return block;
+    // Request -1: the final reply only, not a 401 challenge that libcurl answered on the way.
+    curl_header* prev = nullptr;
+    while (curl_header* hdr = curl_easy_nextheader(Handle(curl_), CURLH_HEADER, -1, prev)) {
+        block.append(hdr->name).append(": ").append(hdr->value).append("\r\n");
+        prev = hdr;
+    }
+    block.append("\r\n");
+    return block;
+}
+
+std::string HttpRequest::GetResponseHeader(const std::string& name) const {
+    curl_header* hdr = nullptr;
+    if (!haveReply_ ||
+        curl_easy_header(Handle(curl_), name.c_str(), 0, CURLH_HEADER, -1, &hdr) != CURLHE_OK) {
+        Fail(HttpError::kHeaderNotFound, "The requested header was not found");
+    }
+    return hdr->value;
+}
+
+void HttpRequest::Abort() noexcept {
+    headers_.clear();
+    body_.clear();
+    responseText_.clear();
+    haveReply_ = false;
+}
+
+}  // namespace platform

@@ -1,0 +1,68 @@
+// One synchronous HTTP request object over a single libcurl handle: open a request, set headers, send, read
+// the reply. Later requests reuse the handle, its connection, its user agent and its credentials. Failures
+// raise core::Error with the numbers of the request layer (malformed address, unresolved host, ...).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace platform {
+
+// Numbers of the request layer's failures.
+namespace HttpError {
+inline constexpr std::int32_t kInvalidUrl = -2147012891;           // "The URL is invalid"
+inline constexpr std::int32_t kUnrecognizedScheme = -2147012890;   // "The URL does not use a recognized protocol"
+inline constexpr std::int32_t kNameNotResolved = -2147012889;      // "The server name or address could not be resolved"
+inline constexpr std::int32_t kCannotConnect = -2147012867;        // "A connection with the server could not be established"
+inline constexpr std::int32_t kConnectionAborted = -2147012866;    // "The connection with the server was terminated abnormally"
+inline constexpr std::int32_t kHeaderNotFound = -2147012746;       // "The requested header was not found"
+}  // namespace HttpError
+
+class HttpRequest {
+public:
+    // A request object with no request open yet.
+    HttpRequest();
+    // Releases the handle and its connection; never throws.
+    ~HttpRequest();
+    HttpRequest(const HttpRequest&) = delete;
+    HttpRequest& operator=(const HttpRequest&) = delete;
+
+    // Starts a new request with `method` (any token: "PROPFIND", "BMOVE"...) to `url`, used exactly as given.
+    // Only synchronous requests exist; `async` must be false. Headers and reply of the previous request go.
+    void Open(const std::string& method, const std::string& url, bool async = false);
+    // The user agent sent with this and every later request of the object.
+    void SetUserAgent(const std::string& userAgent);
+    // Credentials for this and every later request; Basic or Digest, whichever the server asks for.
+    // `forServer` false would mean a proxy, which this gateway never uses.
+    void SetCredentials(const std::string& user, const std::string& password, bool forServer = true);
+    // Adds a request header, sent in the order added; an empty value still sends the header.
+    void SetRequestHeader(const std::string& name, const std::string& value);
+    // Sends the request without a body and waits for the whole reply.
+    void Send();
+    // Sends the request with `body` (bytes unchanged) and waits for the whole reply.
+    void Send(const std::string& body);
+    // The reply body, bytes unchanged; empty before a reply has arrived.
+    const std::string& ResponseText() const { return responseText_; }
+    // The reply's header lines as one text, each "Name: value" followed by CR LF, then an empty line.
+    std::string GetAllResponseHeaders() const;
+    // The value of reply header `name` (any case); raises -2147012746 when the reply has no such header.
+    std::string GetResponseHeader(const std::string& name) const;
+    // Drops the current request and its reply; reads then find nothing. Never throws.
+    void Abort() noexcept;
+
+private:
+    void Perform(const std::string* body);
+    static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
+
+    void* curl_ = nullptr;  // CURL*, kept opaque so that callers need no libcurl header
+    std::string method_;
+    std::string url_;
+    std::vector<std::pair<std::string, std::string>> headers_;
+    std::string body_;
+    std::string responseText_;
+    bool haveReply_ = false;
+};
+
+}  // namespace platform

@@ -1,0 +1,67 @@
+#include "platform/xml/XmlDocument.h"
+
+#include <sstream>
+
+#include "core/Error.h"
+
+namespace platform {
+namespace {
+
+// The declaration is kept so that a parsed template is written back with it.
+constexpr unsigned kParseOptions = pugi::parse_default | pugi::parse_declaration;
+
+// pugixml accepts several top-level elements or stray top-level text; a well-formed document has neither.
+std::string TopLevelProblem(const pugi::xml_document& doc) {
+    int elements = 0;
+    for (pugi::xml_node c : doc.children()) {
+        if (c.type() == pugi::node_element) ++elements;
+        if (c.type() == pugi::node_pcdata || c.type() == pugi::node_cdata) return "Text outside the document element";
+    }
+    if (elements > 1) return "More than one document element";
+    return {};
+}
+
+}  // namespace
+
+XmlDocument::XmlDocument() : doc_(std::make_shared<pugi::xml_document>()) {}
+
+bool XmlDocument::loadXML(const std::string& text) {
+    // A fresh document each time: handles into the previous content stay valid for whoever still holds them.
+    auto fresh = std::make_shared<pugi::xml_document>();
+    const pugi::xml_parse_result result =
+        fresh->load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);
+    reason_.clear();
+    if (!result) {
+        reason_ = result.description();
+    } else {
+        reason_ = TopLevelProblem(*fresh);
+    }
+    if (!reason_.empty()) fresh->reset();
+    doc_ = std::move(fresh);
+    return reason_.empty();
+}
+
+XmlNode XmlDocument::documentElement() const { return XmlNode(doc_->document_element(), doc_); }
+
+XmlNodeList XmlDocument::selectNodes(const std::string& pattern) const {
+    return XmlNode(*doc_, doc_).selectNodes(pattern);
+}
+
+XmlNode XmlDocument::createElement(const std::string& name) const {
+    auto holder = std::make_shared<pugi::xml_document>();
+    pugi::xml_node element = holder->append_child(name.c_str());
+    if (!element) core::Raise(core::ErrorNumber::kOutOfMemory);
+    return XmlNode(element, holder);
+}
+
+std::string XmlDocument::xml() const {
+    std::ostringstream out;
+    // format_no_declaration: write only a declaration the document holds, never invent one.
+    doc_->save(out, "",
+               pugi::format_raw | pugi::format_no_declaration | pugi::format_attribute_single_quote |
+                   pugi::format_no_empty_element_tags,
+               pugi::encoding_utf8);
+    return out.str();
+}
+
+}  // namespace platform

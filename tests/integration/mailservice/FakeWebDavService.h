@@ -1,0 +1,81 @@
+// A scripted WebDAV service on 127.0.0.1 for tests: records every request exactly as it arrived and answers
+// each from a queue of scripted replies. Optionally demands Basic or Digest credentials first.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct MHD_Daemon;
+struct MHD_Connection;
+
+namespace testing_support {
+
+using HeaderList = std::vector<std::pair<std::string, std::string>>;
+
+struct RecordedRequest {
+    std::string method;
+    std::string path;
+    HeaderList headers;  // in the order they arrived
+    std::string body;
+
+    // Value of the first header named `name` (any case), if there is one.
+    std::optional<std::string> Header(const std::string& name) const;
+    // The header names in order, without the ones every request carries (Host, User-Agent, Authorization,
+    // Content-Length), to check that nothing else was added.
+    std::vector<std::string> ExtraHeaderNames() const;
+};
+
+struct ScriptedReply {
+    int status = 200;
+    HeaderList headers;
+    std::string body;
+    bool breakOff = false;  // promise more body than is sent, then drop the connection
+};
+
+// A 200 reply carrying an "X-Dav-Error" header, as the service sends with every reply.
+ScriptedReply DavReply(std::string body, int status = 200, std::string davError = "200 No error");
+
+class FakeWebDavService {
+public:
+    enum class Auth { None, Basic, Digest };
+
+    explicit FakeWebDavService(Auth auth = Auth::None, std::string user = {}, std::string password = {});
+    ~FakeWebDavService();
+    FakeWebDavService(const FakeWebDavService&) = delete;
+    FakeWebDavService& operator=(const FakeWebDavService&) = delete;
+
+    // "http://127.0.0.1:<port>" followed by `path`.
+    std::string Url(const std::string& path) const;
+    // Queues the reply to the next request that passes authentication.
+    void Enqueue(ScriptedReply reply);
+    // Every authenticated request so far, in arrival order.
+    std::vector<RecordedRequest> Requests() const;
+    // How many requests were answered with an authentication challenge.
+    int Challenges() const;
+
+    // Internal: called from the daemon's thread.
+    int Handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+               std::size_t* uploadSize, void** state);
+
+private:
+    Auth auth_;
+    std::string user_;
+    std::string password_;
+    std::string random_;
+    MHD_Daemon* daemon_ = nullptr;
+    std::uint16_t port_ = 0;
+    mutable std::mutex mutex_;
+    std::deque<ScriptedReply> script_;
+    std::vector<RecordedRequest> requests_;
+    int challenges_ = 0;
+};
+
+// A port on 127.0.0.1 that nothing listens on (bound, then released).
+std::uint16_t ClosedLoopbackPort();
+
+}  // namespace testing_support

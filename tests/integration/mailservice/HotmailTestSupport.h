@@ -1,0 +1,136 @@
+// Shared fixture and reply builders for the service client tests: a fresh fake service and session per test,
+// message boxes captured, error reporter reset, a day/month/year 24-hour locale.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <QLocale>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FakeWebDavService.h"
+#include "core/Error.h"
+#include "core/MErrorHandler.h"
+#include "core/MessageBox.h"
+#include "mailservice/CHotmail.h"
+
+namespace hotmail_test {
+
+inline constexpr const char* kEntryPath = "/svcs/hotmail/tarnwick.asp";
+
+// The error the reporter keeps (only meaningful once one was kept).
+inline core::Error KeptError() {
+    try {
+        core::MErrorHandler::HandleError(0, "probe", "probe");
+    } catch (const core::Error& e) {
+        return e;
+    }
+    return core::Error(0, {}, {});
+}
+
+// The error `step` raises; a default error (number 0) when it raises none.
+template <typename Step>
+core::Error RaisedBy(Step&& step) {
+    try {
+        step();
+    } catch (const core::Error& e) {
+        return e;
+    }
+    return core::Error(0, {}, {});
+}
+
+// A log-in reply: one entry with `base` as its address and `props` as its property list, under element names
+// that mean nothing (only positions count). White space between elements, as a real service indents.
+inline std::string LoginReply(const std::string& base, const std::vector<std::string>& props) {
+    std::string s = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<D:multistatus xmlns:D=\"DAV:\" xmlns:q=\"urn:q\">"
+                    "\r\n <D:response>\r\n  <D:href>" + base + "</D:href>\r\n  <D:propstat>\r\n   <D:prop>\r\n";
+    for (std::size_t i = 0; i < props.size(); ++i) {
+        const std::string name = "q:p" + std::to_string(i);
+        s += "    <" + name + ">" + props[i] + "</" + name + ">\r\n";
+    }
+    s += "   </D:prop>\r\n   <D:status>HTTP/1.1 200 OK</D:status>\r\n  </D:propstat>\r\n </D:response>\r\n"
+         "</D:multistatus>\r\n";
+    return s;
+}
+
+struct FolderEntry {
+    std::string url;
+    std::string name;
+    bool onlyOneProperty = false;
+};
+
+inline std::string FolderReply(const std::vector<FolderEntry>& folders) {
+    std::string s = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\">";
+    for (const FolderEntry& f : folders) {
+        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>";
+        if (!f.onlyOneProperty) {
+            s += "<D:displayname>" + f.name + "</D:displayname><hm:special>x</hm:special>"
+                 "<hm:unreadcount>0</hm:unreadcount>";
+        }
+        s += "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+    }
+    return s + "</D:multistatus>";
+}
+
+struct ListedMessage {
+    std::string href;
+    std::string id;
+    std::optional<std::string> subject = "Subject";
+    std::optional<std::string> read = "0";
+    std::optional<std::string> date = "2002-05-14T10:21:13";
+    std::string length = "100";
+    std::optional<std::string> attachment;
+};
+
+inline std::string ListingReply(const std::vector<ListedMessage>& messages) {
+    std::string s = "<?xml version=\"1.0\"?>\n<D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\" "
+                    "xmlns:m=\"urn:schemas:mailheader:\" xmlns:h=\"http://schemas.tarnwick.invalid/hotmail/\">\n";
+    for (const ListedMessage& m : messages) {
+        s += " <D:response>\n  <D:href>" + m.href + "</D:href>\n  <D:propstat><D:prop>\n   <D:id>" + m.id +
+             "</D:id>\n";
+        if (m.subject) s += "   <m:subject>" + *m.subject + "</m:subject>\n";
+        s += "   <m:to>to-" + m.id + "</m:to><m:from>from-" + m.id + "</m:from><h:fromaddr>" + m.id +
+             "@example.invalid</h:fromaddr>\n";
+        if (m.date) s += "   <m:date>" + *m.date + "</m:date>\n";
+        s += "   <D:getcontentlength>" + m.length + "</D:getcontentlength>\n";
+        if (m.read) s += "   <hm:read>" + *m.read + "</hm:read>\n";
+        if (m.attachment) s += "   <hm:hasattachment>" + *m.attachment + "</hm:hasattachment>\n";
+        s += "  </D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat>\n </D:response>\n";
+    }
+    return s + "</D:multistatus>\n";
+}
+
+class HotmailTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        core::MErrorHandler::ResetForTesting();
+        core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
+        mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
+        mail_.SetUserName("joe");
+        mail_.SetPassword("s3cret");
+    }
+    void TearDown() override {
+        core::MessageBox::SetHandler([](const std::string&) {});
+    }
+
+    // The seven addresses a standard log-in reply hands out, in reply order.
+    std::vector<std::string> Addresses() const {
+        return {svc_.Url("/ad"),    svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
+                svc_.Url("/sent"), svc_.Url("/trash"),    svc_.Url("/root")};
+    }
+    // Scripts a log-in whose folder listing finds `folders`, and runs Connect.
+    void LogIn(const std::vector<FolderEntry>& folders = {{"/f/inbox", "Inbox"}}) {
+        svc_.Enqueue(testing_support::DavReply(LoginReply(svc_.Url("/base"), Addresses())));
+        svc_.Enqueue(testing_support::DavReply(FolderReply(folders)));
+        ASSERT_TRUE(mail_.Connect());
+    }
+
+    testing_support::FakeWebDavService svc_;
+    mailservice::CHotmail mail_;
+    std::vector<std::string> boxes_;
+};
+
+}  // namespace hotmail_test
