@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <functional>
 #include <limits>
 #include <utility>
 
@@ -83,7 +84,7 @@ void ServerFrame::StartListening() {
 void ServerFrame::MakeWinsock() {
     core::Trap("MakeWinsock Method", [&] {
         KillWinsock();
-        objWinsock = &(host_.*profile_.socketControl)();
+        objWinsock = &std::invoke(profile_.socketControl, host_);
         objWinsock->SetEventSink(this);
     });
 }
