@@ -1,0 +1,30 @@
+// The gateway's command line: mode, the start-up texts of the port boxes, the service address and the
+// listen address.
+#pragma once
+
+#include <optional>
+#include <string>
+
+class QCoreApplication;
+
+namespace app {
+
+struct GatewayOptions {
+    // No window, no tray icon; the log goes to standard output.
+    bool headless = false;
+    // What start-up writes into the port boxes; passed on unvalidated, as if typed.
+    std::string pop3Port = "110";
+    std::string smtpPort = "25";
+    // Replaces the service client's built-in entry address when given.
+    std::optional<std::string> serviceUrl;
+    // The address both servers listen on.
+    std::string listenAddress = "127.0.0.1";
+
+    // Parses the application's arguments; --help and --version print and exit 0, a bad option exits 2.
+    static GatewayOptions Parse(const QCoreApplication& application);
+    // Whether the arguments ask for a mode that must run without a display (headless, help, version);
+    // read before the application object exists, since that choice decides which one to create.
+    static bool NeedsNoDisplay(int argc, char** argv);
+};
+
+}  // namespace app

@@ -1,0 +1,27 @@
+#include "app/HeadlessView.h"
+
+#include <cstdio>
+
+namespace app {
+namespace {
+
+void WriteLine(std::FILE* stream, const std::string& text) {
+    std::fputs("tarnwick-gateway: ", stream);
+    std::fwrite(text.data(), 1, text.size(), stream);
+    std::fputc('\n', stream);
+    std::fflush(stream);
+}
+
+}  // namespace
+
+void HeadlessView::AppendLog(const std::string& entry) {
+    // Whoever reads the log follows it live, so nothing may wait in the buffer.
+    std::fwrite(entry.data(), 1, entry.size(), stdout);
+    std::fflush(stdout);
+}
+
+void HeadlessView::ShowMessage(const std::string& text) { WriteLine(stderr, text); }
+
+void HeadlessView::ShowFatalMessage(const std::string& text) { WriteLine(stderr, text); }
+
+}  // namespace app

@@ -1,0 +1,80 @@
+// tarnwick-gateway: the window (default) or the headless mode, one instance per user.
+#include <QApplication>
+#include <QCoreApplication>
+#include <QDir>
+#include <QLockFile>
+#include <QStandardPaths>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+
+#include "app/GatewayOptions.h"
+#include "app/HeadlessView.h"
+#include "app/Main.h"
+#include "app/MainWindow.h"
+#include "core/MessageBox.h"
+
+namespace {
+
+constexpr int kAlreadyRunning = 3;
+
+// Per user: the runtime folder is private to the user; the temp folder is the fallback.
+QString LockFilePath() {
+    QString folder = qEnvironmentVariable("XDG_RUNTIME_DIR");
+    if (folder.isEmpty() || !QDir(folder).exists()) folder = QDir::tempPath();
+    return QDir(folder).filePath("tarnwick-gateway.lock");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The window mode needs a display; the headless mode, --help and --version must not.
+    std::unique_ptr<QCoreApplication> application;
+    if (app::GatewayOptions::NeedsNoDisplay(argc, argv)) {
+        application = std::make_unique<QCoreApplication>(argc, argv);
+    } else {
+        application = std::make_unique<QApplication>(argc, argv);
+    }
+    QCoreApplication::setApplicationName("tarnwick-gateway");
+    QCoreApplication::setApplicationVersion(QStringLiteral("%1.%2.%3")
+                                                .arg(app::Main::kVersionMajor)
+                                                .arg(app::Main::kVersionMinor)
+                                                .arg(app::Main::kVersionRevision));
+    const app::GatewayOptions options = app::GatewayOptions::Parse(*application);
+    // options.serviceUrl goes to mailservice::CHotmail::SetServiceEntryURL here, before any server starts.
+
+    QLockFile lock(LockFilePath());
+    if (!lock.tryLock(0)) {
+        std::fprintf(stderr,
+                     "tarnwick-gateway: another instance is already running for this user (lock file %s); "
+                     "only one may run at a time.\n",
+                     qPrintable(lock.fileName()));
+        return kAlreadyRunning;
+    }
+
+    std::unique_ptr<app::IMainView> view;
+    app::MainWindow* window = nullptr;
+    if (options.headless) {
+        view = std::make_unique<app::HeadlessView>();
+    } else {
+        auto widgets = std::make_unique<app::MainWindow>();
+        window = widgets.get();
+        view = std::move(widgets);
+    }
+
+    app::Main main(*view, options);
+    core::MessageBox::SetHandler([&view](const std::string& text) { view->ShowMessage(text); });
+    main.SetProgramEnd([&view, &lock](const core::Error& error) {
+        view->ShowFatalMessage(app::Main::ProgramEndMessage(error));
+        lock.unlock();
+        std::fflush(stdout);
+        // Nothing may run after an unhandled error: not even the event that is still on the stack.
+        std::_Exit(1);
+    });
+    if (window) window->Attach(main);
+
+    main.RunEvent(&app::Main::Form_Load);
+    if (window) window->show();
+    return application->exec();
+}

@@ -1,0 +1,211 @@
+#include "platform/net/SocketControl.h"
+
+#include <QTcpServer>
+#include <QTimer>
+
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+
+#include "core/ISocketEvents.h"
+#include "core/MessageBox.h"
+#include "core/Trap.h"
+
+namespace platform::net {
+namespace {
+
+// Numbers the socket control raises itself, in the range the platform's socket errors use.
+constexpr std::int32_t kWrongState = 40006;
+constexpr const char* kWrongStateText =
+    "Wrong protocol or connection state for the requested transaction or request";
+constexpr std::int32_t kConnectionAborted = 10053;
+constexpr std::int32_t kTimedOut = 10060;
+constexpr std::int32_t kHighestPort = std::numeric_limits<quint16>::max();
+
+[[noreturn]] void RaiseWrongState() {
+    throw core::Error(kWrongState, "SocketControl", kWrongStateText);
+}
+
+void EndProgram(const core::Error& error) {
+    core::MessageBox::Show("Error " + std::to_string(error.Number()) + ": " + error.Description());
+    std::fflush(stdout);
+    std::_Exit(1);
+}
+
+}  // namespace
+
+SocketControl::SocketControl(QObject* parent) : QObject(parent), unhandled_(EndProgram) {}
+
+SocketControl::~SocketControl() {
+    // Nothing may reach a sink from a control that is going away.
+    sink_ = nullptr;
+    if (socket_) socket_->disconnect(this);
+    if (pending_) pending_->disconnect(this);
+}
+
+void SocketControl::SetListenAddress(const QHostAddress& address) { listenAddress_ = address; }
+
+void SocketControl::SetUnhandledErrorHandler(UnhandledErrorHandler handler) { unhandled_ = std::move(handler); }
+
+void SocketControl::SetEventSink(core::ISocketEvents* sink) { sink_ = sink; }
+
+std::int32_t SocketControl::State() const { return state_; }
+
+void SocketControl::SetLocalPort(std::int32_t port) { localPort_ = port; }
+
+std::int32_t SocketControl::LocalPort() const { return localPort_; }
+
+void SocketControl::Listen() {
+    if (state_ != kClosed) RaiseWrongState();
+    if (localPort_ < 0 || localPort_ > kHighestPort) core::Raise(core::ErrorNumber::kInvalidProcedureCall);
+    DropPending();
+    auto* server = new QTcpServer(this);
+    // The frame takes one client at a time; queueing more in Qt would only delay their refusal.
+    server->setMaxPendingConnections(1);
+    if (!server->listen(listenAddress_, static_cast<quint16>(localPort_))) {
+        const QAbstractSocket::SocketError error = server->serverError();
+        const std::string text = server->errorString().toStdString();
+        delete server;
+        if (error == QAbstractSocket::AddressInUseError) core::Raise(core::ErrorNumber::kAddressInUse, "SocketControl");
+        throw core::Error(core::ErrorNumber::kInvalidProcedureCall, "SocketControl", text);
+    }
+    connect(server, &QTcpServer::newConnection, this, &SocketControl::OnNewConnection);
+    server_ = server;
+    // Port 0 asks for any free port; report the one actually bound.
+    localPort_ = server_->serverPort();
+    state_ = kListening;
+}
+
+void SocketControl::Accept(std::int32_t requestId) {
+    if (!pending_ || requestId != pendingId_) core::Raise(core::ErrorNumber::kInvalidProcedureCall, "SocketControl");
+    // Nothing listens while a client is connected.
+    CloseListener();
+    if (socket_) Release(socket_);
+    socket_ = pending_;
+    pending_ = nullptr;
+    received_.clear();
+    errorRaised_ = false;
+    connect(socket_, &QTcpSocket::readyRead, this, &SocketControl::OnReadyRead);
+    connect(socket_, &QTcpSocket::bytesWritten, this, &SocketControl::OnBytesWritten);
+    connect(socket_, &QTcpSocket::errorOccurred, this, &SocketControl::OnSocketError);
+    connect(socket_, &QTcpSocket::disconnected, this, &SocketControl::OnDisconnected);
+    state_ = kConnected;
+    // Bytes or a close that came before Accept raised no signal we were connected to.
+    QTimer::singleShot(0, socket_, [this, socket = socket_] { CatchUpAfterAccept(socket); });
+}
+
+void SocketControl::CatchUpAfterAccept(QTcpSocket* socket) {
+    if (socket != socket_) return;
+    if (socket_->bytesAvailable() > 0) OnReadyRead();
+    if (socket_ == socket && socket_->state() == QAbstractSocket::UnconnectedState) OnDisconnected();
+}
+
+void SocketControl::Close() {
+    CloseListener();
+    if (socket_) {
+        Release(socket_);
+        socket_ = nullptr;
+    }
+    // A pending connection survives: the frame closes the listener before it accepts.
+    received_.clear();
+    errorRaised_ = false;
+    state_ = kClosed;
+}
+
+std::string SocketControl::GetData() {
+    std::string data(received_.constData(), static_cast<std::size_t>(received_.size()));
+    received_.clear();
+    return data;
+}
+
+void SocketControl::SendData(const std::string& data) {
+    if (!socket_ || state_ != kConnected) RaiseWrongState();
+    socket_->write(data.data(), static_cast<qint64>(data.size()));
+}
+
+void SocketControl::OnNewConnection() {
+    if (!server_) return;
+    QTcpSocket* socket = server_->nextPendingConnection();
+    if (!socket) return;
+    // Taken out of the server at once: closing the listener deletes the connections it still holds.
+    socket->setParent(this);
+    DropPending();
+    pending_ = socket;
+    pendingId_ = nextRequestId_++;
+    const std::int32_t id = pendingId_;
+    RaiseEvent([id](core::ISocketEvents& sink) { sink.OnConnectionRequest(id); });
+}
+
+void SocketControl::OnReadyRead() {
+    if (!socket_) return;
+    received_.append(socket_->readAll());
+    if (received_.isEmpty()) return;
+    const auto total = static_cast<std::int32_t>(received_.size());
+    RaiseEvent([total](core::ISocketEvents& sink) { sink.OnDataArrival(total); });
+}
+
+void SocketControl::OnBytesWritten(qint64 bytes) {
+    if (!socket_) return;
+    QTcpSocket* socket = socket_;
+    const auto remaining = static_cast<std::int32_t>(socket->bytesToWrite());
+    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
+    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+}
+
+void SocketControl::OnSocketError(QAbstractSocket::SocketError error) {
+    // Qt reports the peer's orderly close as an error too; only the Close event may surface for it.
+    if (error == QAbstractSocket::RemoteHostClosedError || errorRaised_ || !socket_) return;
+    errorRaised_ = true;
+    state_ = kError;
+    const std::int32_t number = error == QAbstractSocket::SocketTimeoutError ? kTimedOut : kConnectionAborted;
+    const std::string text = socket_->errorString().toStdString();
+    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnError(number, text); });
+}
+
+void SocketControl::OnDisconnected() {
+    // After an error the connection is broken, not closed: the error was the one event for it.
+    if (errorRaised_ || !socket_) return;
+    // Bytes that came with the close are still delivered first.
+    if (socket_->bytesAvailable() > 0) OnReadyRead();
+    if (!socket_ || errorRaised_) return;
+    RaiseEvent([](core::ISocketEvents& sink) { sink.OnClose(); });
+}
+
+void SocketControl::CloseListener() {
+    if (!server_) return;
+    server_->disconnect(this);
+    server_->close();
+    // May be inside the server's own newConnection signal.
+    server_->deleteLater();
+    server_ = nullptr;
+}
+
+void SocketControl::DropPending() {
+    if (!pending_) return;
+    pending_->abort();
+    pending_->deleteLater();
+    pending_ = nullptr;
+}
+
+void SocketControl::Release(QTcpSocket* socket) {
+    socket->disconnect();
+    if (socket->state() == QAbstractSocket::UnconnectedState) {
+        socket->deleteLater();
+        return;
+    }
+    // Let queued bytes go out before the socket goes away.
+    QObject::connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+    socket->disconnectFromHost();
+}
+
+template <typename Event>
+void SocketControl::RaiseEvent(Event&& event) {
+    if (!sink_) return;
+    try {
+        event(*sink_);
+    } catch (...) {
+        unhandled_(core::CurrentError());
+    }
+}
+
+}  // namespace platform::net

@@ -1,0 +1,26 @@
+// The fixed texts and choices by which the POP3 and the SMTP server differ inside the shared frame.
+#pragma once
+
+#include <string>
+
+#include "core/IGatewayHost.h"
+#include "core/ISocketControl.h"
+
+namespace servers::frame {
+
+struct ServerProfile {
+    // The host's socket control this server attaches to (WinsockPOP3 or WinsockSMTP).
+    core::ISocketControl& (core::IGatewayHost::*socketControl)();
+    // ListenPort after creation: "110" or "25".
+    std::string defaultListenPort;
+    // Put before every error message: "-ERR " or "500 ".
+    std::string errorPrefix;
+    // Put before the command word of a request no table entry matches.
+    std::string unrecognisedCommandText;
+    // Whether send progress and completion are logged.
+    bool logsSendEvents;
+    // The creation label, "<class> Class_Initialize Event".
+    std::string classInitializeLabel;
+};
+
+}  // namespace servers::frame
