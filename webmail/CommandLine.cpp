@@ -1,0 +1,104 @@
+#include "webmail/CommandLine.h"
+
+#include <stdexcept>
+
+namespace {
+
+std::uint16_t parsePort(const std::string& text) {
+    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
+        throw std::invalid_argument("--listen: port must be a number from 0 to 65535, got \"" + text + "\"");
+    }
+    const unsigned long port = std::stoul(text);
+    if (port > 65535) throw std::invalid_argument("--listen: port must be from 0 to 65535, got " + text);
+    return static_cast<std::uint16_t>(port);
+}
+
+std::size_t parseSize(const std::string& text) {
+    if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos) {
+        throw std::invalid_argument("--max-message-size: expected a number of bytes, got \"" + text + "\"");
+    }
+    const unsigned long long size = std::stoull(text);
+    if (size < 1024) throw std::invalid_argument("--max-message-size: at least 1024 bytes");
+    return static_cast<std::size_t>(size);
+}
+
+}  // namespace
+
+CommandLine CommandLine::parse(const std::vector<std::string>& args) {
+    CommandLine line;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        const std::string& arg = args[i];
+        const auto value = [&](const char* what) -> const std::string& {
+            if (i + 1 >= args.size()) throw std::invalid_argument(arg + " needs " + what);
+            return args[++i];
+        };
+        if (arg == "--help" || arg == "-h") {
+            line.help = true;
+        } else if (arg == "--store") {
+            line.store = value("a folder");
+        } else if (arg == "--listen") {
+            const std::string& listen = value("ADDRESS:PORT");
+            const std::size_t colon = listen.rfind(':');
+            if (colon == std::string::npos || colon == 0) {
+                throw std::invalid_argument("--listen: expected ADDRESS:PORT, such as 127.0.0.1:8110");
+            }
+            line.server.address = listen.substr(0, colon);
+            if (line.server.address == "localhost") line.server.address = "127.0.0.1";
+            line.server.port = parsePort(listen.substr(colon + 1));
+        } else if (arg == "--domain") {
+            line.server.domain = value("a domain name");
+            if (line.server.domain.empty() || line.server.domain.find_first_of(" @<>\t\r\n") != std::string::npos) {
+                throw std::invalid_argument("--domain: not a domain name");
+            }
+        } else if (arg == "--auth") {
+            const std::string& mode = value("basic, digest or any");
+            if (mode == "basic") {
+                line.server.auth = WebmailServer::AuthMode::Basic;
+            } else if (mode == "digest") {
+                line.server.auth = WebmailServer::AuthMode::Digest;
+            } else if (mode == "any") {
+                line.server.auth = WebmailServer::AuthMode::Any;
+            } else {
+                throw std::invalid_argument("--auth: expected basic, digest or any, got \"" + mode + "\"");
+            }
+        } else if (arg == "--add-user") {
+            line.addUser = value("NAME PASSWORD");
+            line.addUserPassword = value("NAME PASSWORD");
+        } else if (arg == "--demo") {
+            line.demo = true;
+        } else if (arg == "--max-message-size") {
+            line.server.maxBodySize = parseSize(value("a number of bytes"));
+        } else {
+            throw std::invalid_argument("unknown option \"" + arg + "\" (see --help)");
+        }
+    }
+    if (!line.help && line.store.empty()) throw std::invalid_argument("--store DIR is required (see --help)");
+    return line;
+}
+
+std::string CommandLine::usage() {
+    return R"(Usage: tarnwick-webmail --store DIR [options]
+
+A small local web mail service over a Maildir store, speaking the WebDAV mail
+interface of Tarnwick Gateway. The entry address is
+  http://ADDRESS:PORT/svcs/hotmail/tarnwick.asp
+
+Options:
+  --store DIR               store folder: the password file "passwd" and one
+                            Maildir++ tree per account (created if missing)
+  --listen ADDRESS:PORT     IPv4 address and port (default 127.0.0.1:8110);
+                            port 0 picks a free port. Once listening, prints
+                            "listening on ADDRESS:PORT" on standard output
+  --domain NAME             mail domain of the store's accounts
+                            (default tarnwick.local)
+  --auth basic|digest|any   HTTP authentication offered (default any: both)
+  --max-message-size BYTES  largest request body accepted (default 10485760)
+  --add-user NAME PASSWORD  create the account (or set its password) and exit
+  --demo                    create account "demo", password "demo", with a few
+                            sample messages, if it does not exist yet
+  --help                    show this text
+
+Every request is logged on standard error: method, path, status, bytes, user.
+SIGINT or SIGTERM stops the service.
+)";
+}

@@ -1,0 +1,36 @@
+// One request to the service as the router sees it, and the reply it gives, independent of the HTTP server.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+struct DavRequest {
+    std::string method;                         // HTTP method, as sent
+    std::string path;                           // request path, still percent-encoded
+    std::string user;                           // the authenticated account
+    std::string baseUrl;                        // "http://host:port" the client used to reach us
+    std::string body;                           // request body
+    std::optional<std::string> contentType;     // Content-Type header
+    std::optional<std::string> destination;     // Destination header
+    std::optional<std::string> propfindHeader;  // the log-in request's "PROPFIND" header
+};
+
+struct DavReply {
+    unsigned status = 200;
+    std::string davError = "200 No error";  // the X-Dav-Error header, sent with every reply
+    std::string contentType = "text/xml; charset=\"utf-8\"";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;  // further headers
+
+    // A reply for a refused request: status, X-Dav-Error "<status> <reason>" and the reason as plain text.
+    static DavReply failure(unsigned status, const std::string& reason) {
+        DavReply reply;
+        reply.status = status;
+        reply.davError = std::to_string(status) + " " + reason;
+        reply.contentType = "text/plain; charset=\"utf-8\"";
+        reply.body = reply.davError + "\n";
+        return reply;
+    }
+};

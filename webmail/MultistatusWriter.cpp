@@ -1,0 +1,41 @@
+#include "webmail/MultistatusWriter.h"
+
+#include <sstream>
+
+MultistatusWriter::MultistatusWriter() {
+    auto decl = doc_.append_child(pugi::node_declaration);
+    decl.append_attribute("version") = "1.0";
+    decl.append_attribute("encoding") = "UTF-8";
+    root_ = doc_.append_child("D:multistatus");
+    root_.append_attribute("xmlns:D") = kDavNs;
+    root_.append_attribute("xmlns:h") = kHotmailNs;
+    root_.append_attribute("xmlns:hm") = kServiceNs;
+    root_.append_attribute("xmlns:m") = kMailHeaderNs;
+}
+
+pugi::xml_node MultistatusWriter::addResponse(std::string_view href, std::string_view status) {
+    auto response = root_.append_child("D:response");
+    addProp(response, "D:href", href);
+    auto propstat = response.append_child("D:propstat");
+    auto prop = propstat.append_child("D:prop");
+    addProp(propstat, "D:status", status);
+    return prop;
+}
+
+void MultistatusWriter::addStatus(std::string_view href, std::string_view status) {
+    auto response = root_.append_child("D:response");
+    addProp(response, "D:href", href);
+    addProp(response, "D:status", status);
+}
+
+pugi::xml_node MultistatusWriter::addProp(pugi::xml_node prop, std::string_view name, std::string_view text) {
+    auto element = prop.append_child(std::string(name).c_str());
+    if (!text.empty()) element.text().set(std::string(text).c_str());
+    return element;
+}
+
+std::string MultistatusWriter::str() const {
+    std::ostringstream out;
+    doc_.save(out, "", pugi::format_raw, pugi::encoding_utf8);
+    return out.str();
+}

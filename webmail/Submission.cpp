@@ -1,0 +1,105 @@
+#include "webmail/Submission.h"
+
+#include <algorithm>
+#include <cctype>
+
+namespace {
+
+bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
+    return text.size() >= prefix.size() &&
+           std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
+               return std::toupper(static_cast<unsigned char>(a)) == std::toupper(static_cast<unsigned char>(b));
+           });
+}
+
+// Takes one line off the front of text; the line excludes its CR LF (or bare LF).
+std::string_view takeLine(std::string_view& text) {
+    const std::size_t end = text.find('\n');
+    std::string_view line = text.substr(0, end);
+    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
+    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+    return line;
+}
+
+// Undoes SMTP transparency: a line that starts with "." lost its first dot on the wire's other side.
+std::string unstuff(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    bool lineStart = true;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (lineStart && text[i] == '.') {
+            lineStart = false;
+            continue;
+        }
+        out += text[i];
+        lineStart = text[i] == '\n';
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string Submission::envelopeAddress(std::string_view text) {
+    const std::size_t open = text.find('<');
+    if (open != std::string_view::npos) {
+        const std::size_t close = text.find('>', open);
+        if (close != std::string_view::npos) return std::string(text.substr(open + 1, close - open - 1));
+    }
+    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+    std::size_t end = 0;
+    while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end]))) ++end;
+    return std::string(text.substr(0, end));
+}
+
+std::optional<Submission> Submission::parse(std::string_view body, std::string& error) {
+    Submission result;
+    std::string_view rest = body;
+    const std::string_view first = takeLine(rest);
+    if (!startsWithIgnoreCase(first, "MAIL FROM:")) {
+        error = "first line must be MAIL FROM:";
+        return std::nullopt;
+    }
+    result.sender = envelopeAddress(first.substr(10));
+    while (true) {
+        if (rest.empty()) {
+            error = "no empty line after the envelope";
+            return std::nullopt;
+        }
+        const std::string_view line = takeLine(rest);
+        if (line.empty()) break;
+        if (!startsWithIgnoreCase(line, "RCPT TO:")) {
+            error = "envelope line is not RCPT TO:";
+            return std::nullopt;
+        }
+        std::string recipient = envelopeAddress(line.substr(8));
+        if (recipient.empty()) {
+            error = "empty recipient";
+            return std::nullopt;
+        }
+        result.recipients.push_back(std::move(recipient));
+    }
+    if (result.recipients.empty()) {
+        error = "no RCPT TO: line";
+        return std::nullopt;
+    }
+    // The poster adds CR LF "." CR LF after the text, which normally ends with its own CR LF.
+    if (rest.ends_with("\r\n.\r\n")) {
+        rest.remove_suffix(5);
+    } else if (rest.ends_with("\n.\n")) {
+        rest.remove_suffix(3);
+    } else if (rest == ".\r\n" || rest == ".\n") {
+        return result;  // an empty message
+    } else {
+        error = "message does not end with a \".\" line";
+        return std::nullopt;
+    }
+    // A text that still carries its SMTP end mark loses it too: after dot-stuffing, a lone "." line can be
+    // nothing else. Its last line keeps its own line break.
+    if (rest.ends_with("\r\n.\r\n")) {
+        rest.remove_suffix(3);
+    } else if (rest.ends_with("\n.\n")) {
+        rest.remove_suffix(2);
+    }
+    result.message = unstuff(rest);
+    return result;
+}

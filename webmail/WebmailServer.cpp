@@ -1,0 +1,243 @@
+#include "webmail/WebmailServer.h"
+
+#include <arpa/inet.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <random>
+#include <stdexcept>
+
+namespace {
+
+// Seconds a Digest nonce stays valid, and how many nonces are tracked at once.
+constexpr unsigned kNonceTimeoutSeconds = 300;
+constexpr unsigned kNonceSlots = 1024;
+// Seconds an idle connection is kept.
+constexpr unsigned kConnectionTimeoutSeconds = 60;
+constexpr unsigned kWorkerThreads = 4;
+
+// Body collected for one request, kept across the calls libmicrohttpd makes while the body arrives.
+struct Pending {
+    std::string body;
+    bool tooLarge = false;
+};
+
+std::optional<std::string> header(MHD_Connection* connection, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    if (value == nullptr) return std::nullopt;
+    return std::string(value);
+}
+
+bool sameSecret(const std::string& a, const std::string& b) {
+    // Compares every byte whatever the first difference, so timing tells nothing about the password.
+    unsigned char diff = a.size() == b.size() ? 0 : 1;
+    const std::size_t n = std::max(a.size(), b.size());
+    for (std::size_t i = 0; i < n; ++i) {
+        const char x = i < a.size() ? a[i] : '\0';
+        const char y = i < b.size() ? b[i] : '\0';
+        diff |= static_cast<unsigned char>(x ^ y);
+    }
+    return diff == 0;
+}
+
+// Log text for something a client sent: printable ASCII only.
+std::string printable(const std::string& text) {
+    std::string out;
+    for (char c : text.substr(0, 200)) out += (c > 0x20 && c < 0x7F) ? c : '?';
+    return out.empty() ? "-" : out;
+}
+
+// Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
+size_t keepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
+
+}  // namespace
+
+struct ServerCallbacks {
+    static MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* url, const char* method,
+                                const char*, const char* uploadData, size_t* uploadSize, void** state) {
+        auto* server = static_cast<WebmailServer*>(cls);
+        try {
+            return server->handle(connection, url, method, uploadData, uploadSize, state) ? MHD_YES : MHD_NO;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "request failed: %s\n", e.what());
+            return MHD_NO;
+        }
+    }
+
+    static void onCompleted(void*, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
+        delete static_cast<Pending*>(*state);
+        *state = nullptr;
+    }
+};
+
+WebmailServer::WebmailServer(MaildirStore& store, Options options)
+    : store_(store), options_(std::move(options)), service_(store, options_.domain) {}
+
+WebmailServer::~WebmailServer() { stop(); }
+
+void WebmailServer::start() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(options_.port);
+    if (::inet_pton(AF_INET, options_.address.c_str(), &address.sin_addr) != 1) {
+        throw std::runtime_error("not an IPv4 address: " + options_.address);
+    }
+    std::random_device random;
+    for (auto& byte : nonceSeed_) byte = static_cast<unsigned char>(random());
+
+    daemon_ = MHD_start_daemon(
+        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::onRequest, this,
+        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
+        MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+        &ServerCallbacks::onCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr,
+        MHD_OPTION_DIGEST_AUTH_RANDOM, sizeof nonceSeed_, nonceSeed_, MHD_OPTION_NONCE_NC_SIZE, kNonceSlots,
+        MHD_OPTION_END);
+    if (daemon_ == nullptr) {
+        throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));
+    }
+    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
+    boundPort_ = info != nullptr ? info->port : options_.port;
+}
+
+void WebmailServer::stop() {
+    if (daemon_ != nullptr) {
+        MHD_stop_daemon(daemon_);
+        daemon_ = nullptr;
+    }
+}
+
+int WebmailServer::handle(MHD_Connection* connection, const char* url, const char* method,
+                          const char* uploadData, std::size_t* uploadSize, void** state) {
+    if (*state == nullptr) {
+        auto* pending = new Pending;
+        *state = pending;
+        const auto length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+        if (length && std::strtoull(length->c_str(), nullptr, 10) > options_.maxBodySize) {
+            // Refused before the body is read; libmicrohttpd closes the connection after this reply.
+            pending->tooLarge = true;
+            return queue(connection, DavReply::failure(413, "Request body too large"), method, url, "-");
+        }
+        return MHD_YES;
+    }
+    auto* pending = static_cast<Pending*>(*state);
+    if (*uploadSize != 0) {
+        if (!pending->tooLarge && pending->body.size() + *uploadSize <= options_.maxBodySize) {
+            pending->body.append(uploadData, *uploadSize);
+        } else {
+            pending->tooLarge = true;
+            pending->body.clear();
+        }
+        *uploadSize = 0;
+        return MHD_YES;
+    }
+    if (pending->tooLarge) return queue(connection, DavReply::failure(413, "Request body too large"), method, url, "-");
+
+    bool staleNonce = false;
+    const std::string user = authenticate(connection, staleNonce);
+    if (user.empty()) return queueChallenge(connection, staleNonce, method, url);
+
+    DavRequest request;
+    request.method = method;
+    request.path = url;
+    request.user = user;
+    request.baseUrl = baseUrl(connection);
+    request.body = std::move(pending->body);
+    request.contentType = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
+    request.destination = header(connection, "Destination");
+    request.propfindHeader = header(connection, "PROPFIND");
+    return queue(connection, service_.handle(request), method, url, user);
+}
+
+std::string WebmailServer::authenticate(MHD_Connection* connection, bool& staleNonce) {
+    const std::string authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
+    const bool basic = authorization.rfind("Basic ", 0) == 0;
+    const bool digest = authorization.rfind("Digest ", 0) == 0;
+    if (basic && options_.auth != AuthMode::Digest) {
+        char* password = nullptr;
+        char* name = MHD_basic_auth_get_username_password(connection, &password);
+        std::string user;
+        if (name != nullptr && password != nullptr) {
+            const auto expected = store_.password(name);
+            if (expected && sameSecret(*expected, password)) user = name;
+        }
+        if (password != nullptr) {
+            std::memset(password, 0, std::strlen(password));
+            MHD_free(password);
+        }
+        if (name != nullptr) MHD_free(name);
+        return user;
+    }
+    if (digest && options_.auth != AuthMode::Basic) {
+        char* name = MHD_digest_auth_get_username(connection);
+        if (name == nullptr) return {};
+        std::string user = name;
+        MHD_free(name);
+        const auto expected = store_.password(user);
+        if (!expected) return {};
+        const int result = MHD_digest_auth_check2(connection, kRealm, user.c_str(), expected->c_str(),
+                                                  kNonceTimeoutSeconds, MHD_DIGEST_ALG_MD5);
+        if (result == MHD_YES) return user;
+        staleNonce = result == MHD_INVALID_NONCE;
+    }
+    return {};
+}
+
+int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
+                                  const std::string& url) {
+    const DavReply reply = DavReply::failure(401, "Authentication required");
+    MHD_Response* response =
+        MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+    if (response == nullptr) return MHD_NO;
+    MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
+    MHD_Result queued = MHD_NO;
+    if (options_.auth == AuthMode::Basic) {
+        queued = MHD_queue_basic_auth_fail_response(connection, kRealm, response);
+    } else {
+        if (options_.auth == AuthMode::Any) {
+            MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
+                                    (std::string("Basic realm=\"") + kRealm + "\"").c_str());
+        }
+        queued = MHD_queue_auth_fail_response2(connection, kRealm, "tarnwick", response, staleNonce ? MHD_YES : MHD_NO,
+                                               MHD_DIGEST_ALG_MD5);
+    }
+    MHD_destroy_response(response);
+    logLine(method, url, 401, reply.body.size(), "-");
+    return queued;
+}
+
+int WebmailServer::queue(MHD_Connection* connection, const DavReply& reply, const std::string& method,
+                         const std::string& url, const std::string& user) {
+    MHD_Response* response =
+        MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+    if (response == nullptr) return MHD_NO;
+    MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
+    for (const auto& [name, value] : reply.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
+    const MHD_Result queued = MHD_queue_response(connection, reply.status, response);
+    MHD_destroy_response(response);
+    logLine(method, url, reply.status, reply.body.size(), user);
+    return queued;
+}
+
+std::string WebmailServer::baseUrl(MHD_Connection* connection) const {
+    const std::string host = header(connection, MHD_HTTP_HEADER_HOST).value_or("");
+    const bool usable = !host.empty() && host.size() < 256 &&
+                        host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-:[]") ==
+                            std::string::npos;
+    if (usable) return "http://" + host;
+    return "http://" + options_.address + ":" + std::to_string(boundPort_);
+}
+
+void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::size_t bytes,
+                            const std::string& user) {
+    std::lock_guard lock(logMutex_);
+    std::fprintf(stderr, "%s %s %u %zu %s\n", printable(method).c_str(), printable(url).c_str(), status, bytes,
+                 printable(user).c_str());
+    std::fflush(stderr);
+}

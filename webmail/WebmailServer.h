@@ -1,0 +1,66 @@
+// The HTTP side of the service over libmicrohttpd: authentication, request bodies and their size limit,
+// the X-Dav-Error header on every reply, and one log line per request.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+#include "webmail/DavService.h"
+#include "webmail/MaildirStore.h"
+
+struct MHD_Daemon;
+struct MHD_Connection;
+
+class WebmailServer {
+public:
+    enum class AuthMode { Basic, Digest, Any };
+
+    struct Options {
+        std::string address = "127.0.0.1";  // IPv4 address to listen on
+        std::uint16_t port = 8110;           // 0 picks a free port
+        std::string domain = "tarnwick.local";
+        AuthMode auth = AuthMode::Any;
+        std::size_t maxBodySize = 10 * 1024 * 1024;
+    };
+
+    // Realm named in the authentication challenges.
+    static constexpr const char* kRealm = "tarnwick-webmail";
+
+    // A server for store; nothing listens until start().
+    WebmailServer(MaildirStore& store, Options options);
+    ~WebmailServer();
+    WebmailServer(const WebmailServer&) = delete;
+    WebmailServer& operator=(const WebmailServer&) = delete;
+
+    // Starts listening on worker threads; throws std::runtime_error when the address cannot be bound.
+    void start();
+    // Stops listening and waits for the workers.
+    void stop();
+    // The port actually bound (the chosen one when the options asked for 0).
+    std::uint16_t port() const { return boundPort_; }
+
+private:
+    friend struct ServerCallbacks;
+
+    int handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+               std::size_t* uploadSize, void** state);
+    // The authenticated account, or empty when the credentials are missing or wrong.
+    std::string authenticate(MHD_Connection* connection, bool& staleNonce);
+    int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
+                       const std::string& url);
+    int queue(MHD_Connection* connection, const DavReply& reply, const std::string& method, const std::string& url,
+              const std::string& user);
+    std::string baseUrl(MHD_Connection* connection) const;
+    void logLine(const std::string& method, const std::string& url, unsigned status, std::size_t bytes,
+                 const std::string& user);
+
+    MaildirStore& store_;
+    Options options_;
+    DavService service_;
+    MHD_Daemon* daemon_ = nullptr;
+    std::uint16_t boundPort_ = 0;
+    unsigned char nonceSeed_[32] = {};
+    std::mutex logMutex_;
+};
