@@ -76,7 +76,11 @@ class Fetchmail(unittest.TestCase):
         self.assertEqual(result.returncode, expected_status,
                          result.stdout.decode("latin-1") + result.stderr.decode("latin-1")
                          + stack.gateway_log()[-3000:])
-        return [open(os.path.join(out, n), "rb").read() for n in sorted(os.listdir(out))]
+        delivered = []
+        for name in sorted(os.listdir(out)):
+            with open(os.path.join(out, name), "rb") as f:
+                delivered.append(f.read())
+        return delivered
 
     @staticmethod
     def as_delivered(body):
