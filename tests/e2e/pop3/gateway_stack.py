@@ -34,16 +34,13 @@ def free_port():
 def is_listening(port):
     """Whether some socket listens on 127.0.0.1:port, read from /proc so that no probe connection is made:
     the gateway serves one client at a time and a probe would be that client."""
-    wanted = "0100007F:%04X" % port
+    wanted = {"0100007F:%04X" % port, "0000000000000000FFFF00000100007F:%04X" % port}
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         try:
             with open(table) as f:
                 next(f)
-                for line in f:
-                    fields = line.split()
-                    if fields[3] == "0A" and (fields[1] == wanted or fields[1].endswith(":%04X" % port)
-                                              and fields[1].startswith("0000000000000000FFFF0000")):
-                        return True
+                if any(fields[1] in wanted and fields[3] == "0A" for fields in map(str.split, f)):
+                    return True
         except FileNotFoundError:
             continue
     return False
