@@ -78,9 +78,8 @@ def big_message(size):
 
 
 def deliver_mixed(store, user):
-    """The mixed set into `user`'s inbox, in order; READ is marked read."""
-    for m in MIXED:
-        store.deliver(user, m, seen=m is READ)
+    """The mixed set into `user`'s inbox, in order; READ is marked read. Returns the messages' ids."""
+    return [store.deliver(user, m, seen=m is READ) for m in MIXED]
 
 
 def stuffed(body):

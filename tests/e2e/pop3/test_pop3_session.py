@@ -13,14 +13,15 @@ FAREWELL = b"+OK Tarnwick/POP3 Gateway Server - Good-Bye"
 BIG_SIZE = 20 * 1024 * 1024
 
 stack = None
+alice_ids = []
 
 
 def setUpModule():
-    global stack
+    global stack, alice_ids
     stack = Stack()
     s = stack.store
     s.add_user("alice", "open sesame")  # a password with a space in it
-    M.deliver_mixed(s, "alice")
+    alice_ids = M.deliver_mixed(s, "alice")
     s.add_user("carol", "carolpw")
     M.deliver_mixed(s, "carol")
     s.add_user("bob", "bobpw")
@@ -85,6 +86,9 @@ class Pop3Session(unittest.TestCase):
             self.assertNotIn(b" ", uid)
             self.assertEqual(pop.uidl(int(n)), b"+OK " + n + b" " + uid)
         self.assertEqual(len({uid for _, uid in uids}), len(uids))
+        # The service's id of the message, ":", and the sender with "@" and spaces made ":".
+        self.assertEqual(uids[0][1], (alice_ids[0] + ":Ann:Example:<ann:example.org>").encode()[:69])
+        self.assertEqual(uids[1][1], (alice_ids[2] + ":Dot:Person:<dot:example.org>").encode()[:69])
 
         for i, body in enumerate(M.UNREAD, start=1):
             resp, lines, _ = pop.retr(i)
