@@ -17,6 +17,7 @@ public:
     // A server on the host's WinsockPOP3 with ListenPort "110"; it listens only after StartServer.
     explicit CPop3Server(core::IGatewayHost& host);
 
+    // The fixed answers: greeting, farewell, and the replies to USER, PASS and DELE.
     static constexpr const char* kGreeting = "+OK Tarnwick/POP3 Gateway Server - Hello";
     static constexpr const char* kFarewell = "+OK Tarnwick/POP3 Gateway Server - Good-Bye";
     static constexpr const char* kSendPassword = "+OK send password";
