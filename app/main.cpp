@@ -14,6 +14,7 @@
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MessageBox.h"
+#include "mailservice/CHotmail.h"
 
 namespace {
 
@@ -42,7 +43,8 @@ int main(int argc, char** argv) {
                                                 .arg(app::Main::kVersionMinor)
                                                 .arg(app::Main::kVersionRevision));
     const app::GatewayOptions options = app::GatewayOptions::Parse(*application);
-    // options.serviceUrl goes to mailservice::CHotmail::SetServiceEntryURL here, before any server starts.
+    // Before any server starts, so that the first connection's service client already uses it.
+    if (options.serviceUrl) mailservice::CHotmail::SetServiceEntryURL(*options.serviceUrl);
 
     QLockFile lock(LockFilePath());
     if (!lock.tryLock(0)) {

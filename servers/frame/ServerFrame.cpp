@@ -9,6 +9,7 @@
 #include "core/Convert.h"
 #include "core/Error.h"
 #include "core/Trap.h"
+#include "mailservice/CHotmail.h"
 
 namespace servers::frame {
 namespace {
@@ -103,15 +104,21 @@ void ServerFrame::KillWinsock() {
 void ServerFrame::MakeCHotmail() {
     core::Trap("MakeCHotmail Method", [&] {
         KillCHotmail();
-        // The connection's service client (mailservice::CHotmail) is created here.
+        Hotmail = std::make_unique<mailservice::CHotmail>();
     });
 }
 
 void ServerFrame::KillCHotmail() {
     core::Trap("KillCHotmail Method", [&] {
         ResetConnectionState();
-        // The connection's service client is dropped here, after the state that depends on it.
+        // After the state that depends on it: the mailbox shares the client's message list.
+        Hotmail.reset();
     });
+}
+
+mailservice::CHotmail& ServerFrame::ConnectionHotmail() const {
+    if (!Hotmail) core::Raise(core::ErrorNumber::kObjectNotSet);
+    return *Hotmail;
 }
 
 std::string ServerFrame::GetCommand(const std::string& text) {

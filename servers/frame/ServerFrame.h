@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <span>
 #include <string>
 
@@ -14,6 +15,10 @@
 #include "core/ISocketEvents.h"
 #include "servers/frame/Command.h"
 #include "servers/frame/ServerProfile.h"
+
+namespace mailservice {
+class CHotmail;
+}
 
 namespace servers::frame {
 
@@ -68,6 +73,8 @@ protected:
 
     // The application: log, credential store, name and version.
     core::IGatewayHost& Host() const { return host_; }
+    // The service client of the current connection; raises 91 when no connection has made one.
+    mailservice::CHotmail& ConnectionHotmail() const;
 
     // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text.
     void SendResponse(const std::string& text);
@@ -133,6 +140,8 @@ private:
     std::string lastResponse_;
     // The host's control while bound; not owned.
     core::ISocketControl* objWinsock = nullptr;
+    // The service client of the current connection: made when a client is accepted, dropped when it goes.
+    std::unique_ptr<mailservice::CHotmail> Hotmail;
     // Description of the error that stopped the current command handler.
     std::string commandErrorDescription_;
 };

@@ -111,7 +111,7 @@ TEST_F(SessionTest, Pop3RequestsAndTheirAnswers) {
         {"US", kPop3Unknown + "US\r\n"},
         {"TOP 1 5\r\n", kPop3Unknown + "TOP \r\n"},
         {"conn\r\n", kPop3Hello + "\r\n"},
-        {"dele 1\r\n", kPop3Unknown + "DELE\r\n"},
+        {"capa\r\n", kPop3Unknown + "CAPA\r\n"},
         {"quit\r\n", kPop3GoodBye + "\r\n"},
         // A byte beyond ASCII comes back unchanged in the quoted word.
         {"\xE9t\r\n", kPop3Unknown + "\xE9T\r\n\r\n"},

@@ -1,0 +1,74 @@
+// The POP3 server's protocol texts as plain functions over bytes: the STAT, LIST, UIDL and RETR responses,
+// the unique-id rule, message-number selection and the mailbox totals. No sockets, no service calls.
+// Responses are returned without their final CR LF; the frame adds it when it sends them.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "core/Collection.h"
+#include "mailservice/CHotmailMessage.h"
+
+namespace servers::pop3::MPop3Responses {
+
+using MessagePtr = std::shared_ptr<mailservice::CHotmailMessage>;
+using MessageList = core::Collection<MessagePtr>;
+
+// Unique ids are cut to this many characters.
+inline constexpr std::size_t kUniqueIdMaxLength = 69;
+
+// Error numbers and descriptions a bad message number raises (the wording is ours).
+inline constexpr std::int32_t kNoMessageNumberError = 5;
+inline constexpr const char* kNoMessageNumberText = "Message number required";
+inline constexpr std::int32_t kNotANumberError = 13;
+inline constexpr const char* kNotANumberText = "Invalid message number";
+inline constexpr std::int32_t kNoSuchMessageError = 9;
+inline constexpr const char* kNoSuchMessageText = "No such message";
+
+// "+OK <count> <size>".
+std::string BuildSTATResponse(std::int16_t count, std::int32_t size);
+
+// The whole-list LIST answer: "+OK <count> messages (<size> octets)", one "<i> <mLength>" line per record,
+// then "." — every line but the last ending in CR LF.
+std::string BuildLISTResponse(const MessageList& messages, std::int16_t count, std::int32_t size);
+
+// The one-message LIST answer: "+OK ", the argument exactly as received, a space, the record's mLength.
+std::string BuildLISTItemResponse(const std::string& argument, const mailservice::CHotmailMessage& message);
+
+// The whole-list UIDL answer: "+OK ", one "<i> <unique id>" line per record, then ".".
+std::string BuildUIDLResponse(const MessageList& messages);
+
+// The one-message UIDL answer: "+OK ", the argument exactly as received, a space, the record's unique id.
+std::string BuildUIDLItemResponse(const std::string& argument, const mailservice::CHotmailMessage& message);
+
+// `messageId` ":" `from` with every "@" and space of `from` made ":", cut to kUniqueIdMaxLength characters.
+std::string GetUIDLUniqueID(const std::string& messageId, const std::string& from);
+
+// "+OK <mLength> octets", the "X-Application: <name> - <version>" line, the byte-stuffed body, CR LF, ".".
+std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const std::string& appName,
+                              const std::string& appVersion);
+
+// `body` with one more "." in front of every line that begins with "." (lines begin at the start and after
+// each CR LF); nothing else changes.
+std::string StuffDots(std::string_view body);
+
+// The 16-bit message number in `argument` (surrounding spaces accepted, halves to even), checked against
+// 1..`count`; raises a core::Error with one of the descriptions above otherwise.
+std::int16_t ParseMessageNumber(const std::string& argument, std::int32_t count);
+
+// The record that message number `argument` names (as ParseMessageNumber reads it).
+const MessagePtr& SelectMessage(const MessageList& messages, const std::string& argument);
+
+// Removes, by their mIndex keys, the records the service reports as read; the others keep their order.
+void RemoveReadMessages(MessageList& messages);
+
+// The sum of the records' mLength, each read as a decimal number, rounded to a 32-bit integer.
+std::int32_t SumMessageSizes(const MessageList& messages);
+
+// The number of records as a 16-bit count; raises Overflow beyond 32767.
+std::int16_t CountMessages(const MessageList& messages);
+
+}  // namespace servers::pop3::MPop3Responses

@@ -1,0 +1,255 @@
+"""One tarnwick-webmail on a temporary Maildir store and one headless tarnwick-gateway pointed at it.
+
+The binaries come from the environment (TARNWICK_GATEWAY, TARNWICK_WEBMAIL; CTest sets them). Everything
+listens on 127.0.0.1 only; every process started here is stopped by its pid.
+"""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+HOST = "127.0.0.1"
+SERVICE_PATH = "/svcs/hotmail/tarnwick.asp"
+TRASH_FOLDER = "Deleted Items"
+APP_LINE = "X-Application: Tarnwick Gateway - " + os.environ.get("TARNWICK_VERSION", "0.2.0")
+START_TIMEOUT = 20.0
+
+# tarnwick-webmail writes one line per HTTP request it serves on standard error.
+REQUEST_LINE = re.compile(rb"\b(PROPFIND|PROPPATCH|BMOVE|MOVE|GET|POST)\b")
+LISTENING_LINE = re.compile(rb"listening on (?:http://)?127\.0\.0\.1:(\d+)")
+
+
+def free_port():
+    """A port that nothing listened on a moment ago (the caller retries on the rare collision)."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind((HOST, 0))
+        return s.getsockname()[1]
+
+
+def is_listening(port):
+    """Whether some socket listens on 127.0.0.1:port, read from /proc so that no probe connection is made:
+    the gateway serves one client at a time and a probe would be that client."""
+    wanted = {"0100007F:%04X" % port, "0000000000000000FFFF00000100007F:%04X" % port}
+    for table in ("/proc/net/tcp", "/proc/net/tcp6"):
+        try:
+            with open(table) as f:
+                next(f)
+                if any(fields[1] in wanted and fields[3] == "0A" for fields in map(str.split, f)):
+                    return True
+        except FileNotFoundError:
+            continue
+    return False
+
+
+def wait_for(predicate, timeout, what):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return
+        time.sleep(0.02)
+    raise AssertionError("timed out waiting for " + what)
+
+
+def stop_process(proc):
+    """Stops one process we started, by its pid: SIGTERM, then SIGKILL if it lingers."""
+    if proc is None or proc.poll() is not None:
+        return
+    os.kill(proc.pid, signal.SIGTERM)
+    try:
+        proc.wait(timeout=5)
+    except subprocess.TimeoutExpired:
+        os.kill(proc.pid, signal.SIGKILL)
+        proc.wait(timeout=5)
+
+
+class Store:
+    """A tarnwick-webmail Maildir store: a password file and one Maildir++ tree per account."""
+
+    def __init__(self, root):
+        self.root = root
+        self._accounts = {}
+        self._clock = 1_600_000_000  # message files get increasing times: the listing is oldest first
+        os.makedirs(root, exist_ok=True)
+
+    def add_user(self, name, password):
+        self._accounts[name] = password
+        for folder in ("", ".Sent Items", "." + TRASH_FOLDER, ".Outbox"):
+            for sub in ("cur", "new", "tmp"):
+                os.makedirs(os.path.join(self.root, name, folder, sub), exist_ok=True)
+        with open(os.path.join(self.root, "passwd"), "w") as f:
+            f.write("# accounts\n")
+            for n, p in sorted(self._accounts.items()):
+                f.write("%s:%s\n" % (n, p))
+        os.chmod(os.path.join(self.root, "passwd"), 0o600)
+
+    def deliver(self, user, data, seen=False):
+        """Puts one message (bytes) into the user's inbox, unread in new/ or read in cur/ with flag S."""
+        self._clock += 60
+        name = "%d.M%dP%dQ1.e2e" % (self._clock, self._clock % 1000000, os.getpid())
+        inbox = os.path.join(self.root, user)
+        tmp = os.path.join(inbox, "tmp", name)
+        with open(tmp, "wb") as f:
+            f.write(data)
+        final = os.path.join(inbox, "cur", name + ":2,S") if seen else os.path.join(inbox, "new", name)
+        os.rename(tmp, final)
+        os.utime(final, (self._clock, self._clock))
+        return name
+
+    def folder_messages(self, user, folder=""):
+        """The contents of every message file in one folder of the user (INBOX when folder is empty)."""
+        base = os.path.join(self.root, user, ("." + folder) if folder else "")
+        out = []
+        for sub in ("new", "cur"):
+            d = os.path.join(base, sub)
+            for name in sorted(os.listdir(d)):
+                with open(os.path.join(d, name), "rb") as f:
+                    out.append(f.read())
+        return out
+
+
+class Stack:
+    """The running pair: webmail on an ephemeral port, the gateway headless on two free ports."""
+
+    def __init__(self):
+        self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
+        self.store = Store(os.path.join(self.dir, "store"))
+        self.webmail = None
+        self.gateway = None
+        self.service_port = None
+        self.pop3_port = None
+        self.smtp_port = None
+
+    # -- start and stop
+
+    def start(self):
+        try:
+            self._start_webmail()
+            self._start_gateway()
+        except BaseException:
+            self.stop()
+            raise
+
+    def stop(self):
+        stop_process(self.gateway)
+        stop_process(self.webmail)
+        for f in ("_webmail_out", "_webmail_err", "_gateway_out"):
+            handle = getattr(self, f, None)
+            if handle:
+                handle.close()
+        if os.environ.get("TARNWICK_E2E_KEEP"):
+            print("kept", self.dir)
+        else:
+            shutil.rmtree(self.dir, ignore_errors=True)
+
+    def _start_webmail(self):
+        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "wb")
+        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "wb")
+        self.webmail = subprocess.Popen(
+            [os.environ["TARNWICK_WEBMAIL"], "--store", self.store.root, "--listen", HOST + ":0"],
+            stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
+
+        def bound():
+            if self.webmail.poll() is not None:
+                raise AssertionError("tarnwick-webmail exited:\n" + self.webmail_output())
+            m = LISTENING_LINE.search(self._read("webmail.out") + self._read("webmail.err"))
+            if m:
+                self.service_port = int(m.group(1))
+            return self.service_port is not None
+
+        wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
+
+    def _start_gateway(self):
+        runtime = os.path.join(self.dir, "runtime")
+        os.makedirs(runtime, mode=0o700, exist_ok=True)
+        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen")
+        for attempt in range(5):
+            self.pop3_port, self.smtp_port = free_port(), free_port()
+            if self.pop3_port == self.smtp_port:
+                continue
+            self._gateway_out = open(os.path.join(self.dir, "gateway.out"), "wb")
+            self.gateway = subprocess.Popen(
+                [os.environ["TARNWICK_GATEWAY"], "--headless",
+                 "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
+                 "--service-url", self.service_url()],
+                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
+            deadline = time.monotonic() + START_TIMEOUT
+            while time.monotonic() < deadline and self.gateway.poll() is None:
+                if is_listening(self.pop3_port) and is_listening(self.smtp_port):
+                    return
+                time.sleep(0.02)
+            # Most likely another process took one of the ports in the meantime: try two fresh ones.
+            stop_process(self.gateway)
+            self._gateway_out.close()
+        raise AssertionError("the gateway did not start:\n" + self.gateway_log())
+
+    # -- what the processes said
+
+    def _read(self, name):
+        try:
+            with open(os.path.join(self.dir, name), "rb") as f:
+                return f.read()
+        except FileNotFoundError:
+            return b""
+
+    def service_url(self):
+        return "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
+
+    def webmail_output(self):
+        return (self._read("webmail.out") + self._read("webmail.err")).decode("latin-1")
+
+    def gateway_log(self):
+        return self._read("gateway.out").decode("latin-1")
+
+    def service_requests(self):
+        """How many requests the webmail has served so far."""
+        return sum(1 for line in self._read("webmail.err").splitlines() if REQUEST_LINE.search(line))
+
+    def wait_pop3_listening(self):
+        """The gateway listens again only after the previous client's close has been handled."""
+        wait_for(lambda: is_listening(self.pop3_port), 10, "the POP3 server to listen again")
+
+
+class RawClient:
+    """A POP3 client over a plain socket, for exact bytes: one command per send, as a mail reader does."""
+
+    def __init__(self, port, timeout=60):
+        self.sock = socket.create_connection((HOST, port), timeout=timeout)
+        self.buf = b""
+
+    def read_until(self, end):
+        while end not in self.buf:
+            chunk = self.sock.recv(1 << 20)
+            if not chunk:
+                raise AssertionError("connection closed; had %r" % self.buf[-200:])
+            self.buf += chunk
+        i = self.buf.index(end) + len(end)
+        out, self.buf = self.buf[:i], self.buf[i:]
+        return out
+
+    def line(self):
+        return self.read_until(b"\r\n")
+
+    def command(self, text, multiline=False):
+        """Sends one command; returns the whole response, up to and including its "." line if multiline."""
+        self.sock.sendall(text.encode("latin-1") + b"\r\n")
+        first = self.line()
+        if not (multiline and first.startswith(b"+OK")):
+            return first
+        rest = bytearray(self.buf)
+        self.buf = b""
+        while not (rest.startswith(b".\r\n") or rest.find(b"\r\n.\r\n") >= 0):
+            chunk = self.sock.recv(1 << 20)
+            if not chunk:
+                raise AssertionError("connection closed inside a multi-line response")
+            rest += chunk
+        end = 3 if rest.startswith(b".\r\n") else rest.find(b"\r\n.\r\n") + 5
+        self.buf = bytes(rest[end:])
+        return first + bytes(rest[:end])
+
+    def close(self):
+        self.sock.close()

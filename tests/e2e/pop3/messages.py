@@ -1,0 +1,88 @@
+"""The messages the end-to-end tests put into the store: several kinds, each as the bytes of its file."""
+
+PLAIN = (b"From: Ann Example <ann@example.org>\r\n"
+         b"To: alice@example.org\r\n"
+         b"Subject: Plain text\r\n"
+         b"Date: Mon, 2 Nov 2026 10:00:00 +0000\r\n"
+         b"Message-ID: <plain@example.org>\r\n"
+         b"\r\n"
+         b"Hello Alice,\r\n"
+         b"this is a plain message.\r\n")
+
+READ = (b"From: Old News <old@example.org>\r\n"
+        b"To: alice@example.org\r\n"
+        b"Subject: Already read in the web interface\r\n"
+        b"\r\n"
+        b"This message was read and must never reach the mail reader.\r\n")
+
+# Lines beginning with one and with two full stops, a lone full stop, and a dot in the middle of a line.
+DOTS = (b"From: Dot Person <dot@example.org>\r\n"
+        b"To: alice@example.org\r\n"
+        b"Subject: Dots\r\n"
+        b"\r\n"
+        b".\r\n"
+        b".hidden line\r\n"
+        b"..two dots\r\n"
+        b"a line with a . inside\r\n"
+        b"...\r\n"
+        b"end\r\n")
+
+# Bytes above 0x7F: ISO-8859-1 text in the header and body, then every byte from 0x80 to 0xFF.
+EIGHT_BIT = (b"From: =?iso-8859-1?q?Ren=E9?= <rene@example.org>\r\n"
+             b"To: alice@example.org\r\n"
+             b"Subject: 8-bit \xe9t\xe9 \xc3\xa9t\xc3\xa9\r\n"
+             b"MIME-Version: 1.0\r\n"
+             b"Content-Type: text/plain; charset=iso-8859-1\r\n"
+             b"Content-Transfer-Encoding: 8bit\r\n"
+             b"\r\n"
+             b"Cr\xe8me br\xfbl\xe9e, \xa3 and \xa9.\r\n"
+             + bytes(range(0x80, 0x100)) + b"\r\n")
+
+MULTIPART = (b"From: Files <files@example.org>\r\n"
+             b"To: alice@example.org\r\n"
+             b"Subject: With an attachment\r\n"
+             b"MIME-Version: 1.0\r\n"
+             b"Content-Type: multipart/mixed; boundary=\"b1\"\r\n"
+             b"\r\n"
+             b"--b1\r\n"
+             b"Content-Type: text/plain\r\n"
+             b"\r\n"
+             b"See the file.\r\n"
+             b"--b1\r\n"
+             b"Content-Type: application/octet-stream\r\n"
+             b"Content-Disposition: attachment; filename=\"data.bin\"\r\n"
+             b"Content-Transfer-Encoding: base64\r\n"
+             b"\r\n"
+             b"AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKissLS4v\r\n"
+             b"--b1--\r\n")
+
+# The last line has no line end.
+NO_FINAL_LINE_END = (b"From: Terse <terse@example.org>\r\n"
+                     b"To: alice@example.org\r\n"
+                     b"Subject: No final line end\r\n"
+                     b"\r\n"
+                     b"last line")
+
+# In delivery order; READ is delivered already read.
+MIXED = [PLAIN, READ, DOTS, EIGHT_BIT, MULTIPART, NO_FINAL_LINE_END]
+UNREAD = [m for m in MIXED if m is not READ]
+
+
+def big_message(size):
+    """A text message of about `size` bytes whose lines now and then begin with a full stop."""
+    head = (b"From: Big Sender <big@example.org>\r\nTo: dave@example.org\r\nSubject: Twenty megabytes\r\n\r\n")
+    line = b"x" * 76 + b"\r\n"
+    dotted = b"." + b"y" * 75 + b"\r\n"
+    lines = (size - len(head)) // len(line)
+    return head + b"".join(dotted if i % 997 == 0 else line for i in range(lines))
+
+
+def deliver_mixed(store, user):
+    """The mixed set into `user`'s inbox, in order; READ is marked read. Returns the messages' ids."""
+    return [store.deliver(user, m, seen=m is READ) for m in MIXED]
+
+
+def stuffed(body):
+    """`body` as it travels inside a multi-line POP3 response: a "." before every line that begins with one."""
+    lines = body.split(b"\r\n")
+    return b"\r\n".join(b"." + l if l.startswith(b".") else l for l in lines)
