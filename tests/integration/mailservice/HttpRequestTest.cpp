@@ -7,6 +7,7 @@
 #include "FakeWebDavService.h"
 #include "core/Error.h"
 #include "platform/http/HttpRequest.h"
+#include "tests/support/RaisedError.h"
 
 using platform::HttpRequest;
 using testing_support::DavReply;
@@ -15,14 +16,7 @@ using testing_support::ScriptedReply;
 
 namespace {
 
-std::int32_t FailureNumber(const std::function<void()>& step) {
-    try {
-        step();
-    } catch (const core::Error& e) {
-        return e.Number();
-    }
-    return 0;
-}
+using testing_support::RaisedErrorNumber;
 
 TEST(HttpRequestTest, CustomMethodWithoutBodySendsNoLengthAndNoAddedHeaders) {
     FakeWebDavService svc;
@@ -82,7 +76,7 @@ TEST(HttpRequestTest, ReplyHeadersAndBodyAreReadAsSent) {
     http.Open("GET", svc.Url("/n"));
     http.Send();
     EXPECT_EQ(http.ResponseText(), "second");
-    EXPECT_EQ(FailureNumber([&] { http.GetResponseHeader("X-Dav-Error"); }), platform::HttpError::kHeaderNotFound);
+    EXPECT_EQ(RaisedErrorNumber([&] { http.GetResponseHeader("X-Dav-Error"); }), platform::HttpError::kHeaderNotFound);
 }
 
 TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
@@ -104,7 +98,7 @@ TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
     HttpRequest http;
     for (const Case& c : cases) {
         http.Open("GET", c.url);
-        EXPECT_EQ(FailureNumber([&] { http.Send(); }), c.number) << c.what;
+        EXPECT_EQ(RaisedErrorNumber([&] { http.Send(); }), c.number) << c.what;
         EXPECT_EQ(http.ResponseText(), "") << c.what;
     }
 }

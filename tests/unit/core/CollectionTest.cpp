@@ -5,20 +5,14 @@
 
 #include "core/Collection.h"
 #include "core/Error.h"
+#include "tests/support/RaisedError.h"
 
 namespace {
 
+using testing_support::RaisedErrorNumber;
+
 using core::Collection;
 using core::Error;
-
-std::int32_t ErrorNumberOf(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const Error& e) {
-        return e.Number();
-    }
-    return 0;
-}
 
 TEST(Collection, PositionsCountFromOneAndKeysFindTheSameEntries) {
     Collection<std::string> c;
@@ -46,12 +40,12 @@ TEST(Collection, RemovalByKeyClosesTheGap) {
 TEST(Collection, BadPositionsKeysAndDuplicatesRaiseTheirNumbers) {
     Collection<int> c;
     c.Add(10, "a");
-    EXPECT_EQ(ErrorNumberOf([&] { c.Item(0); }), 9);
-    EXPECT_EQ(ErrorNumberOf([&] { c.Item(2); }), 9);
-    EXPECT_EQ(ErrorNumberOf([&] { c.Remove(5); }), 9);
-    EXPECT_EQ(ErrorNumberOf([&] { c.Item(std::string("b")); }), 5);
-    EXPECT_EQ(ErrorNumberOf([&] { c.Remove(std::string("b")); }), 5);
-    EXPECT_EQ(ErrorNumberOf([&] { c.Add(11, "a"); }), 457);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Item(0); }), 9);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Item(2); }), 9);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Remove(5); }), 9);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Item(std::string("b")); }), 5);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Remove(std::string("b")); }), 5);
+    EXPECT_EQ(RaisedErrorNumber([&] { c.Add(11, "a"); }), 457);
     EXPECT_EQ(c.Count(), 1);
 }
 

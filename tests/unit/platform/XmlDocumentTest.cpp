@@ -6,22 +6,16 @@
 
 #include "core/Error.h"
 #include "platform/xml/XmlDocument.h"
+#include "tests/support/RaisedError.h"
 
 using platform::XmlDocument;
 using platform::XmlNode;
 
 namespace {
 
-constexpr const char* kMoveTemplate = "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target></D:target></D:move>";
+using testing_support::RaisedErrorNumber;
 
-std::int32_t FailureNumber(const std::function<void()>& step) {
-    try {
-        step();
-    } catch (const core::Error& e) {
-        return e.Number();
-    }
-    return 0;
-}
+constexpr const char* kMoveTemplate = "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target></D:target></D:move>";
 
 TEST(XmlDocumentTest, WhiteSpaceBetweenElementsFormsNoNodes) {
     XmlDocument doc;
@@ -62,10 +56,10 @@ TEST(XmlDocumentTest, UsingAMissingNodeRaises91) {
     ASSERT_TRUE(doc.loadXML("<a><b/></a>"));
     const XmlNode missing = doc.documentElement().childNodes().item(1);
     EXPECT_FALSE(missing.exists());
-    EXPECT_EQ(FailureNumber([&] { (void)missing.text(); }), 91);
-    EXPECT_EQ(FailureNumber([&] { (void)missing.childNodes(); }), 91);
-    EXPECT_EQ(FailureNumber([&] { (void)doc.selectNodes("//zz").item(0).text(); }), 91);
-    EXPECT_EQ(FailureNumber([&] { (void)XmlDocument().documentElement().childNodes(); }), 91);
+    EXPECT_EQ(RaisedErrorNumber([&] { (void)missing.text(); }), 91);
+    EXPECT_EQ(RaisedErrorNumber([&] { (void)missing.childNodes(); }), 91);
+    EXPECT_EQ(RaisedErrorNumber([&] { (void)doc.selectNodes("//zz").item(0).text(); }), 91);
+    EXPECT_EQ(RaisedErrorNumber([&] { (void)XmlDocument().documentElement().childNodes(); }), 91);
 }
 
 TEST(XmlDocumentTest, TextThatIsNotWellFormedIsRefusedWithAReason) {
