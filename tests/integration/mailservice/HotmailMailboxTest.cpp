@@ -94,6 +94,35 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
     EXPECT_FALSE(core::MErrorHandler::HasKeptError());
 }
 
+TEST_F(HotmailListingTest, EntryBeyondTheLastPropertyListGetsOnlyItsAddress) {
+    // Two entries but one property list: entry 1 keeps its values in an element of another name. Values are
+    // the i-th of each name over the whole reply (so entry 1 gets A's), but entry 2 has no property list 2
+    // to search from, so it keeps only its address, index and body although a second D:id exists.
+    svc_.Enqueue(DavReply(
+        "<?xml version='1.0'?><D:multistatus xmlns:D='DAV:' xmlns:m='urn:m' xmlns:hm='urn:schemas:tarnwick:'>"
+        "<D:response><D:href>" + svc_.Url("/msg/A") + "</D:href><D:propstat><D:other><D:id>A</D:id>"
+        "<m:subject>first</m:subject><D:getcontentlength>11</D:getcontentlength><hm:read>0</hm:read>"
+        "</D:other></D:propstat></D:response>"
+        "<D:response><D:href>" + svc_.Url("/msg/B") + "</D:href><D:propstat><D:prop><D:id>B</D:id>"
+        "<m:subject>second</m:subject><D:getcontentlength>12</D:getcontentlength><hm:read>1</hm:read>"
+        "</D:prop></D:propstat></D:response></D:multistatus>"));
+    svc_.Enqueue(ScriptedReply{200, {}, "body of A", false});
+    svc_.Enqueue(ScriptedReply{200, {}, "body of B", false});
+    mail_.ParseMailboxInfo(svc_.Url("/inbox"));
+    const auto mails = mail_.GetMailCollection();
+    ASSERT_EQ(mails->Count(), 2);
+    EXPECT_EQ(mails->Item(1)->mMessageID, "A");
+    EXPECT_EQ(mails->Item(1)->mSubject, "first");
+    EXPECT_EQ(mails->Item(1)->mLength, "11");
+    EXPECT_EQ(mails->Item(2)->mIndex, "2");
+    EXPECT_EQ(mails->Item(2)->mURL, svc_.Url("/msg/B"));
+    EXPECT_EQ(mails->Item(2)->mMessageID, "");
+    EXPECT_EQ(mails->Item(2)->mSubject, "");
+    EXPECT_EQ(mails->Item(2)->mLength, "");
+    EXPECT_EQ(mails->Item(2)->mRead, 0);
+    EXPECT_EQ(mails->Item(2)->mBody, "body of B");
+}
+
 TEST_F(HotmailListingTest, UnreadableValuesLeaveTheirFieldsAtTheirStartValues) {
     auto a = Message("A");
     a.read = "yes";
