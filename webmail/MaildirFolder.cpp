@@ -114,6 +114,18 @@ std::vector<MaildirEntry> MaildirFolder::list() const {
 std::optional<MaildirEntry> MaildirFolder::find(std::string_view id) const {
     if (!isUsableName(id)) return std::nullopt;
     std::error_code ec;
+    // Nearly every message is unflagged or only seen: try those names before reading a whole folder, so that
+    // fetching each message of a large folder does not read the folder once per message.
+    const std::string wanted(id);
+    if (wanted.find(kInfoSeparator) == std::string::npos) {
+        for (const char* flags : {"", "S"}) {
+            const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
+            if (fs::is_regular_file(likely, ec)) return MaildirEntry{wanted, likely, flags};
+        }
+        if (const fs::path fresh = dir_ / "new" / wanted; fs::is_regular_file(fresh, ec)) {
+            return MaildirEntry{wanted, fresh, ""};
+        }
+    }
     for (const char* sub : {"cur", "new"}) {
         for (const auto& item : fs::directory_iterator(dir_ / sub, ec)) {
             const std::string name = item.path().filename().string();

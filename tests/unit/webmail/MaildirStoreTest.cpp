@@ -80,6 +80,31 @@ TEST_F(MaildirFolderTest, SeenFlagWorksOnAMessageStillInNew) {
     EXPECT_TRUE(fs::is_empty(box.dir() / "new"));
 }
 
+TEST_F(MaildirFolderTest, FindsAMessageByIdWhereverItsFileIsAndWhateverItsFlags) {
+    struct Case {
+        const char* sub;
+        const char* file;
+        const char* id;
+        const char* flags;
+    };
+    const Case cases[] = {
+        {"cur", "1.A.host:2,", "1.A.host", ""},     {"cur", "2.B.host:2,S", "2.B.host", "S"},
+        {"cur", "3.C.host:2,FS", "3.C.host", "FS"}, {"cur", "4.D.host:2,RS", "4.D.host", "RS"},
+        {"new", "5.E.host", "5.E.host", ""},
+    };
+    for (const Case& c : cases) drop(box.dir(), c.sub, c.file, 1);
+    for (const Case& c : cases) {
+        const auto found = box.find(c.id);
+        ASSERT_TRUE(found) << c.file;
+        EXPECT_EQ(found->id, c.id);
+        EXPECT_EQ(found->flags, c.flags) << c.file;
+        EXPECT_EQ(found->path, box.dir() / c.sub / c.file);
+    }
+    // A file name with its flags is not an id, and an id of another message's prefix finds nothing.
+    EXPECT_FALSE(box.find("2.B.host:2,S"));
+    EXPECT_FALSE(box.find("1.A"));
+}
+
 TEST_F(MaildirFolderTest, MoveKeepsIdAndFlagsAndReportsUnknownIds) {
     MaildirFolder::create(dir.path() / "trash");
     const MaildirFolder trash(dir.path() / "trash");
