@@ -259,6 +259,30 @@ TEST_F(SessionTest, StartFailuresCarryNumberAndFirstLabel) {
     }
 }
 
+TEST_F(SessionTest, SocketErrorLeavesTheServerDeafUntilStoppedAndStarted) {
+    StartPop3();
+    Client client;
+    ASSERT_TRUE(client.Connect(port));
+    EXPECT_EQ(client.ReceiveLine(), kPop3Hello + "\r\n");
+    client.Send("QUIT\r\n");
+    EXPECT_EQ(client.ReceiveLine(), kPop3GoodBye + "\r\n");
+    // What the socket control raises when the connection fails (a peer's orderly close or reset is a close).
+    pop3.OnError(10053, "Software caused connection abort");
+    EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnError Fired");
+    EXPECT_EQ(pop3.LastCommand(), "QUIT");  // no session end: nothing restarts the listener
+
+    Client refused;
+    refused.socket_.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
+    EXPECT_TRUE(refused.Refused());
+
+    pop3.StopServer();
+    pop3.StartServer();
+    EXPECT_EQ(pop3.LastCommand(), "CONN");
+    Client again;
+    ASSERT_TRUE(again.Connect(port));
+    EXPECT_EQ(again.ReceiveLine(), kPop3Hello + "\r\n");
+}
+
 TEST_F(SessionTest, StopClosesTheListenerAndStartListensAgain) {
     pop3.StopServer();  // never started: nothing happens
     StartPop3();
