@@ -29,8 +29,9 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
         "the listen address; give the service account's name and password to the POP3 server.");
     parser.addHelpOption();
     parser.addVersionOption();
-    const QCommandLineOption headless("headless", "Run without a window or tray icon; write the log to standard "
-                                                  "output and error messages to standard error.");
+    const QCommandLineOption headless("headless",
+                                      "Run without a window or tray icon; write the log to standard "
+                                      "output and error messages to standard error.");
     const QCommandLineOption pop3Port("pop3-port", "Port text the POP3 port box starts with (default 110).", "TEXT");
     const QCommandLineOption smtpPort("smtp-port", "Port text the SMTP port box starts with (default 25).", "TEXT");
     const QCommandLineOption serviceUrl("service-url", "Entry address of the web mail service.", "URL");

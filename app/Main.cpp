@@ -12,9 +12,7 @@
 namespace app {
 
 Main::Main(IMainView& view, const GatewayOptions& options)
-    : view_(view),
-      options_(options),
-      programEnd_([this](const core::Error& error) {
+    : view_(view), options_(options), programEnd_([this](const core::Error& error) {
           view_.ShowFatalMessage(ProgramEndMessage(error));
           std::fflush(stdout);
           std::_Exit(1);
@@ -44,8 +42,8 @@ void Main::Form_Load() {
     core::Trap("Form_Load Event", [&] {
         // A second instance never gets this far: main() refuses it before the window exists.
         applicationName_ = "Tarnwick Gateway";
-        applicationVersion_ = core::ToText(kVersionMajor) + "." + core::ToText(kVersionMinor) + "." +
-                              core::ToText(kVersionRevision);
+        applicationVersion_ =
+            core::ToText(kVersionMajor) + "." + core::ToText(kVersionMinor) + "." + core::ToText(kVersionRevision);
         bLog = true;
         Initialize();
         MakeCPop3Server();

@@ -3,8 +3,8 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
-#include <system_error>
 #include <limits>
+#include <system_error>
 
 #include "core/Error.h"
 

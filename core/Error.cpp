@@ -33,8 +33,6 @@ std::string StandardDescription(std::int32_t number) {
     }
 }
 
-void Raise(std::int32_t number, const std::string& source) {
-    throw Error(number, source, StandardDescription(number));
-}
+void Raise(std::int32_t number, const std::string& source) { throw Error(number, source, StandardDescription(number)); }
 
 }  // namespace core

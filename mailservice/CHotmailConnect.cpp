@@ -21,8 +21,8 @@ bool CHotmail::Connect() {
         // and the caller learns of it only from what stays empty.
         bool allRead = core::SkipOnError([&] { d.LastReplyText = d.HttpRequest.ResponseText(); });
         allRead &= core::SkipOnError([&] { d.LastReplyHeaders = d.HttpRequest.GetAllResponseHeaders(); });
-        allRead &= core::SkipOnError(
-            [&] { d.HotmailError = d.HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader); });
+        allRead &=
+            core::SkipOnError([&] { d.HotmailError = d.HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader); });
         if (!allRead) {
             d.HttpRequest.Abort();
             return result;

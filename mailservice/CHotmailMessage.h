@@ -8,8 +8,8 @@
 namespace mailservice {
 
 struct CHotmailMessage {
-    std::string mIndex;        // position in its listing as decimal text ("1", "2", ...); its collection key
-    std::string mMessageID;    // the service's id of the message
+    std::string mIndex;      // position in its listing as decimal text ("1", "2", ...); its collection key
+    std::string mMessageID;  // the service's id of the message
     std::string mSubject;
     std::string mTo;
     std::string mFrom;         // sender as the service shows it
@@ -19,7 +19,7 @@ struct CHotmailMessage {
     std::string mURL;          // address the message's text is fetched from
     std::int16_t mRead = 0;    // 0 unread, 1 read, as the service reports it
     bool mHasAttachment = false;
-    std::string mBody;         // the message's full text as the service returns it for mURL
+    std::string mBody;  // the message's full text as the service returns it for mURL
 };
 
 }  // namespace mailservice

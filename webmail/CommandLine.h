@@ -9,12 +9,12 @@
 #include "webmail/WebmailServer.h"
 
 struct CommandLine {
-    std::string store;                    // --store DIR (required)
-    WebmailServer::Options server;        // --listen, --domain, --auth, --max-message-size
-    std::optional<std::string> addUser;   // --add-user NAME PASSWORD: name
-    std::string addUserPassword;          //                           password
-    bool demo = false;                    // --demo
-    bool help = false;                    // --help
+    std::string store;                   // --store DIR (required)
+    WebmailServer::Options server;       // --listen, --domain, --auth, --max-message-size
+    std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
+    std::string addUserPassword;         //                           password
+    bool demo = false;                   // --demo
+    bool help = false;                   // --help
 
     // Reads the arguments (without the program name); throws std::invalid_argument with a message
     // fit for the user on anything wrong.

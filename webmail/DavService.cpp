@@ -45,8 +45,7 @@ std::optional<std::string> readFile(const fs::path& path) {
 std::string mediaType(const std::optional<std::string>& contentType) {
     if (!contentType) return {};
     std::string type = contentType->substr(0, contentType->find(';'));
-    type.erase(std::remove_if(type.begin(), type.end(), [](unsigned char c) { return std::isspace(c); }),
-               type.end());
+    type.erase(std::remove_if(type.begin(), type.end(), [](unsigned char c) { return std::isspace(c); }), type.end());
     std::transform(type.begin(), type.end(), type.begin(),
                    [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
     return type;
@@ -75,8 +74,7 @@ std::string idOfHref(const std::string& href) {
 
 }  // namespace
 
-DavService::DavService(MaildirStore& store, std::string domain)
-    : store_(store), delivery_(store, std::move(domain)) {}
+DavService::DavService(MaildirStore& store, std::string domain) : store_(store), delivery_(store, std::move(domain)) {}
 
 DavReply DavService::handle(const DavRequest& request) {
     const ServiceTarget target = ServiceTarget::parse(request.path);
@@ -166,8 +164,8 @@ DavReply DavService::folderPropfind(const DavRequest& request, const Account& ac
     if (asked) {
         // Named properties ask about the folder itself, as the folder list would show it.
         PropfindReplies::Folder info{folderName, entries.size()};
-        info.unread = static_cast<std::size_t>(std::count_if(entries.begin(), entries.end(),
-                                                             [](const MaildirEntry& e) { return !e.seen(); }));
+        info.unread = static_cast<std::size_t>(
+            std::count_if(entries.begin(), entries.end(), [](const MaildirEntry& e) { return !e.seen(); }));
         return multistatus(PropfindReplies::folders(urls, {info}, *asked));
     }
     std::vector<PropfindReplies::Message> messages;
@@ -289,7 +287,7 @@ DavReply DavService::sendMessage(const DavRequest& request, const Account& accou
     const MailDelivery::Result result = delivery_.deliver(account, *submission);
     DavReply reply;
     reply.contentType = "text/plain; charset=\"utf-8\"";
-    reply.body = "delivered " + std::to_string(result.local.size()) + ", queued " +
-                 std::to_string(result.queued.size()) + "\n";
+    reply.body =
+        "delivered " + std::to_string(result.local.size()) + ", queued " + std::to_string(result.queued.size()) + "\n";
     return reply;
 }

@@ -21,15 +21,19 @@ std::vector<DemoMail::Sample> DemoMail::samples(const std::string& domain) {
     std::vector<Sample> list;
     list.push_back({crlf("From: Tarnwick Team <team@" + domain + ">\nTo: " + to +
                          "\nSubject: Welcome to tarnwick-webmail\nDate: Mon, 13 May 2002 09:00:00 +0000\n"
-                         "Message-ID: <welcome@" + domain + ">\nContent-Type: text/plain; charset=us-ascii\n\n"
+                         "Message-ID: <welcome@" +
+                         domain +
+                         ">\nContent-Type: text/plain; charset=us-ascii\n\n"
                          "Hello,\n\nthis mailbox lives in a Maildir on your own machine.\n"
                          "Fetch it with any POP3 reader through Tarnwick Gateway.\n"),
                     false});
     list.push_back({crlf("From: =?UTF-8?Q?J=C3=BCrgen?= <juergen@example.org>\nTo: " + to +
-                         "\nSubject: Gr\xC3\xBC\xC3\x9F" "e aus K\xC3\xB6ln \xE2\x80\x93 UTF-8\n"
+                         "\nSubject: Gr\xC3\xBC\xC3\x9F"
+                         "e aus K\xC3\xB6ln \xE2\x80\x93 UTF-8\n"
                          "Date: Tue, 14 May 2002 10:21:13 +0200\nMIME-Version: 1.0\n"
                          "Content-Type: text/plain; charset=utf-8\nContent-Transfer-Encoding: 8bit\n\n"
-                         "Sch\xC3\xB6ne Gr\xC3\xBC\xC3\x9F" "e, \xE2\x82\xAC 5 und \xE3\x81\x93\xE3\x82\x93\xE3\x81\xAB"
+                         "Sch\xC3\xB6ne Gr\xC3\xBC\xC3\x9F"
+                         "e, \xE2\x82\xAC 5 und \xE3\x81\x93\xE3\x82\x93\xE3\x81\xAB"
                          "\xE3\x81\xA1\xE3\x81\xAF.\n"),
                     false});
     list.push_back({crlf("From: Fran\xE7ois <francois@example.org>\nTo: " + to +

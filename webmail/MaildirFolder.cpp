@@ -35,8 +35,8 @@ std::string hostPart() {
     std::string out;
     for (const char* p = host; *p; ++p) {
         const char c = *p;
-        const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
-                        c == '.';
+        const bool ok =
+            (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.';
         out += ok ? c : '_';
     }
     return out;
@@ -63,8 +63,7 @@ void MaildirFolder::create(const fs::path& dir) {
 
 bool MaildirFolder::isMaildir(const fs::path& dir) {
     std::error_code ec;
-    return fs::is_directory(dir / "cur", ec) && fs::is_directory(dir / "new", ec) &&
-           fs::is_directory(dir / "tmp", ec);
+    return fs::is_directory(dir / "cur", ec) && fs::is_directory(dir / "new", ec) && fs::is_directory(dir / "tmp", ec);
 }
 
 std::string MaildirFolder::uniqueName() {
@@ -72,14 +71,13 @@ std::string MaildirFolder::uniqueName() {
     static const std::string host = hostPart();
     timeval now{};
     ::gettimeofday(&now, nullptr);
-    return std::to_string(now.tv_sec) + ".M" + std::to_string(now.tv_usec) + "P" + std::to_string(::getpid()) +
-           "Q" + std::to_string(++counter) + "." + host;
+    return std::to_string(now.tv_sec) + ".M" + std::to_string(now.tv_usec) + "P" + std::to_string(::getpid()) + "Q" +
+           std::to_string(++counter) + "." + host;
 }
 
 bool MaildirFolder::isUsableName(std::string_view name) {
     if (name.empty() || name.front() == '.') return false;
-    return std::all_of(name.begin(), name.end(),
-                       [](char c) { return c > 0x20 && c < 0x7F && c != '/'; });
+    return std::all_of(name.begin(), name.end(), [](char c) { return c > 0x20 && c < 0x7F && c != '/'; });
 }
 
 std::vector<MaildirEntry> MaildirFolder::list() const {
@@ -99,8 +97,8 @@ std::vector<MaildirEntry> MaildirFolder::list() const {
         const std::string name = item.path().filename().string();
         if (!isUsableName(name) || !item.is_regular_file(ec)) continue;
         SplitName split = splitName(name);
-        found.push_back({{std::move(split.id), item.path(), std::move(split.flags)},
-                         fs::last_write_time(item.path(), ec)});
+        found.push_back(
+            {{std::move(split.id), item.path(), std::move(split.flags)}, fs::last_write_time(item.path(), ec)});
     }
     std::sort(found.begin(), found.end(), [](const Sortable& a, const Sortable& b) {
         return a.time != b.time ? a.time < b.time : a.entry.id < b.entry.id;

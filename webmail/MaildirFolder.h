@@ -9,9 +9,9 @@
 
 // One message file of a folder.
 struct MaildirEntry {
-    std::string id;                  // unique name without the ":2,FLAGS" info part; stable in its folder
-    std::filesystem::path path;      // where the file is now
-    std::string flags;               // the letters after ":2,", sorted
+    std::string id;              // unique name without the ":2,FLAGS" info part; stable in its folder
+    std::filesystem::path path;  // where the file is now
+    std::string flags;           // the letters after ":2,", sorted
     bool seen() const { return flags.find('S') != std::string::npos; }
 };
 

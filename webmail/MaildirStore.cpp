@@ -10,9 +10,7 @@ MaildirStore::MaildirStore(fs::path root) : root_(std::move(root)) {
     passwords_ = PasswordFile::load(root_ / PasswordFile::kFileName);
 }
 
-std::optional<std::string> MaildirStore::password(const std::string& name) const {
-    return passwords_.password(name);
-}
+std::optional<std::string> MaildirStore::password(const std::string& name) const { return passwords_.password(name); }
 
 std::optional<Account> MaildirStore::account(const std::string& name) const {
     if (!PasswordFile::isValidName(name) || !passwords_.password(name)) return std::nullopt;

@@ -96,8 +96,7 @@ std::size_t utf8Sequence(std::string_view text, std::size_t i, unsigned& code) {
         if ((byte(i + k) & 0xC0) != 0x80) return 0;
         code = (code << 6) | (byte(i + k) & 0x3F);
     }
-    if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE ||
-        code == 0xFFFF) {
+    if (code < minimum || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF) || code == 0xFFFE || code == 0xFFFF) {
         return 0;
     }
     return length;
@@ -218,7 +217,8 @@ std::string MessageSummary::addressOf(std::string_view text) {
 
 std::optional<std::string> MessageSummary::isoDate(std::string_view text) {
     std::vector<std::string_view> parts = words(text);
-    if (!parts.empty() && monthNumber(parts.front()) == 0 && !std::isdigit(static_cast<unsigned char>(parts.front()[0]))) {
+    if (!parts.empty() && monthNumber(parts.front()) == 0 &&
+        !std::isdigit(static_cast<unsigned char>(parts.front()[0]))) {
         parts.erase(parts.begin());  // day of the week
     }
     if (parts.size() < 4) return std::nullopt;
@@ -256,7 +256,7 @@ std::string MessageSummary::isoTime(std::time_t time) {
     std::tm tm{};
     ::gmtime_r(&time, &tm);
     char buffer[96];
-    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    std::snprintf(buffer, sizeof buffer, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
     return buffer;
 }

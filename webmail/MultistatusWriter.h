@@ -10,8 +10,8 @@ class MultistatusWriter {
 public:
     static constexpr const char* kDavNs = "DAV:";
     static constexpr const char* kHotmailNs = "http://schemas.tarnwick.invalid/hotmail/";  // prefix h
-    static constexpr const char* kServiceNs = "urn:schemas:tarnwick:";                      // prefix hm
-    static constexpr const char* kMailHeaderNs = "urn:schemas:mailheader:";                 // prefix m
+    static constexpr const char* kServiceNs = "urn:schemas:tarnwick:";                     // prefix hm
+    static constexpr const char* kMailHeaderNs = "urn:schemas:mailheader:";                // prefix m
     static constexpr const char* kOkStatus = "HTTP/1.1 200 OK";
 
     // An empty D:multistatus declaring the four prefixes.

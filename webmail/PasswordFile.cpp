@@ -11,8 +11,8 @@ bool PasswordFile::isValidName(std::string_view name) {
     // The password file and its temporary copy live beside the account folders.
     if (name == kFileName || name == std::string(kFileName) + ".new") return false;
     for (unsigned char c : name) {
-        const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-                        c == '.' || c == '_' || c == '-';
+        const bool ok = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
+                        c == '_' || c == '-';
         if (!ok) return false;
     }
     return true;

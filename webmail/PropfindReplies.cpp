@@ -86,8 +86,8 @@ std::optional<std::vector<PropfindReplies::Requested>> PropfindReplies::requeste
 std::vector<PropfindReplies::Requested> PropfindReplies::defaultFolderProps() {
     const std::string dav = MultistatusWriter::kDavNs;
     const std::string hm = MultistatusWriter::kServiceNs;
-    return {{dav, "isfolder"},  {dav, "displayname"}, {hm, "special"},       {dav, "hassubs"},
-            {dav, "nosubs"},    {hm, "unreadcount"},  {dav, "visiblecount"}};
+    return {{dav, "isfolder"}, {dav, "displayname"}, {hm, "special"},      {dav, "hassubs"},
+            {dav, "nosubs"},   {hm, "unreadcount"},  {dav, "visiblecount"}};
 }
 
 std::string PropfindReplies::login(const ServiceUrls& urls) {

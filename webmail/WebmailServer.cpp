@@ -58,8 +58,8 @@ size_t keepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri);
 }  // namespace
 
 struct ServerCallbacks {
-    static MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* url, const char* method,
-                                const char*, const char* uploadData, size_t* uploadSize, void** state) {
+    static MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
+                                const char* uploadData, size_t* uploadSize, void** state) {
         auto* server = static_cast<WebmailServer*>(cls);
         try {
             return server->handle(connection, url, method, uploadData, uploadSize, state) ? MHD_YES : MHD_NO;
@@ -90,13 +90,13 @@ void WebmailServer::start() {
     std::random_device random;
     for (auto& byte : nonceSeed_) byte = static_cast<unsigned char>(random());
 
-    daemon_ = MHD_start_daemon(
-        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::onRequest, this,
-        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
-        MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
-        &ServerCallbacks::onCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr,
-        MHD_OPTION_DIGEST_AUTH_RANDOM, sizeof nonceSeed_, nonceSeed_, MHD_OPTION_NONCE_NC_SIZE, kNonceSlots,
-        MHD_OPTION_END);
+    daemon_ =
+        MHD_start_daemon(MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
+                         &ServerCallbacks::onRequest, this, MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
+                         MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads, MHD_OPTION_CONNECTION_TIMEOUT,
+                         kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &ServerCallbacks::onCompleted, this,
+                         MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_DIGEST_AUTH_RANDOM,
+                         sizeof nonceSeed_, nonceSeed_, MHD_OPTION_NONCE_NC_SIZE, kNonceSlots, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));
     }
@@ -111,8 +111,8 @@ void WebmailServer::stop() {
     }
 }
 
-int WebmailServer::handle(MHD_Connection* connection, const char* url, const char* method,
-                          const char* uploadData, std::size_t* uploadSize, void** state) {
+int WebmailServer::handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+                          std::size_t* uploadSize, void** state) {
     if (*state == nullptr) {
         auto* pending = new Pending;
         *state = pending;

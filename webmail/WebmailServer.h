@@ -19,7 +19,7 @@ public:
 
     struct Options {
         std::string address = "127.0.0.1";  // IPv4 address to listen on
-        std::uint16_t port = 8110;           // 0 picks a free port
+        std::uint16_t port = 8110;          // 0 picks a free port
         std::string domain = "tarnwick.local";
         AuthMode auth = AuthMode::Any;
         std::size_t maxBodySize = 10 * 1024 * 1024;
@@ -48,8 +48,7 @@ private:
                std::size_t* uploadSize, void** state);
     // The authenticated account, or empty when the credentials are missing or wrong.
     std::string authenticate(MHD_Connection* connection, bool& staleNonce);
-    int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
-                       const std::string& url);
+    int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
     int queue(MHD_Connection* connection, const DavReply& reply, const std::string& method, const std::string& url,
               const std::string& user);
     std::string baseUrl(MHD_Connection* connection) const;

@@ -27,8 +27,7 @@ int main(int argc, char** argv) {
         MaildirStore store(line.store);
         if (line.addUser) {
             store.addUser(*line.addUser, line.addUserPassword);
-            std::cout << "account " << *line.addUser << " ready in " << (store.root() / *line.addUser).string()
-                      << "\n";
+            std::cout << "account " << *line.addUser << " ready in " << (store.root() / *line.addUser).string() << "\n";
             return 0;
         }
         if (line.demo && DemoMail::ensure(store, line.server.domain)) {

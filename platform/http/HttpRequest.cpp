@@ -191,8 +191,7 @@ std::string HttpRequest::GetAllResponseHeaders() const {
 
 std::string HttpRequest::GetResponseHeader(const std::string& name) const {
     curl_header* hdr = nullptr;
-    if (!haveReply_ ||
-        curl_easy_header(Handle(curl_), name.c_str(), 0, CURLH_HEADER, -1, &hdr) != CURLHE_OK) {
+    if (!haveReply_ || curl_easy_header(Handle(curl_), name.c_str(), 0, CURLH_HEADER, -1, &hdr) != CURLHE_OK) {
         Fail(HttpError::kHeaderNotFound, "The requested header was not found");
     }
     return hdr->value;

@@ -12,12 +12,13 @@ namespace platform {
 
 // Numbers of the request layer's failures.
 namespace HttpError {
-inline constexpr std::int32_t kInvalidUrl = -2147012891;           // "The URL is invalid"
-inline constexpr std::int32_t kUnrecognizedScheme = -2147012890;   // "The URL does not use a recognized protocol"
-inline constexpr std::int32_t kNameNotResolved = -2147012889;      // "The server name or address could not be resolved"
-inline constexpr std::int32_t kCannotConnect = -2147012867;        // "A connection with the server could not be established"
-inline constexpr std::int32_t kConnectionAborted = -2147012866;    // "The connection with the server was terminated abnormally"
-inline constexpr std::int32_t kHeaderNotFound = -2147012746;       // "The requested header was not found"
+inline constexpr std::int32_t kInvalidUrl = -2147012891;          // "The URL is invalid"
+inline constexpr std::int32_t kUnrecognizedScheme = -2147012890;  // "The URL does not use a recognized protocol"
+inline constexpr std::int32_t kNameNotResolved = -2147012889;     // "The server name or address could not be resolved"
+inline constexpr std::int32_t kCannotConnect = -2147012867;  // "A connection with the server could not be established"
+inline constexpr std::int32_t kConnectionAborted =
+    -2147012866;  // "The connection with the server was terminated abnormally"
+inline constexpr std::int32_t kHeaderNotFound = -2147012746;  // "The requested header was not found"
 }  // namespace HttpError
 
 class HttpRequest {

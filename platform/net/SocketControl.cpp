@@ -16,15 +16,12 @@ namespace {
 
 // Numbers the socket control raises itself, in the range the platform's socket errors use.
 constexpr std::int32_t kWrongState = 40006;
-constexpr const char* kWrongStateText =
-    "Wrong protocol or connection state for the requested transaction or request";
+constexpr const char* kWrongStateText = "Wrong protocol or connection state for the requested transaction or request";
 constexpr std::int32_t kConnectionAborted = 10053;
 constexpr std::int32_t kTimedOut = 10060;
 constexpr std::int32_t kHighestPort = std::numeric_limits<quint16>::max();
 
-[[noreturn]] void RaiseWrongState() {
-    throw core::Error(kWrongState, "SocketControl", kWrongStateText);
-}
+[[noreturn]] void RaiseWrongState() { throw core::Error(kWrongState, "SocketControl", kWrongStateText); }
 
 void EndProgram(const core::Error& error) {
     core::MessageBox::Show("Error " + std::to_string(error.Number()) + ": " + error.Description());

@@ -10,8 +10,7 @@ namespace platform {
 namespace {
 
 // A pattern pugixml cannot compile is the caller's mistake, reported like any bad argument.
-XmlNodeList Select(pugi::xml_node from, const std::string& pattern,
-                   const std::shared_ptr<pugi::xml_document>& owner) {
+XmlNodeList Select(pugi::xml_node from, const std::string& pattern, const std::shared_ptr<pugi::xml_document>& owner) {
     std::vector<pugi::xml_node> found;
     try {
         for (const pugi::xpath_node& n : from.select_nodes(pattern.c_str())) found.push_back(n.node());

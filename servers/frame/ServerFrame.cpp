@@ -173,9 +173,8 @@ void ServerFrame::SendUnloggedResponse(const std::string& text) {
 }
 
 void ServerFrame::SendErrorResponse(const std::string& message) {
-    core::Trap("SendErrorResponse Method", [&] {
-        SendResponse(profile_.errorPrefix + (message.empty() ? commandErrorDescription_ : message));
-    });
+    core::Trap("SendErrorResponse Method",
+               [&] { SendResponse(profile_.errorPrefix + (message.empty() ? commandErrorDescription_ : message)); });
 }
 
 void ServerFrame::RunCommand(const std::function<void()>& handler) {

@@ -111,8 +111,8 @@ void CPop3Server::HandleUIDL(const std::string& request) {
 
 void CPop3Server::HandleRETR(const std::string& request) {
     ConnectToHotmail();
-    SendResponse(R::BuildRETRResponse(*RequestedMessage(request), Host().ApplicationName(),
-                                      Host().ApplicationVersion()));
+    SendResponse(
+        R::BuildRETRResponse(*RequestedMessage(request), Host().ApplicationName(), Host().ApplicationVersion()));
 }
 
 // The service moves the message to the trash folder at once. The loaded list stays as it is, so the

@@ -52,17 +52,16 @@ TEST_F(GatewayProcessTest, NonNumericPop3PortEndsTheProgramWithError13) {
 TEST_F(GatewayProcessTest, PortInUseEndsTheProgramWithError10048) {
     QTcpServer occupant;
     ASSERT_TRUE(occupant.listen(QHostAddress::LocalHost, 0));
-    EXPECT_EQ(Run({"--pop3-port", QString::number(occupant.serverPort()), "--smtp-port",
-                   QString::fromStdString(FreePort())}),
-              1);
+    EXPECT_EQ(
+        Run({"--pop3-port", QString::number(occupant.serverPort()), "--smtp-port", QString::fromStdString(FreePort())}),
+        1);
     EXPECT_NE(stderrText.find("Error 10048: Address in use"), std::string::npos) << stderrText;
 }
 
 TEST_F(GatewayProcessTest, SecondInstanceIsRefusedAndTheFirstLogsToStandardOutput) {
     const std::string pop3Port = FreePort();
     QProcess first;
-    Start(first, {"--pop3-port", QString::fromStdString(pop3Port), "--smtp-port",
-                  QString::fromStdString(FreePort())});
+    Start(first, {"--pop3-port", QString::fromStdString(pop3Port), "--smtp-port", QString::fromStdString(FreePort())});
 
     // The first instance serves once its POP3 port answers.
     QTcpSocket client;
@@ -89,8 +88,8 @@ TEST_F(GatewayProcessTest, SecondInstanceIsRefusedAndTheFirstLogsToStandardOutpu
         kTimeoutMs));
     EXPECT_EQ(out, expectedLog);
 
-    const int status = Run({"--pop3-port", QString::fromStdString(FreePort()), "--smtp-port",
-                            QString::fromStdString(FreePort())});
+    const int status =
+        Run({"--pop3-port", QString::fromStdString(FreePort()), "--smtp-port", QString::fromStdString(FreePort())});
     EXPECT_NE(status, 0);
     EXPECT_NE(stderrText.find("already running"), std::string::npos) << stderrText;
 

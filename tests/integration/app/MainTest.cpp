@@ -1,8 +1,8 @@
 // The application controller and its window: start-up, Stop and Start, the log switch, the error path.
+#include <QLabel>
+#include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
-#include <QLineEdit>
-#include <QLabel>
 #include <QTcpServer>
 #include <QTest>
 

@@ -48,8 +48,7 @@ public:
     // Waits for `count` bytes more than already taken and returns exactly those.
     std::string Receive(std::size_t count) {
         // On time-out the shorter text comes back and the caller's comparison fails.
-        (void)QTest::qWaitFor([&] { return static_cast<std::size_t>(socket_.bytesAvailable()) >= count; },
-                              kTimeoutMs);
+        (void)QTest::qWaitFor([&] { return static_cast<std::size_t>(socket_.bytesAvailable()) >= count; }, kTimeoutMs);
         const QByteArray bytes = socket_.read(static_cast<qint64>(count));
         return std::string(bytes.constData(), static_cast<std::size_t>(bytes.size()));
     }
@@ -143,10 +142,8 @@ TEST_F(SessionTest, SmtpRequestsAndTheirAnswers) {
     ASSERT_TRUE(client.Connect(port));
     EXPECT_EQ(client.ReceiveLine(), "220 tarnwick.local\r\n");
     const std::pair<std::string, std::string> exchanges[] = {
-        {"ehlo x\r\n", kSmtpUnknown + "EHLO\r\n"},
-        {"rset\r\n", kSmtpUnknown + "RSET\r\n"},
-        {" x\r\n", kSmtpUnknown + "\r\n"},
-        {"CONN\r\n", "220 tarnwick.local\r\n"},
+        {"ehlo x\r\n", kSmtpUnknown + "EHLO\r\n"}, {"rset\r\n", kSmtpUnknown + "RSET\r\n"},
+        {" x\r\n", kSmtpUnknown + "\r\n"},         {"CONN\r\n", "220 tarnwick.local\r\n"},
         {"quit\r\n", "221 tarnwick.local\r\n"},
     };
     for (const auto& [request, answer] : exchanges) {
@@ -194,18 +191,12 @@ TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
 
     EXPECT_EQ(host.clearCount, 1);
-    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired",
-                                      "SERVER_RESPONSE: " + kPop3Hello,
-                                      "SOCKET_EVENT: OnSendProgress Fired",
-                                      "SOCKET_EVENT: OnSendComplete Fired",
-                                      "SOCKET_EVENT: OnDataArrival Fired",
-                                      "CLIENT_REQUEST: noop\r\n",
-                                      "SOCKET_EVENT: OnDataArrival Fired",
-                                      "CLIENT_REQUEST: QUIT\r\n",
-                                      "SERVER_RESPONSE: " + kPop3GoodBye,
-                                      "SOCKET_EVENT: OnSendProgress Fired",
-                                      "SOCKET_EVENT: OnSendComplete Fired",
-                                      "SOCKET_EVENT: OnClose Fired"));
+    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired", "SERVER_RESPONSE: " + kPop3Hello,
+                                      "SOCKET_EVENT: OnSendProgress Fired", "SOCKET_EVENT: OnSendComplete Fired",
+                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: noop\r\n",
+                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: QUIT\r\n",
+                                      "SERVER_RESPONSE: " + kPop3GoodBye, "SOCKET_EVENT: OnSendProgress Fired",
+                                      "SOCKET_EVENT: OnSendComplete Fired", "SOCKET_EVENT: OnClose Fired"));
 
     // The next connection starts a fresh log.
     Client next;
@@ -226,12 +217,9 @@ TEST_F(SessionTest, SmtpSessionLogsWordsAndNoSendEvents) {
     client.ReceiveLine();
     client.Close();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired",
-                                      "SERVER_RESPONSE: 220 tarnwick.local",
-                                      "SOCKET_EVENT: OnDataArrival Fired",
-                                      "CLIENT_REQUEST: EHLO",
-                                      "SERVER_RESPONSE: " + kSmtpUnknown + "EHLO",
-                                      "SOCKET_EVENT: OnClose Fired"));
+    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired", "SERVER_RESPONSE: 220 tarnwick.local",
+                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: EHLO",
+                                      "SERVER_RESPONSE: " + kSmtpUnknown + "EHLO", "SOCKET_EVENT: OnClose Fired"));
     EXPECT_EQ(smtp.LastCommand(), "CONN");
 }
 
@@ -297,8 +285,8 @@ TEST_F(SessionTest, StopClosesTheListenerAndStartListensAgain) {
     EXPECT_EQ(client.ReceiveLine(), kPop3Hello + "\r\n");
     // Stopping with a client connected drops the connection.
     pop3.StopServer();
-    EXPECT_TRUE(QTest::qWaitFor([&] { return client.socket_.state() == QAbstractSocket::UnconnectedState; },
-                                kTimeoutMs));
+    EXPECT_TRUE(
+        QTest::qWaitFor([&] { return client.socket_.state() == QAbstractSocket::UnconnectedState; }, kTimeoutMs));
 }
 
 }  // namespace

@@ -85,8 +85,8 @@ FakeWebDavService::FakeWebDavService(Auth auth, std::string user, std::string pa
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO, 0, nullptr, nullptr, &Dispatch, this,
                                MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_NOTIFY_COMPLETED, &Completed, nullptr,
-                               MHD_OPTION_DIGEST_AUTH_RANDOM, random_.size(), random_.data(),
-                               MHD_OPTION_NONCE_NC_SIZE, 300u, MHD_OPTION_END);
+                               MHD_OPTION_DIGEST_AUTH_RANDOM, random_.size(), random_.data(), MHD_OPTION_NONCE_NC_SIZE,
+                               300u, MHD_OPTION_END);
     if (!daemon_) throw std::runtime_error("fake service did not start");
     port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
 }
@@ -112,8 +112,8 @@ int FakeWebDavService::Challenges() const {
     return challenges_;
 }
 
-int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const char* method,
-                              const char* uploadData, std::size_t* uploadSize, void** state) {
+int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+                              std::size_t* uploadSize, void** state) {
     if (*state == nullptr) {
         auto* pending = new Pending{};
         pending->request.method = method;
@@ -147,17 +147,16 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
         char* user = MHD_digest_auth_get_username(connection);
         int check = MHD_NO;
         if (user && user_ == user) {
-            check = MHD_digest_auth_check2(connection, kRealm, user_.c_str(), password_.c_str(), 300,
-                                           MHD_DIGEST_ALG_MD5);
+            check =
+                MHD_digest_auth_check2(connection, kRealm, user_.c_str(), password_.c_str(), 300, MHD_DIGEST_ALG_MD5);
         }
         MHD_free(user);
         if (check != MHD_YES) {
             std::lock_guard lock(mutex_);
             ++challenges_;
             MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-            const MHD_Result q = MHD_queue_auth_fail_response2(connection, kRealm, "opaque", r,
-                                                               check == MHD_INVALID_NONCE ? MHD_YES : MHD_NO,
-                                                               MHD_DIGEST_ALG_MD5);
+            const MHD_Result q = MHD_queue_auth_fail_response2(
+                connection, kRealm, "opaque", r, check == MHD_INVALID_NONCE ? MHD_YES : MHD_NO, MHD_DIGEST_ALG_MD5);
             MHD_destroy_response(r);
             return q == MHD_YES;
         }
@@ -177,8 +176,7 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
     MHD_Response* response = nullptr;
     if (reply.breakOff) {
         auto* b = new BreakOff{reply.body};
-        response = MHD_create_response_from_callback(reply.body.size() + 1000, 4096, &BreakOffReader, b,
-                                                     &FreeBreakOff);
+        response = MHD_create_response_from_callback(reply.body.size() + 1000, 4096, &BreakOffReader, b, &FreeBreakOff);
     } else {
         response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(), MHD_RESPMEM_MUST_COPY);
     }

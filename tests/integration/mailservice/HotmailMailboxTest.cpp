@@ -98,14 +98,18 @@ TEST_F(HotmailListingTest, EntryBeyondTheLastPropertyListGetsOnlyItsAddress) {
     // Two entries but one property list: entry 1 keeps its values in an element of another name. Values are
     // the i-th of each name over the whole reply (so entry 1 gets A's), but entry 2 has no property list 2
     // to search from, so it keeps only its address, index and body although a second D:id exists.
-    svc_.Enqueue(DavReply(
-        "<?xml version='1.0'?><D:multistatus xmlns:D='DAV:' xmlns:m='urn:m' xmlns:hm='urn:schemas:tarnwick:'>"
-        "<D:response><D:href>" + svc_.Url("/msg/A") + "</D:href><D:propstat><D:other><D:id>A</D:id>"
-        "<m:subject>first</m:subject><D:getcontentlength>11</D:getcontentlength><hm:read>0</hm:read>"
-        "</D:other></D:propstat></D:response>"
-        "<D:response><D:href>" + svc_.Url("/msg/B") + "</D:href><D:propstat><D:prop><D:id>B</D:id>"
-        "<m:subject>second</m:subject><D:getcontentlength>12</D:getcontentlength><hm:read>1</hm:read>"
-        "</D:prop></D:propstat></D:response></D:multistatus>"));
+    svc_.Enqueue(
+        DavReply("<?xml version='1.0'?><D:multistatus xmlns:D='DAV:' xmlns:m='urn:m' xmlns:hm='urn:schemas:tarnwick:'>"
+                 "<D:response><D:href>" +
+                 svc_.Url("/msg/A") +
+                 "</D:href><D:propstat><D:other><D:id>A</D:id>"
+                 "<m:subject>first</m:subject><D:getcontentlength>11</D:getcontentlength><hm:read>0</hm:read>"
+                 "</D:other></D:propstat></D:response>"
+                 "<D:response><D:href>" +
+                 svc_.Url("/msg/B") +
+                 "</D:href><D:propstat><D:prop><D:id>B</D:id>"
+                 "<m:subject>second</m:subject><D:getcontentlength>12</D:getcontentlength><hm:read>1</hm:read>"
+                 "</D:prop></D:propstat></D:response></D:multistatus>"));
     svc_.Enqueue(ScriptedReply{200, {}, "body of A", false});
     svc_.Enqueue(ScriptedReply{200, {}, "body of B", false});
     mail_.ParseMailboxInfo(svc_.Url("/inbox"));
@@ -154,8 +158,8 @@ TEST_F(HotmailListingTest, MessageThatCannotBeFetchedIsStillListedWithoutBody) {
 }
 
 TEST_F(HotmailListingTest, ReplyWithoutEntriesOrNotXmlGivesAnEmptyListing) {
-    for (const std::string& reply : {std::string("<D:multistatus xmlns:D='DAV:'/>"), std::string("<html>oops"),
-                                    std::string()}) {
+    for (const std::string& reply :
+         {std::string("<D:multistatus xmlns:D='DAV:'/>"), std::string("<html>oops"), std::string()}) {
         svc_.Enqueue(DavReply(reply));
         ASSERT_NO_THROW(mail_.ParseMailboxInfo(svc_.Url("/inbox")));
         EXPECT_EQ(mail_.GetMailCollection()->Count(), 0) << reply;

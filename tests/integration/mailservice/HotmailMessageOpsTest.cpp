@@ -109,8 +109,10 @@ TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
 }
 
 TEST_F(HotmailTest, SendMailPostsTheBodyUnchangedWithOneExtraHeader) {
-    std::string body = "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n"
-                       "Subject: Gr\xC3\xBC\xC3\x9F" "e\r\n\r\nlatin1 \xE9\xFF, a lone \n and \r.\r\n..dot\r\n.\r\n";
+    std::string body =
+        "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n"
+        "Subject: Gr\xC3\xBC\xC3\x9F"
+        "e\r\n\r\nlatin1 \xE9\xFF, a lone \n and \r.\r\n..dot\r\n.\r\n";
     body.push_back('\0');
     mail_.SetOutboxURL(svc_.Url("/outbox"));
     svc_.Enqueue(DavReply("queued", 500, "500 relay later"));
@@ -146,7 +148,8 @@ const ReadingOperation kReadingOperations[] = {
     {"FlagMailUnread Method", 2, [](auto& m, const auto& url) { m.FlagMailUnread(url, url); }},
     {"DeleteMail Method", 1, [](auto& m, const auto& url) { m.DeleteMail(Ids({"1"}), url); }},
     {"MoveMail Method", 1, [](auto& m, const auto& url) { m.MoveMail("1", url, url); }},
-    {"SendMail Method", 1, [](auto& m, const auto& url) {
+    {"SendMail Method", 1,
+     [](auto& m, const auto& url) {
          m.SetOutboxURL(url);
          m.SendMail("x");
      }},

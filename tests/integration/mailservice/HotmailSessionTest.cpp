@@ -21,8 +21,8 @@ const std::string kFolderInfoRequest =
 const std::string kUserAgent = "Outlook Express/5.0 (MSIE 5.0; Windows 2000; Tarnwick-POP3 Gateway;)";
 
 std::vector<std::string> AddressFields(const mailservice::CHotmail& m) {
-    return {m.AdPaneURL(), m.ContactsURL(), m.InboxURL(), m.OutboxURL(), m.SentItemsURL(), m.TrashURL(),
-            m.RootFolderURL()};
+    return {m.AdPaneURL(),    m.ContactsURL(), m.InboxURL(),     m.OutboxURL(),
+            m.SentItemsURL(), m.TrashURL(),    m.RootFolderURL()};
 }
 
 TEST(HotmailCreationTest, NewSessionIsEmptyAndServiceAddressIsBuiltIn) {

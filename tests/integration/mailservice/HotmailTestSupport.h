@@ -44,8 +44,10 @@ core::Error RaisedBy(Step&& step) {
 // A log-in reply: one entry with `base` as its address and `props` as its property list, under element names
 // that mean nothing (only positions count). White space between elements, as a real service indents.
 inline std::string LoginReply(const std::string& base, const std::vector<std::string>& props) {
-    std::string s = "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<D:multistatus xmlns:D=\"DAV:\" xmlns:q=\"urn:q\">"
-                    "\r\n <D:response>\r\n  <D:href>" + base + "</D:href>\r\n  <D:propstat>\r\n   <D:prop>\r\n";
+    std::string s =
+        "<?xml version=\"1.0\" encoding=\"utf-8\"?>\r\n<D:multistatus xmlns:D=\"DAV:\" xmlns:q=\"urn:q\">"
+        "\r\n <D:response>\r\n  <D:href>" +
+        base + "</D:href>\r\n  <D:propstat>\r\n   <D:prop>\r\n";
     for (std::size_t i = 0; i < props.size(); ++i) {
         const std::string name = "q:p" + std::to_string(i);
         s += "    <" + name + ">" + props[i] + "</" + name + ">\r\n";
@@ -66,7 +68,8 @@ inline std::string FolderReply(const std::vector<FolderEntry>& folders) {
     for (const FolderEntry& f : folders) {
         s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>";
         if (!f.onlyOneProperty) {
-            s += "<D:displayname>" + f.name + "</D:displayname><hm:special>x</hm:special>"
+            s += "<D:displayname>" + f.name +
+                 "</D:displayname><hm:special>x</hm:special>"
                  "<hm:unreadcount>0</hm:unreadcount>";
         }
         s += "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
@@ -85,11 +88,11 @@ struct ListedMessage {
 };
 
 inline std::string ListingReply(const std::vector<ListedMessage>& messages) {
-    std::string s = "<?xml version=\"1.0\"?>\n<D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\" "
-                    "xmlns:m=\"urn:schemas:mailheader:\" xmlns:h=\"http://schemas.tarnwick.invalid/hotmail/\">\n";
+    std::string s =
+        "<?xml version=\"1.0\"?>\n<D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\" "
+        "xmlns:m=\"urn:schemas:mailheader:\" xmlns:h=\"http://schemas.tarnwick.invalid/hotmail/\">\n";
     for (const ListedMessage& m : messages) {
-        s += " <D:response>\n  <D:href>" + m.href + "</D:href>\n  <D:propstat><D:prop>\n   <D:id>" + m.id +
-             "</D:id>\n";
+        s += " <D:response>\n  <D:href>" + m.href + "</D:href>\n  <D:propstat><D:prop>\n   <D:id>" + m.id + "</D:id>\n";
         if (m.subject) s += "   <m:subject>" + *m.subject + "</m:subject>\n";
         s += "   <m:to>to-" + m.id + "</m:to><m:from>from-" + m.id + "</m:from><h:fromaddr>" + m.id +
              "@example.invalid</h:fromaddr>\n";
@@ -118,7 +121,7 @@ protected:
 
     // The seven addresses a standard log-in reply hands out, in reply order.
     std::vector<std::string> Addresses() const {
-        return {svc_.Url("/ad"),    svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
+        return {svc_.Url("/ad"),   svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
                 svc_.Url("/sent"), svc_.Url("/trash"),    svc_.Url("/root")};
     }
     // Scripts a log-in whose folder listing finds `folders`, and runs Connect.

@@ -48,10 +48,14 @@ const Listed kDots{"MSG-3", "dot@example.org",
 std::string XmlEscaped(const std::string& text) {
     std::string out;
     for (char c : text) {
-        if (c == '<') out += "&lt;";
-        else if (c == '>') out += "&gt;";
-        else if (c == '&') out += "&amp;";
-        else out += c;
+        if (c == '<')
+            out += "&lt;";
+        else if (c == '>')
+            out += "&gt;";
+        else if (c == '&')
+            out += "&amp;";
+        else
+            out += c;
     }
     return out;
 }
@@ -109,21 +113,31 @@ protected:
 
     // Queues the replies of one log-in and inbox load: log-in, folder listing, inbox listing, one GET each.
     void ScriptLoad(const std::vector<Listed>& messages) {
-        const std::vector<std::string> addresses = {svc.Url("/ad"),   svc.Url("/contacts"), svc.Url("/inbox"),
-                                                    svc.Url("/out"),  svc.Url("/sent"),     svc.Url("/trash"),
+        const std::vector<std::string> addresses = {svc.Url("/ad"),  svc.Url("/contacts"), svc.Url("/inbox"),
+                                                    svc.Url("/out"), svc.Url("/sent"),     svc.Url("/trash"),
                                                     svc.Url("/root")};
         svc.Enqueue(DavReply(hotmail_test::LoginReply(svc.Url("/base"), addresses)));
         svc.Enqueue(DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
-        std::string listing = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" "
-                              "xmlns:hm=\"urn:schemas:tarnwick:\" xmlns:m=\"urn:schemas:mailheader:\" "
-                              "xmlns:h=\"http://schemas.tarnwick.invalid/hotmail/\">";
+        std::string listing =
+            "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" "
+            "xmlns:hm=\"urn:schemas:tarnwick:\" xmlns:m=\"urn:schemas:mailheader:\" "
+            "xmlns:h=\"http://schemas.tarnwick.invalid/hotmail/\">";
         for (const Listed& m : messages) {
-            listing += "<D:response><D:href>" + svc.Url("/inbox/" + m.id) + "</D:href><D:propstat><D:prop>"
-                       "<D:id>" + m.id + "</D:id><m:subject>s</m:subject><m:to>t</m:to>"
-                       "<m:from>" + XmlEscaped(m.from) + "</m:from><h:fromaddr>a</h:fromaddr>"
+            listing += "<D:response><D:href>" + svc.Url("/inbox/" + m.id) +
+                       "</D:href><D:propstat><D:prop>"
+                       "<D:id>" +
+                       m.id +
+                       "</D:id><m:subject>s</m:subject><m:to>t</m:to>"
+                       "<m:from>" +
+                       XmlEscaped(m.from) +
+                       "</m:from><h:fromaddr>a</h:fromaddr>"
                        "<m:date>2002-05-14T10:21:13</m:date>"
-                       "<D:getcontentlength>" + Size(m) + "</D:getcontentlength>"
-                       "<hm:read>" + (m.read ? "1" : "0") + "</hm:read>"
+                       "<D:getcontentlength>" +
+                       Size(m) +
+                       "</D:getcontentlength>"
+                       "<hm:read>" +
+                       (m.read ? "1" : "0") +
+                       "</hm:read>"
                        "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
         }
         svc.Enqueue(DavReply(listing + "</D:multistatus>"));
@@ -178,8 +192,8 @@ TEST_F(Pop3HandlersTest, MailboxViewAnswersByteForByteFromOneLoad) {
     const Exchange exchanges[] = {
         {"STAT\r\n", "+OK 2 " + total + "\r\n"},
         {"STAT 9\r\n", "+OK 2 " + total + "\r\n"},
-        {"LIST\r\n", "+OK 2 messages (" + total + " octets)\r\n1 " + Size(kPlain) + "\r\n2 " + Size(kDots) +
-                         "\r\n.\r\n", true},
+        {"LIST\r\n",
+         "+OK 2 messages (" + total + " octets)\r\n1 " + Size(kPlain) + "\r\n2 " + Size(kDots) + "\r\n.\r\n", true},
         {"LIST 02\r\n", "+OK 02 " + Size(kDots) + "\r\n"},
         {"LIST  1\r\n", "+OK  1 " + Size(kPlain) + "\r\n"},
         {"LIST 0\r\n", "-ERR No such message\r\n"},
@@ -264,8 +278,8 @@ TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
 
     ScriptLoad({kDots});
     reader = LogIn();
-    EXPECT_EQ(reader->Ask("LIST\r\n", true), "+OK 1 messages (" + Size(kDots) + " octets)\r\n1 " + Size(kDots) +
-                                                 "\r\n.\r\n");
+    EXPECT_EQ(reader->Ask("LIST\r\n", true),
+              "+OK 1 messages (" + Size(kDots) + " octets)\r\n1 " + Size(kDots) + "\r\n.\r\n");
     EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + LoadRequests(1));
 }
 

@@ -21,10 +21,10 @@ TEST_P(ToInt16Accepts, GivesTheRoundedValue) {
 INSTANTIATE_TEST_SUITE_P(Texts, ToInt16Accepts,
                          ::testing::Values(Int16Case{"1", 1}, Int16Case{"02", 2}, Int16Case{" 2", 2},
                                            Int16Case{"2  ", 2}, Int16Case{"-7", -7}, Int16Case{"+3", 3},
-                                           Int16Case{"32767", 32767}, Int16Case{"-32768", -32768},
-                                           Int16Case{"2.5", 2}, Int16Case{"3.5", 4}, Int16Case{"0.5", 0},
-                                           Int16Case{"-2.5", -2}, Int16Case{"1.4", 1}, Int16Case{"1.6", 2},
-                                           Int16Case{"1e2", 100}, Int16Case{".5", 0}));
+                                           Int16Case{"32767", 32767}, Int16Case{"-32768", -32768}, Int16Case{"2.5", 2},
+                                           Int16Case{"3.5", 4}, Int16Case{"0.5", 0}, Int16Case{"-2.5", -2},
+                                           Int16Case{"1.4", 1}, Int16Case{"1.6", 2}, Int16Case{"1e2", 100},
+                                           Int16Case{".5", 0}));
 
 struct Failure {
     const char* text;
@@ -44,10 +44,10 @@ TEST_P(ToInt16Refuses, WithTheRightError) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Texts, ToInt16Refuses,
-                         ::testing::Values(Failure{"", 13}, Failure{"   ", 13}, Failure{"abc", 13},
-                                           Failure{"1a", 13}, Failure{"1 2", 13}, Failure{"--1", 13},
-                                           Failure{".", 13}, Failure{"1e", 13}, Failure{"32768", 6},
-                                           Failure{"-32769", 6}, Failure{"32767.5", 6}, Failure{"1e400", 6}));
+                         ::testing::Values(Failure{"", 13}, Failure{"   ", 13}, Failure{"abc", 13}, Failure{"1a", 13},
+                                           Failure{"1 2", 13}, Failure{"--1", 13}, Failure{".", 13}, Failure{"1e", 13},
+                                           Failure{"32768", 6}, Failure{"-32769", 6}, Failure{"32767.5", 6},
+                                           Failure{"1e400", 6}));
 
 TEST(ToInt32, CoversTheWiderRangeAndRefusesBeyondIt) {
     EXPECT_EQ(core::ToInt32("110"), 110);

@@ -23,9 +23,15 @@ protected:
 
 TEST_F(CommandRulesTest, Pop3CommandWordIsFirstFourCharactersUpperCasedUntrimmed) {
     const RuleCase cases[] = {
-        {"USER alice\r\n", "USER"}, {"stat\r\n", "STAT"},     {"noop\r\n", "NOOP"},
-        {"TOP 1 5\r\n", "TOP "},    {"TOP", "TOP"},           {"US", "US"},
-        {"", ""},                   {"\xE9t\r\n", "\xE9T\r\n"}, {" list\r\n", " LIS"},
+        {"USER alice\r\n", "USER"},
+        {"stat\r\n", "STAT"},
+        {"noop\r\n", "NOOP"},
+        {"TOP 1 5\r\n", "TOP "},
+        {"TOP", "TOP"},
+        {"US", "US"},
+        {"", ""},
+        {"\xE9t\r\n", "\xE9T\r\n"},
+        {" list\r\n", " LIS"},
     };
     for (const RuleCase& c : cases) {
         EXPECT_EQ(pop3.GetCommand(c.text), c.expected) << "request: " << c.text;
@@ -95,8 +101,8 @@ TEST_F(CommandRulesTest, EndOfDataOnlyAtTheEndOfTheChunk) {
 TEST_F(CommandRulesTest, CreationDefaults) {
     EXPECT_EQ(pop3.ListenPort(), "110");
     EXPECT_EQ(smtp.ListenPort(), "25");
-    for (const servers::frame::ServerFrame* server : {static_cast<servers::frame::ServerFrame*>(&pop3),
-                                                      static_cast<servers::frame::ServerFrame*>(&smtp)}) {
+    for (const servers::frame::ServerFrame* server :
+         {static_cast<servers::frame::ServerFrame*>(&pop3), static_cast<servers::frame::ServerFrame*>(&smtp)}) {
         EXPECT_EQ(server->LastCommand(), "CONN");
         EXPECT_EQ(server->UserName(), "");
         EXPECT_EQ(server->Password(), "");

@@ -29,17 +29,22 @@ TEST(XmlDocumentTest, WhiteSpaceBetweenElementsFormsNoNodes) {
 
 TEST(XmlDocumentTest, TextBytesComeBackUnchanged) {
     XmlDocument doc;
-    ASSERT_TRUE(doc.loadXML("<a>Gr\xC3\xBC\xC3\x9F" "e &amp; &lt;tags&gt;</a>"));
-    EXPECT_EQ(doc.documentElement().text(), "Gr\xC3\xBC\xC3\x9F" "e & <tags>");
+    ASSERT_TRUE(
+        doc.loadXML("<a>Gr\xC3\xBC\xC3\x9F"
+                    "e &amp; &lt;tags&gt;</a>"));
+    EXPECT_EQ(doc.documentElement().text(),
+              "Gr\xC3\xBC\xC3\x9F"
+              "e & <tags>");
 }
 
 TEST(XmlDocumentTest, PatternsMatchPrefixAndNameAsWrittenAcrossTheWholeDocument) {
     XmlDocument doc;
-    ASSERT_TRUE(doc.loadXML("<D:multistatus xmlns:D='DAV:' xmlns:X='DAV:'>"
-                            "<D:response><D:href>1</D:href></D:response>"
-                            "<X:response><X:href>x</X:href></X:response>"
-                            "<D:response><D:href>2</D:href><m:subject>s</m:subject></D:response>"
-                            "</D:multistatus>"));
+    ASSERT_TRUE(
+        doc.loadXML("<D:multistatus xmlns:D='DAV:' xmlns:X='DAV:'>"
+                    "<D:response><D:href>1</D:href></D:response>"
+                    "<X:response><X:href>x</X:href></X:response>"
+                    "<D:response><D:href>2</D:href><m:subject>s</m:subject></D:response>"
+                    "</D:multistatus>"));
     const auto responses = doc.selectNodes("//D:response");
     ASSERT_EQ(responses.length(), 2);
     EXPECT_EQ(responses.item(1).text(), "2s");
@@ -63,8 +68,8 @@ TEST(XmlDocumentTest, UsingAMissingNodeRaises91) {
 }
 
 TEST(XmlDocumentTest, TextThatIsNotWellFormedIsRefusedWithAReason) {
-    for (const char* text : {"", "Service unavailable", "<html><body>Error<br></body></html>", "<a></b>",
-                             "<a/><b/>", "<a>unclosed"}) {
+    for (const char* text :
+         {"", "Service unavailable", "<html><body>Error<br></body></html>", "<a></b>", "<a/><b/>", "<a>unclosed"}) {
         XmlDocument doc;
         EXPECT_FALSE(doc.loadXML(text)) << text;
         EXPECT_FALSE(doc.parseErrorReason().empty()) << text;
@@ -83,8 +88,7 @@ TEST(XmlDocumentTest, MoveDocumentIsWrittenBackWithItsDeclarationAndNoIndentatio
     };
     const Case cases[] = {
         {{}, kMoveTemplate},
-        {{"MSG1"},
-         "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>MSG1</D:href></D:target></D:move>"},
+        {{"MSG1"}, "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>MSG1</D:href></D:target></D:move>"},
         {{"a<b", "c&d"},
          "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>a&lt;b</D:href>"
          "<D:href>c&amp;d</D:href></D:target></D:move>"},

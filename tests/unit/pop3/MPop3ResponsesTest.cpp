@@ -29,8 +29,10 @@ R::MessagePtr Message(const std::string& index, const std::string& length, const
 std::string Shown(const std::string& text) {
     std::string out;
     for (unsigned char c : text.substr(0, 24)) {
-        if (c >= 0x21 && c < 0x7F) out += static_cast<char>(c);
-        else out += '_';
+        if (c >= 0x21 && c < 0x7F)
+            out += static_cast<char>(c);
+        else
+            out += '_';
     }
     return "[" + out + (text.size() > 24 ? "...]" : "]");
 }
@@ -83,8 +85,8 @@ INSTANTIATE_TEST_SUITE_P(
                       ItemCase{"02", "+OK 02 830", "+OK 02 msg-b:bob:example.org"},
                       ItemCase{" 1", "+OK  1 1200", "+OK  1 msg-a:Ann:Example:<ann:example.org>"},
                       ItemCase{"2 ", "+OK 2  830", "+OK 2  msg-b:bob:example.org"},
-                      ItemCase{"1.5", "+OK 1.5 830", "+OK 1.5 msg-b:bob:example.org"},    // halves to even
-                      ItemCase{"2.5", "+OK 2.5 830", "+OK 2.5 msg-b:bob:example.org"},    // halves to even
+                      ItemCase{"1.5", "+OK 1.5 830", "+OK 1.5 msg-b:bob:example.org"},  // halves to even
+                      ItemCase{"2.5", "+OK 2.5 830", "+OK 2.5 msg-b:bob:example.org"},  // halves to even
                       ItemCase{"1.4", "+OK 1.4 1200", "+OK 1.4 msg-a:Ann:Example:<ann:example.org>"}));
 
 struct RefusedCase {
@@ -109,19 +111,19 @@ TEST_P(Pop3MessageNumberRefused, WithAClearDescription) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Arguments, Pop3MessageNumberRefused,
-    ::testing::Values(RefusedCase{"", R::kNoMessageNumberError, R::kNoMessageNumberText},
-                      RefusedCase{"0", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"0.5", R::kNoSuchMessageError, R::kNoSuchMessageText},  // rounds to 0
-                      RefusedCase{"-1", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"3", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"32767", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"32768", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"99999999999", R::kNoSuchMessageError, R::kNoSuchMessageText},
-                      RefusedCase{"abc", R::kNotANumberError, R::kNotANumberText},
-                      RefusedCase{"1 2", R::kNotANumberError, R::kNotANumberText},
-                      RefusedCase{"#1", R::kNotANumberError, R::kNotANumberText}));
+INSTANTIATE_TEST_SUITE_P(Arguments, Pop3MessageNumberRefused,
+                         ::testing::Values(RefusedCase{"", R::kNoMessageNumberError, R::kNoMessageNumberText},
+                                           RefusedCase{"0", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"0.5", R::kNoSuchMessageError,
+                                                       R::kNoSuchMessageText},  // rounds to 0
+                                           RefusedCase{"-1", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"3", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"32767", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"32768", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"99999999999", R::kNoSuchMessageError, R::kNoSuchMessageText},
+                                           RefusedCase{"abc", R::kNotANumberError, R::kNotANumberText},
+                                           RefusedCase{"1 2", R::kNotANumberError, R::kNotANumberText},
+                                           RefusedCase{"#1", R::kNotANumberError, R::kNotANumberText}));
 
 TEST(Pop3MessageNumber, LargestSixteenBitNumberIsUsable) {
     EXPECT_EQ(R::ParseMessageNumber("32767", 32767), 32767);
@@ -144,16 +146,15 @@ TEST_P(Pop3UniqueId, FollowsTheRule) {
 
 INSTANTIATE_TEST_SUITE_P(
     Senders, Pop3UniqueId,
-    ::testing::Values(
-        UniqueIdCase{"MSG1", "\"Ann B. Example\" <ann@example.org>", "MSG1:\"Ann:B.:Example\":<ann:example.org>"},
-        UniqueIdCase{"MSG2", "", "MSG2:"},
-        // Only "@" and space change: tabs, the id's own characters and bytes above 0x7F stay.
-        UniqueIdCase{"a b@c", "x\ty\xE9@z", "a b@c:x\ty\xE9:z"},
-        // Cut to 69 characters exactly.
-        UniqueIdCase{std::string(60, 'i'), "someone@example.org",
-                     std::string(60, 'i') + ":someone:"},
-        UniqueIdCase{std::string(69, 'i'), "x", std::string(69, 'i')},
-        UniqueIdCase{std::string(67, 'i'), "x", std::string(67, 'i') + ":x"}));
+    ::testing::Values(UniqueIdCase{"MSG1", "\"Ann B. Example\" <ann@example.org>",
+                                   "MSG1:\"Ann:B.:Example\":<ann:example.org>"},
+                      UniqueIdCase{"MSG2", "", "MSG2:"},
+                      // Only "@" and space change: tabs, the id's own characters and bytes above 0x7F stay.
+                      UniqueIdCase{"a b@c", "x\ty\xE9@z", "a b@c:x\ty\xE9:z"},
+                      // Cut to 69 characters exactly.
+                      UniqueIdCase{std::string(60, 'i'), "someone@example.org", std::string(60, 'i') + ":someone:"},
+                      UniqueIdCase{std::string(69, 'i'), "x", std::string(69, 'i')},
+                      UniqueIdCase{std::string(67, 'i'), "x", std::string(67, 'i') + ":x"}));
 
 TEST(Pop3UniqueId, LengthLimitIsSixtyNine) {
     EXPECT_EQ(R::kUniqueIdMaxLength, 69u);
@@ -182,19 +183,17 @@ TEST_P(Pop3RetrResponse, IsExact) {
 
 INSTANTIATE_TEST_SUITE_P(
     Bodies, Pop3RetrResponse,
-    ::testing::Values(
-        RetrCase{"EndsInCrLf", "Subject: a\r\n\r\nhello\r\n", "Subject: a\r\n\r\nhello\r\n\r\n."},
-        RetrCase{"NoFinalCrLf", "Subject: a\r\n\r\nhello", "Subject: a\r\n\r\nhello\r\n."},
-        RetrCase{"Empty", "", "\r\n."},
-        RetrCase{"OneDot", "A\r\n.\r\n.x\r\n", "A\r\n..\r\n..x\r\n\r\n."},
-        RetrCase{"TwoDots", "A\r\n..x\r\n", "A\r\n...x\r\n\r\n."},
-        RetrCase{"DotFirstByte", ".start\r\nB", "..start\r\nB\r\n."},
-        RetrCase{"DotInsideLine", "a.b\r\n x.\r\n", "a.b\r\n x.\r\n\r\n."},
-        // Only CR LF starts a line: a dot after a bare LF or a bare CR stays as it is.
-        RetrCase{"BareLineEnds", "a\n.b\r.c\r\n", "a\n.b\r.c\r\n\r\n."},
-        RetrCase{"EightBit", std::string("Subject: \xC3\xA9t\xE9\r\n\r\n\xFF\x80\x7F\r\n"),
-                 std::string("Subject: \xC3\xA9t\xE9\r\n\r\n\xFF\x80\x7F\r\n\r\n.")},
-        RetrCase{"NulByte", std::string("a\0b\r\n", 5), std::string("a\0b\r\n\r\n.", 8)}));
+    ::testing::Values(RetrCase{"EndsInCrLf", "Subject: a\r\n\r\nhello\r\n", "Subject: a\r\n\r\nhello\r\n\r\n."},
+                      RetrCase{"NoFinalCrLf", "Subject: a\r\n\r\nhello", "Subject: a\r\n\r\nhello\r\n."},
+                      RetrCase{"Empty", "", "\r\n."}, RetrCase{"OneDot", "A\r\n.\r\n.x\r\n", "A\r\n..\r\n..x\r\n\r\n."},
+                      RetrCase{"TwoDots", "A\r\n..x\r\n", "A\r\n...x\r\n\r\n."},
+                      RetrCase{"DotFirstByte", ".start\r\nB", "..start\r\nB\r\n."},
+                      RetrCase{"DotInsideLine", "a.b\r\n x.\r\n", "a.b\r\n x.\r\n\r\n."},
+                      // Only CR LF starts a line: a dot after a bare LF or a bare CR stays as it is.
+                      RetrCase{"BareLineEnds", "a\n.b\r.c\r\n", "a\n.b\r.c\r\n\r\n."},
+                      RetrCase{"EightBit", std::string("Subject: \xC3\xA9t\xE9\r\n\r\n\xFF\x80\x7F\r\n"),
+                               std::string("Subject: \xC3\xA9t\xE9\r\n\r\n\xFF\x80\x7F\r\n\r\n.")},
+                      RetrCase{"NulByte", std::string("a\0b\r\n", 5), std::string("a\0b\r\n\r\n.", 8)}));
 
 TEST(Pop3RetrResponse, TwentyMegabyteBodyComesWholeAndStuffed) {
     constexpr std::size_t kLines = 20 * 1024 * 1024 / 64;
@@ -252,9 +251,9 @@ TEST_P(Pop3MailboxSize, SumsAsDecimalsAndRounds) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Lengths, Pop3MailboxSize,
-                         ::testing::Values(SizeCase{{}, 0}, SizeCase{{"1200", "830"}, 2030},
-                                           SizeCase{{" 7 ", "3"}, 10}, SizeCase{{"0.5"}, 0},
-                                           SizeCase{{"1.5", "1"}, 2}, SizeCase{{"1.25", "1.25"}, 2},
+                         ::testing::Values(SizeCase{{}, 0}, SizeCase{{"1200", "830"}, 2030}, SizeCase{{" 7 ", "3"}, 10},
+                                           SizeCase{{"0.5"}, 0}, SizeCase{{"1.5", "1"}, 2},
+                                           SizeCase{{"1.25", "1.25"}, 2},
                                            SizeCase{{"2000000000", "147483647"}, 2147483647}));
 
 TEST(Pop3MailboxSize, RefusesWhatDoesNotFit) {

@@ -106,7 +106,8 @@ TEST_F(DavServiceTest, ListingCarriesEveryElementOncePerEntryAndSizesMatchGet) {
         unread += std::string(doc.select_nodes("//hm:read")[i].node().text().get()) == "0";
     }
     EXPECT_GE(unread, 4u);
-    EXPECT_EQ(std::string(doc.select_nodes("//m:subject")[2].node().text().get()), "Caf\xC3\xA9 cr\xC3\xA8me (Latin-1)");
+    EXPECT_EQ(std::string(doc.select_nodes("//m:subject")[2].node().text().get()),
+              "Caf\xC3\xA9 cr\xC3\xA8me (Latin-1)");
     EXPECT_EQ(std::string(doc.select_nodes("//hm:hasattachment")[3].node().text().get()), "1");
 }
 
@@ -158,8 +159,13 @@ TEST_F(DavServiceTest, BadRequestsGetAStatusAndAReason) {
         {"malformed listing body", "PROPFIND", inbox, "<D:propfind", {}, {}, 400},
         {"malformed folder body", "PROPFIND", me.folderRoot(), "<x/>", {}, {}, 400},
         {"malformed flag body", "PROPPATCH", me.message("INBOX", "x"), "<<", {}, {}, 400},
-        {"flag without hm:read", "PROPPATCH", me.message("INBOX", "x"),
-         "<D:propertyupdate xmlns:D='DAV:'><D:set><D:prop/></D:set></D:propertyupdate>", {}, {}, 400},
+        {"flag without hm:read",
+         "PROPPATCH",
+         me.message("INBOX", "x"),
+         "<D:propertyupdate xmlns:D='DAV:'><D:set><D:prop/></D:set></D:propertyupdate>",
+         {},
+         {},
+         400},
         {"flag of unknown message", "PROPPATCH", me.message("INBOX", "x"), kMarkRead, {}, {}, 404},
         {"move without destination", "BMOVE", inbox, move, std::nullopt, "text/xml", 400},
         {"move to empty destination", "BMOVE", inbox, move, "", "text/xml", 400},

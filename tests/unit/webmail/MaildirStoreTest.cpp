@@ -16,9 +16,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-void writeFile(const fs::path& path, const std::string& text) {
-    std::ofstream(path, std::ios::binary) << text;
-}
+void writeFile(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -174,8 +172,7 @@ TEST(MaildirStoreTest, AddedUserHasTreeAndPasswordThatSurviveReload) {
     ASSERT_TRUE(reloaded.account("ann"));
     EXPECT_TRUE(reloaded.account("ann")->folder("Deleted Items"));
     EXPECT_FALSE(reloaded.account("bob"));
-    EXPECT_EQ(fs::status(dir.path() / PasswordFile::kFileName).permissions() & fs::perms::others_read,
-              fs::perms::none);
+    EXPECT_EQ(fs::status(dir.path() / PasswordFile::kFileName).permissions() & fs::perms::others_read, fs::perms::none);
 }
 
 class MailDeliveryTest : public ::testing::Test {
@@ -191,7 +188,8 @@ protected:
 };
 
 TEST_F(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndSenderKeepsSentCopy) {
-    Submission s{"ann@example.org", {"bob@EXAMPLE.org", "ann@example.org", "far@elsewhere.net", "nobody@example.org"},
+    Submission s{"ann@example.org",
+                 {"bob@EXAMPLE.org", "ann@example.org", "far@elsewhere.net", "nobody@example.org"},
                  "Subject: t\r\n\r\nhi\r\n"};
     const auto result = delivery.deliver(*store.account("ann"), s);
     EXPECT_EQ(result.local, (std::vector<std::string>{"bob", "ann"}));

@@ -19,18 +19,31 @@ struct SubmissionCase {
 TEST(SubmissionTest, ParsesWhatTheGatewayPosts) {
     const std::vector<SubmissionCase> cases = {
         {"message ending in CR LF leaves one empty line before the dot",
-         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nSubject: s\r\n\r\nbody\r\n\r\n.\r\n", "a@x.org",
-         {"b@y.org"}, "Subject: s\r\n\r\nbody\r\n"},
-        {"message without final line break", "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nSubject: s\r\n\r\nbody\r\n.\r\n",
-         "a@x.org", {"b@y.org"}, "Subject: s\r\n\r\nbody"},
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nSubject: s\r\n\r\nbody\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "Subject: s\r\n\r\nbody\r\n"},
+        {"message without final line break",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nSubject: s\r\n\r\nbody\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "Subject: s\r\n\r\nbody"},
         {"dot-stuffed lines are unstuffed",
-         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n..hidden\r\nx\r\n..\r\n\r\n.\r\n", "a@x.org", {"b@y.org"},
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n..hidden\r\nx\r\n..\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
          ".hidden\r\nx\r\n.\r\n"},
         {"text that still carries its SMTP end mark",
-         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nbody\r\n.\r\n\r\n.\r\n", "a@x.org", {"b@y.org"}, "body\r\n"},
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nbody\r\n.\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "body\r\n"},
         {"extra words and missing brackets",
-         "MAIL FROM: <a@x.org> SIZE=20 BODY=8BITMIME\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt to:<c@z.org>\r\n\r\nm\r\n\r\n.\r\n",
-         "a@x.org", {"b@y.org", "c@z.org"}, "m\r\n"},
+         "MAIL FROM: <a@x.org> SIZE=20 BODY=8BITMIME\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt "
+         "to:<c@z.org>\r\n\r\nm\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org", "c@z.org"},
+         "m\r\n"},
         {"null sender", "MAIL FROM:<>\r\nRCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n", "", {"b@y.org"}, "m\r\n"},
         {"bare LF line ends", "MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n\n.\n", "a@x.org", {"b@y.org"}, "m\n"},
     };
@@ -45,9 +58,10 @@ TEST(SubmissionTest, ParsesWhatTheGatewayPosts) {
 }
 
 TEST(SubmissionTest, RefusesBodiesThatAreNotSubmissions) {
-    for (const char* body : {"", "hello\r\n", "MAIL FROM:<a@x>\r\n\r\nm\r\n.\r\n", "MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n",
-                             "MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n\r\nno end line\r\n", "MAIL FROM:<a@x>\r\nRCPT TO:<>\r\n\r\n.\r\n",
-                             "MAIL FROM:<a@x>\r\nDATA\r\n\r\nm\r\n.\r\n"}) {
+    for (const char* body :
+         {"", "hello\r\n", "MAIL FROM:<a@x>\r\n\r\nm\r\n.\r\n", "MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n",
+          "MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n\r\nno end line\r\n", "MAIL FROM:<a@x>\r\nRCPT TO:<>\r\n\r\n.\r\n",
+          "MAIL FROM:<a@x>\r\nDATA\r\n\r\nm\r\n.\r\n"}) {
         std::string error;
         EXPECT_FALSE(Submission::parse(body, error)) << body;
         EXPECT_FALSE(error.empty()) << body;
@@ -85,11 +99,17 @@ TEST(MessageSummaryTest, DatesInTheirCommonShapes) {
 }
 
 TEST(MessageSummaryTest, CleanTextIsValidUtf8WithoutControls) {
-    EXPECT_EQ(MessageSummary::cleanText(" Gr\xC3\xBC\xC3\x9F" "e "), "Gr\xC3\xBC\xC3\x9F" "e");
-    EXPECT_EQ(MessageSummary::cleanText("Caf\xE9"), "Caf\xC3\xA9");                  // Latin-1 byte
-    EXPECT_EQ(MessageSummary::cleanText("a\x01" "b\x7F" "c"), "a b c");             // controls
+    EXPECT_EQ(MessageSummary::cleanText(" Gr\xC3\xBC\xC3\x9F"
+                                        "e "),
+              "Gr\xC3\xBC\xC3\x9F"
+              "e");
+    EXPECT_EQ(MessageSummary::cleanText("Caf\xE9"), "Caf\xC3\xA9");  // Latin-1 byte
+    EXPECT_EQ(MessageSummary::cleanText("a\x01"
+                                        "b\x7F"
+                                        "c"),
+              "a b c");                                                                // controls
     EXPECT_EQ(MessageSummary::cleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // encoded surrogate
-    EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                       // cut-off sequence
+    EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
 }
 
 TEST(MessageSummaryTest, ServedTextHasCrLfLineEndsOnly) {
@@ -123,10 +143,15 @@ TEST(ServiceTargetTest, AddressesOfTheSchemeAreRecognised) {
     using K = ServiceTarget::Kind;
     const ServiceUrls urls{"http://h:1", "ann"};
     const std::vector<std::pair<std::string, K>> cases = {
-        {urls.entry(), K::Entry},       {urls.folderRoot(), K::FolderRoot},  {urls.folder("Sent Items"), K::Folder},
-        {urls.message("INBOX", "1.a"), K::Message}, {urls.sendMessage(), K::SendMessage},
-        {urls.contacts(), K::Contacts}, {urls.adbar(), K::AdBar},
-        {"http://h:1/mail/ann/", K::Unknown}, {"http://h:1/mail/ann/folders/INBOX/1.a/x", K::Unknown},
+        {urls.entry(), K::Entry},
+        {urls.folderRoot(), K::FolderRoot},
+        {urls.folder("Sent Items"), K::Folder},
+        {urls.message("INBOX", "1.a"), K::Message},
+        {urls.sendMessage(), K::SendMessage},
+        {urls.contacts(), K::Contacts},
+        {urls.adbar(), K::AdBar},
+        {"http://h:1/mail/ann/", K::Unknown},
+        {"http://h:1/mail/ann/folders/INBOX/1.a/x", K::Unknown},
         {"http://h:1/svcs/hotmail/other.asp", K::Unknown},
     };
     for (const auto& [url, kind] : cases) {
