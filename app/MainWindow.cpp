@@ -12,6 +12,7 @@
 #include <QPushButton>
 #include <QScrollBar>
 #include <QStatusBar>
+#include <QTextCursor>
 #include <QVBoxLayout>
 
 #include "app/Main.h"
@@ -54,6 +55,8 @@ MainWindow::MainWindow() {
 
     txtData = new QPlainTextEdit(central);
     txtData->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
+    // The log can hold whole messages; an undo history of them would only double the memory.
+    txtData->setUndoRedoEnabled(false);
     layout->addWidget(txtData);
     setCentralWidget(central);
 
@@ -91,7 +94,12 @@ void MainWindow::AppendLog(const std::string& entry) {
     // The box shows line breaks, not the CR of each CR LF.
     QString shown = FromBytes(entry);
     shown.replace("\r\n", "\n");
-    txtData->setPlainText(txtData->toPlainText() + shown);
+    // Inserting at the end leaves the box holding its old text followed by the entry, exactly as setting the
+    // whole text again would, without laying the whole log out again for every entry: a retrieved message of
+    // many megabytes is one entry, and every entry after it would otherwise take seconds.
+    QTextCursor end(txtData->document());
+    end.movePosition(QTextCursor::End);
+    end.insertText(shown);
     txtData->moveCursor(QTextCursor::End);
     txtData->verticalScrollBar()->setValue(txtData->verticalScrollBar()->maximum());
 }

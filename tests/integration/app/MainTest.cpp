@@ -126,6 +126,13 @@ TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     EXPECT_EQ(std::to_string(main.WinsockPOP3().LocalPort()), newPop3);
     EXPECT_EQ(std::to_string(main.WinsockSMTP().LocalPort()), newSmtp);
 
+    // Each entry ends its own line; an empty entry is an empty line; received bytes keep their line ends.
+    main.WriteLog("abc");
+    main.WriteLog("");
+    main.WriteLog("CLIENT_REQUEST: noop\r\n");
+    EXPECT_EQ(window.txtData->toPlainText(), "abc\n\nCLIENT_REQUEST: noop\n\n");
+    EXPECT_EQ(window.txtData->textCursor().position(), window.txtData->document()->characterCount() - 1);
+
     window.close();
     EXPECT_EQ(main.Pop3ServerObject(), nullptr);
     EXPECT_EQ(main.WinsockSMTP().State(), core::ISocketControl::kClosed);
