@@ -93,6 +93,8 @@ private:
     std::string GetAllFolderInfo();
     // The listing request for the folder at `ukey`; its reply text.
     std::string GetMailInfo(const std::string& ukey);
+    // The body shared by FlagMailRead and FlagMailUnread (no trap of its own: each runs it under its label).
+    void SetReadFlag(const std::string& request, const std::string& ukey, const std::string& currentfolder);
     // Appends the folders of RootFolderURL to the folder collection.
     void ParseFolderInfo();
 

@@ -15,23 +15,20 @@ std::string CHotmail::GetMessage(const std::string& strMessageURL) {
 }
 
 void CHotmail::FlagMailRead(const std::string& ukey, const std::string& currentfolder) {
-    core::Trap("FlagMailRead Method", [&] {
-        d_->HttpRequest.Open("PROPPATCH", ukey, false);
-        d_->HttpRequest.Send(d_->MarkReadRequest);
-        d_->LastReplyText = d_->HttpRequest.ResponseText();
-        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
-        ParseMailboxInfo(currentfolder);
-    });
+    core::Trap("FlagMailRead Method", [&] { SetReadFlag(d_->MarkReadRequest, ukey, currentfolder); });
 }
 
 void CHotmail::FlagMailUnread(const std::string& ukey, const std::string& currentfolder) {
-    core::Trap("FlagMailUnread Method", [&] {
-        d_->HttpRequest.Open("PROPPATCH", ukey, false);
-        d_->HttpRequest.Send(d_->MarkUnreadRequest);
-        d_->LastReplyText = d_->HttpRequest.ResponseText();
-        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
-        ParseMailboxInfo(currentfolder);
-    });
+    core::Trap("FlagMailUnread Method", [&] { SetReadFlag(d_->MarkUnreadRequest, ukey, currentfolder); });
+}
+
+void CHotmail::SetReadFlag(const std::string& request, const std::string& ukey, const std::string& currentfolder) {
+    d_->HttpRequest.Open("PROPPATCH", ukey, false);
+    d_->HttpRequest.Send(request);
+    d_->LastReplyText = d_->HttpRequest.ResponseText();
+    d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+    // The folder is listed again, so the mail collection reflects the change.
+    ParseMailboxInfo(currentfolder);
 }
 
 std::string CHotmail::DeleteMail(const IdCollectionPtr& uMail, const std::string& mFolder) {
