@@ -58,6 +58,11 @@ public:
         const QByteArray line = socket_.readLine();
         return std::string(line.constData(), static_cast<std::size_t>(line.size()));
     }
+    // Tries to connect and waits for the refusal; true when nothing listened on `port`.
+    bool RefusedAt(const std::string& port) {
+        socket_.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
+        return Refused();
+    }
     bool Refused() {
         return QTest::qWaitFor([&] { return socket_.state() == QAbstractSocket::UnconnectedState; }, kTimeoutMs) &&
                socket_.error() == QAbstractSocket::ConnectionRefusedError;
@@ -162,8 +167,7 @@ TEST_F(SessionTest, OneClientAtATimeAndListeningAgainAfterClose) {
     EXPECT_EQ(pop3.LastCommand(), "QUIT");
 
     Client second;
-    second.socket_.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
-    EXPECT_TRUE(second.Refused());
+    EXPECT_TRUE(second.RefusedAt(port));
 
     first.Close();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
@@ -260,8 +264,7 @@ TEST_F(SessionTest, SocketErrorLeavesTheServerDeafUntilStoppedAndStarted) {
     EXPECT_EQ(pop3.LastCommand(), "QUIT");  // no session end: nothing restarts the listener
 
     Client refused;
-    refused.socket_.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
-    EXPECT_TRUE(refused.Refused());
+    EXPECT_TRUE(refused.RefusedAt(port));
 
     pop3.StopServer();
     pop3.StartServer();
@@ -276,8 +279,7 @@ TEST_F(SessionTest, StopClosesTheListenerAndStartListensAgain) {
     StartPop3();
     pop3.StopServer();
     Client refused;
-    refused.socket_.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
-    EXPECT_TRUE(refused.Refused());
+    EXPECT_TRUE(refused.RefusedAt(port));
 
     pop3.StartServer();
     Client client;
