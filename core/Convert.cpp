@@ -1,11 +1,11 @@
 #include "core/Convert.h"
 
-#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <limits>
 #include <system_error>
 
+#include "core/Ascii.h"
 #include "core/Error.h"
 
 namespace core {
@@ -18,17 +18,17 @@ bool IsDecimalNumber(std::string_view s) {
     std::size_t i = 0;
     if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
     std::size_t digits = 0;
-    while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++digits;
+    while (i < s.size() && Ascii::IsDigit(s[i])) ++i, ++digits;
     if (i < s.size() && s[i] == '.') {
         ++i;
-        while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++digits;
+        while (i < s.size() && Ascii::IsDigit(s[i])) ++i, ++digits;
     }
     if (digits == 0) return false;
     if (i < s.size() && (s[i] == 'e' || s[i] == 'E')) {
         ++i;
         if (i < s.size() && (s[i] == '+' || s[i] == '-')) ++i;
         std::size_t expDigits = 0;
-        while (i < s.size() && std::isdigit(static_cast<unsigned char>(s[i]))) ++i, ++expDigits;
+        while (i < s.size() && Ascii::IsDigit(s[i])) ++i, ++expDigits;
         if (expDigits == 0) return false;
     }
     return i == s.size();

@@ -1,11 +1,10 @@
 #include "servers/frame/ServerFrame.h"
 
-#include <algorithm>
-#include <cctype>
 #include <functional>
 #include <limits>
 #include <utility>
 
+#include "core/Ascii.h"
 #include "core/Convert.h"
 #include "core/Error.h"
 #include "core/Trap.h"
@@ -156,11 +155,7 @@ std::string ServerFrame::RemoveCrLf(const std::string& text) {
     return result;
 }
 
-std::string ServerFrame::UpperCase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-    return text;
-}
+std::string ServerFrame::UpperCase(std::string text) { return core::Ascii::UpperCase(std::move(text)); }
 
 void ServerFrame::SendResponse(const std::string& text) {
     SendUnloggedResponse(text);
