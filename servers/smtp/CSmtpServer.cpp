@@ -1,5 +1,6 @@
 #include "servers/smtp/CSmtpServer.h"
 
+#include <algorithm>
 #include <span>
 
 #include "core/Trap.h"
@@ -33,7 +34,19 @@ const frame::Command<CSmtpServer> CSmtpServer::kCommands[] = {
 
 CSmtpServer::CSmtpServer(core::IGatewayHost& host) : ServerFrame(host, SmtpProfile()) { ClassInitialize(); }
 
-bool CSmtpServer::IsEndOfData(const std::string& chunk) { return chunk.ends_with(kEndOfData); }
+std::size_t CSmtpServer::FindEndOfData(std::string_view collected, std::string_view arrival) {
+    constexpr std::size_t kSeam = kEndOfData.size() - 1;
+    // The mark may begin in the text before: a client that ends its text with a line break often sends the
+    // "." line as a write of its own.
+    std::string seam = collected.empty()
+                           ? std::string("\r\n")
+                           : std::string(collected.substr(collected.size() - std::min(collected.size(), kSeam)));
+    const std::size_t before = seam.size();
+    seam += arrival.substr(0, kSeam);
+    if (const std::size_t at = seam.find(kEndOfData); at != std::string::npos) return at + kEndOfData.size() - before;
+    const std::size_t at = arrival.find(kEndOfData);
+    return at == std::string_view::npos ? std::string_view::npos : at + kEndOfData.size();
+}
 
 void CSmtpServer::HandleCONN(const std::string& /*request*/) { SendResponse("220 " + std::string(kMailDomain)); }
 
@@ -70,8 +83,12 @@ void CSmtpServer::HandleMESG(const std::string& request) {
 }
 
 void CSmtpServer::HandleSEND(const std::string& request) {
-    // Clients send their last lines together with the end mark; those lines belong to the message.
-    if (IsEndOfData(request)) MailData.append(request, 0, request.size() - kEndLineLength);
+    if (DataMode) {
+        // Clients send their last lines together with the end mark; those lines belong to the message, the
+        // mark's "." line does not.
+        MailData += request;
+        MailData.resize(MailData.size() - kEndLineLength);
+    }
     // The data phase ends in every outcome, a failed log-in or post included.
     DataMode = false;
     ConnectToHotmail();
@@ -140,8 +157,16 @@ std::string CSmtpServer::ExtractArgument(const std::string& text) const {
 
 void CSmtpServer::ReceiveRequest(const std::string& text) {
     if (DataMode) {
+        const std::size_t end = FindEndOfData(MailData, text);
+        if (end != std::string::npos && end < text.size()) {
+            // The end mark ends the data. A client that took the reply to an early chunk for the reply to its
+            // end of data has sent QUIT already, and it may come in the same arrival as the last chunk.
+            ReceiveRequest(text.substr(0, end));
+            ReceiveRequest(text.substr(end));
+            return;
+        }
         // Message chunks are not logged; only the end mark tells the last chunk from the others.
-        SetLastCommand(IsEndOfData(text) ? "SEND" : "MESG");
+        SetLastCommand(end != std::string::npos ? "SEND" : "MESG");
     } else {
         GetCommand(text);
         Host().WriteLog("SOCKET_EVENT: OnDataArrival Fired");

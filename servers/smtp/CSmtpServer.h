@@ -3,6 +3,7 @@
 // finished message through the connection's service client.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -24,8 +25,10 @@ public:
         "Tarnwick/SMTP Gateway Server Username and Password are unavailable. Please perform a 'Receive' before "
         "sending any messages to initialize the application.";
 
-    // Whether `chunk` ends with the end-of-data mark CR LF "." CR LF.
-    static bool IsEndOfData(const std::string& chunk);
+    // Where the message data ends in `arrival`: the length of its share up to and including the first end
+    // mark CR LF "." CR LF, whose first bytes may close the text `collected` before it (the data starts at
+    // the beginning of a line); npos when the arrival holds no end mark.
+    static std::size_t FindEndOfData(std::string_view collected, std::string_view arrival);
 
 private:
     void HandleCONN(const std::string& request) override;
