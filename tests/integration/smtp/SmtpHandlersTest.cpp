@@ -1,7 +1,6 @@
 // The SMTP command handlers over loopback sockets, against a scripted WebDAV service: replies and log lines
 // of the dialogue, the relayed text byte for byte, the log-in once per connection with the credentials the
 // POP3 server received, and failures answered "500 " with the data phase ended all the same.
-#include <QTcpServer>
 #include <QTcpSocket>
 #include <QTest>
 
@@ -34,11 +33,7 @@ const std::string kUnavailable = "500 " + std::string(servers::smtp::CSmtpServer
 const std::string kUnknown = "500 Tarnwick/SMTP Gateway Server does not understand the command: ";
 const std::string kQueued = "250 message queued\r\n";
 
-std::string FreePort() {
-    QTcpServer probe;
-    probe.listen(QHostAddress::LocalHost, 0);
-    return std::to_string(probe.serverPort());
-}
+std::string FreePort() { return std::to_string(testing_support::ClosedLoopbackPort()); }
 
 // The mail reader's side: bytes out, reply lines back.
 class Client {
