@@ -149,57 +149,49 @@ class UniqueIds(unittest.TestCase):
         self.assertIn(b"=?UTF-8?Q?Fran=C3=A7ois_L=C3=A9ger?=", lines[-2])
 
 
-class Getmail(unittest.TestCase):
+def fetch_twice(test, home, args, top_lines, second_run_says):
+    """Runs a reader that remembers fetched mail by unique id twice with HOME=home: the first run must
+    deliver every unread message whole (below the reader's own `top_lines`), the second none."""
+    env = dict(os.environ, HOME=home)
+    check_run(test, run(args, env=env))
+    test.assertEqual(delivered(home), [top_lines + as_delivered(m) for m in M.READER_UNREAD])
+    second = run(args, env=env)
+    check_run(test, second)
+    test.assertIn(second_run_says, second.stdout.decode("latin-1"))
+    test.assertEqual(len(delivered(home)), len(M.READER_UNREAD))
 
-    def fetch(self, home):
-        """One getmail6 run with its plain POP3 retriever; the run-control file lives in `home`."""
-        rc = os.path.join(home, "getmailrc")
-        if not os.path.exists(rc):
-            # A delivery agent instead of getmail's own Maildir writer, which refuses to run as root (as CI
-            # does); delivered_to and received off keep the message as the gateway sent it.
-            write_private(rc, "[retriever]\ntype = SimplePOP3Retriever\nserver = %s\nport = %d\n"
-                              "username = getter\npassword = getter-pw\n\n"
-                              "[destination]\ntype = MDA_external\npath = %s\narguments = (%r, %r)\n"
-                              "allow_root_commands = true\n\n"
-                              "[options]\nread_all = false\ndelete = false\ndelivered_to = false\n"
-                              "received = false\n"
-                              % ((HOST, stack.pop3_port) + tuple(delivery_agent(home))))
-        result = run(["getmail", "--getmaildir", home, "--rcfile", rc], env=dict(os.environ, HOME=home))
-        check_run(self, result)
-        return result.stdout.decode("latin-1")
+
+class Getmail(unittest.TestCase):
 
     def test_fetches_every_message_whole_and_remembers_them(self):
         home = private_home(self)
-        self.fetch(home)
+        rc = os.path.join(home, "getmailrc")
+        # A delivery agent instead of getmail's own Maildir writer, which refuses to run as root (as CI does);
+        # delivered_to and received off keep the message as the gateway sent it.
+        write_private(rc, "[retriever]\ntype = SimplePOP3Retriever\nserver = %s\nport = %d\n"
+                          "username = getter\npassword = getter-pw\n\n"
+                          "[destination]\ntype = MDA_external\npath = %s\narguments = (%r, %r)\n"
+                          "allow_root_commands = true\n\n"
+                          "[options]\nread_all = false\ndelete = false\ndelivered_to = false\nreceived = false\n"
+                          % ((HOST, stack.pop3_port) + tuple(delivery_agent(home))))
         # getmail always writes the envelope sender on top; the gateway gives none.
-        self.assertEqual(delivered(home), [b"Return-Path: <unknown>\n" + as_delivered(m) for m in M.READER_UNREAD])
-        # The second run knows every unique id and fetches nothing.
-        self.assertIn("0 messages (0 bytes) retrieved, %d skipped" % len(M.READER_UNREAD), self.fetch(home))
-        self.assertEqual(len(delivered(home)), len(M.READER_UNREAD))
+        fetch_twice(self, home, ["getmail", "--getmaildir", home, "--rcfile", rc], b"Return-Path: <unknown>\n",
+                    "0 messages (0 bytes) retrieved, %d skipped" % len(M.READER_UNREAD))
 
 
 class Mpop(unittest.TestCase):
 
-    def fetch(self, home):
-        # "auth user": mpop refuses to send a password without TLS unless told which method to use. "keep on"
-        # leaves the mail on the server, so the second run must tell old from new by the unique ids.
-        rc = os.path.join(home, "mpoprc")
-        if not os.path.exists(rc):
-            write_private(rc, "account default\nhost %s\nport %d\nuser mpopper\npassword mpopper-pw\n"
-                              "auth user\ntls off\nkeep on\nreceived_header off\nuidls_file %s\n"
-                              "delivery mda \"%s\"\n"
-                              % (HOST, stack.pop3_port, os.path.join(home, "uidls"),
-                                 " ".join(delivery_agent(home))))
-        result = run(["mpop", "-C", rc], env=dict(os.environ, HOME=home))
-        check_run(self, result)
-        return result.stdout.decode("latin-1")
-
     def test_accepts_the_unique_ids_and_fetches_every_message_whole(self):
         home = private_home(self)
-        self.fetch(home)
-        self.assertEqual(delivered(home), [as_delivered(m) for m in M.READER_UNREAD])
-        self.assertIn("new: no messages, total: %d messages" % len(M.READER_UNREAD), self.fetch(home))
-        self.assertEqual(len(delivered(home)), len(M.READER_UNREAD))
+        rc = os.path.join(home, "mpoprc")
+        # "auth user": mpop refuses to send a password without TLS unless told which method to use. "keep on"
+        # leaves the mail on the server, so the second run must tell old from new by the unique ids.
+        write_private(rc, "account default\nhost %s\nport %d\nuser mpopper\npassword mpopper-pw\n"
+                          "auth user\ntls off\nkeep on\nreceived_header off\nuidls_file %s\n"
+                          "delivery mda \"%s\"\n"
+                          % (HOST, stack.pop3_port, os.path.join(home, "uidls"), " ".join(delivery_agent(home))))
+        fetch_twice(self, home, ["mpop", "-C", rc], b"",
+                    "new: no messages, total: %d messages" % len(M.READER_UNREAD))
 
 
 if __name__ == "__main__":
