@@ -9,6 +9,7 @@
 #include "core/Ascii.h"
 #include "core/Convert.h"
 #include "core/Error.h"
+#include "fuzz/FuzzCheck.h"
 #include "servers/pop3/CPop3Server.h"
 #include "servers/pop3/MPop3Responses.h"
 #include "servers/smtp/CSmtpServer.h"
@@ -16,12 +17,7 @@
 
 namespace {
 
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzz::Check;
 
 // Every CR LF pair removed, scanning left to right.
 std::string WithoutCrLf(const std::string& text) {

@@ -9,18 +9,14 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/FuzzCheck.h"
 #include "servers/pop3/MPop3Responses.h"
 
 namespace R = servers::pop3::MPop3Responses;
 
 namespace {
 
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzz::Check;
 
 // One "." taken off the front of every line (lines start at the beginning and after each CR LF) that has one.
 std::string UnstuffDots(std::string_view text) {

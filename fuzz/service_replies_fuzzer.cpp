@@ -17,19 +17,15 @@
 #include "core/Error.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
+#include "fuzz/FuzzCheck.h"
 #include "mailservice/CHotmail.h"
 
 namespace {
 
+using fuzz::Check;
+
 using testing_support::DavReply;
 using testing_support::FakeWebDavService;
-
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
 
 FakeWebDavService& Service() {
     static FakeWebDavService* service = [] {

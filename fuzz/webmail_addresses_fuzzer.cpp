@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <string>
 
+#include "fuzz/FuzzCheck.h"
 #include "webmail/MessageSummary.h"
 #include "webmail/ServiceUrls.h"
 #include "webmail/Submission.h"
@@ -13,12 +14,7 @@
 
 namespace {
 
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzz::Check;
 
 bool IsHex(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
 

@@ -7,16 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include "fuzz/FuzzCheck.h"
 #include "webmail/MessageSummary.h"
 
 namespace {
 
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
+using fuzz::Check;
 
 // Well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF) without C0 controls.
 bool IsCleanText(std::string_view s) {

@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 
+#include "fuzz/FuzzCheck.h"
 #include "webmail/DavService.h"
 #include "webmail/MaildirStore.h"
 #include "webmail/Submission.h"
@@ -26,16 +27,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
+using fuzz::Check;
+
 constexpr const char* kAnnMessages[] = {"1600000000.M1P1Q1.fuzz", "1600000060.M2P1Q1.fuzz"};
 constexpr const char* kBobMessage = "1600000120.M3P1Q1.fuzz";
 constexpr const char* kMessageText = "From: a@b\r\nSubject: s\r\n\r\nbody\r\n";
-
-void Check(bool condition, const char* what) {
-    if (!condition) {
-        std::fprintf(stderr, "rule broken: %s\n", what);
-        std::abort();
-    }
-}
 
 void WriteFile(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
