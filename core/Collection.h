@@ -17,6 +17,12 @@ namespace core {
 
 template <typename T>
 class Collection {
+    // Declared first: the iterator below names it.
+    struct Entry {
+        std::optional<std::string> key;
+        T item;
+    };
+
 public:
     // Number of entries.
     std::int32_t Count() const { return static_cast<std::int32_t>(entries_.size()); }
@@ -58,11 +64,6 @@ public:
     const_iterator end() const { return const_iterator(entries_.end()); }
 
 private:
-    struct Entry {
-        std::optional<std::string> key;
-        T item;
-    };
-
     std::size_t Index(std::int32_t position) const {
         if (position < 1 || position > Count()) Raise(ErrorNumber::kSubscriptOutOfRange);
         return static_cast<std::size_t>(position - 1);

@@ -1,6 +1,7 @@
 #include "platform/xml/XmlDocument.h"
 
-#include <sstream>
+#include <string>
+#include <utility>
 
 #include "core/Error.h"
 
@@ -20,6 +21,13 @@ std::string TopLevelProblem(const pugi::xml_document& doc) {
     if (elements > 1) return "More than one document element";
     return {};
 }
+
+// Collects pugixml's output in a string: plain byte appends, no stream and so no stream locale.
+class StringWriter final : public pugi::xml_writer {
+public:
+    void write(const void* data, size_t size) override { text.append(static_cast<const char*>(data), size); }
+    std::string text;
+};
 
 }  // namespace
 
@@ -55,13 +63,13 @@ XmlNode XmlDocument::createElement(const std::string& name) const {
 }
 
 std::string XmlDocument::xml() const {
-    std::ostringstream out;
+    StringWriter out;
     // format_no_declaration: write only a declaration the document holds, never invent one.
     doc_->save(out, "",
                pugi::format_raw | pugi::format_no_declaration | pugi::format_attribute_single_quote |
                    pugi::format_no_empty_element_tags,
                pugi::encoding_utf8);
-    return out.str();
+    return std::move(out.text);
 }
 
 }  // namespace platform

@@ -102,6 +102,12 @@ void FakeWebDavService::Enqueue(ScriptedReply reply) {
     script_.push_back(std::move(reply));
 }
 
+void FakeWebDavService::ClearScript() {
+    std::lock_guard lock(mutex_);
+    script_.clear();
+    requests_.clear();
+}
+
 std::vector<RecordedRequest> FakeWebDavService::Requests() const {
     std::lock_guard lock(mutex_);
     return requests_;

@@ -53,6 +53,8 @@ public:
     std::string Url(const std::string& path) const;
     // Queues the reply to the next request that passes authentication.
     void Enqueue(ScriptedReply reply);
+    // Drops the replies not yet given and the requests recorded so far.
+    void ClearScript();
     // Every authenticated request so far, in arrival order.
     std::vector<RecordedRequest> Requests() const;
     // How many requests were answered with an authentication challenge.

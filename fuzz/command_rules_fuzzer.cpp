@@ -1,0 +1,117 @@
+// The POP3 and SMTP command-word and argument rules and the number conversions, over arbitrary request text.
+// Each rule is checked against a plain statement of it, so a wrong word or argument is a finding too.
+#include <cmath>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "core/Ascii.h"
+#include "core/Convert.h"
+#include "core/Error.h"
+#include "fuzz/FuzzCheck.h"
+#include "servers/pop3/CPop3Server.h"
+#include "servers/pop3/MPop3Responses.h"
+#include "servers/smtp/CSmtpServer.h"
+#include "tests/support/FakeGatewayHost.h"
+
+namespace {
+
+using fuzz::Check;
+
+// Every CR LF pair removed, scanning left to right.
+std::string WithoutCrLf(const std::string& text) {
+    std::string out;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text.compare(i, 2, "\r\n") == 0) {
+            ++i;
+            continue;
+        }
+        out += text[i];
+    }
+    return out;
+}
+
+// Request texts are counted in 16 bits; longer ones make the rules yield the empty text.
+constexpr std::size_t kMaxCount = 32767;
+
+void CheckPop3(servers::pop3::CPop3Server& pop3, const std::string& text) {
+    const std::string word = pop3.GetCommand(text);
+    Check(word == core::Ascii::UpperCase(text.substr(0, 4)), "POP3 word: first four characters, upper-cased");
+    Check(pop3.LastCommand() == word, "POP3 word stored in LastCommand");
+
+    const std::string s = WithoutCrLf(text);
+    const std::size_t space = s.find(' ');
+    const std::string expected = s.size() > kMaxCount || space == std::string::npos ? "" : s.substr(space + 1);
+    Check(pop3.GetArgument(text) == expected, "POP3 argument: after the first space, CR LF removed, untrimmed");
+}
+
+void CheckSmtp(servers::smtp::CSmtpServer& smtp, const std::string& text) {
+    const std::size_t space = text.find(' ');
+    const std::size_t length = space == std::string::npos ? text.size() : space;
+    const std::string word = smtp.GetCommand(text);
+    const std::string expectedWord =
+        length > kMaxCount ? "" : WithoutCrLf(core::Ascii::UpperCase(text.substr(0, length)));
+    Check(word == expectedWord, "SMTP word: before the first space, upper-cased, CR LF removed");
+    Check(smtp.LastCommand() == word, "SMTP word stored in LastCommand");
+
+    const std::string s = WithoutCrLf(text);
+    std::string expected;
+    const std::size_t colon = s.find(':');
+    if (s.size() <= kMaxCount && colon != std::string::npos) {
+        expected = s.substr(colon + 1);
+        expected.erase(0, expected.find_first_not_of(' '));
+        const std::size_t last = expected.find_last_not_of(' ');
+        expected.erase(last == std::string::npos ? 0 : last + 1);
+    }
+    Check(smtp.GetArgument(text) == expected, "SMTP argument: after the first colon, CR LF removed, trimmed");
+}
+
+void CheckNumbers(const std::string& text) {
+    double value = 0;
+    bool isNumber = true;
+    try {
+        value = core::ToDouble(text);
+    } catch (const core::Error& e) {
+        Check(e.Number() == core::ErrorNumber::kTypeMismatch || e.Number() == core::ErrorNumber::kOverflow,
+              "ToDouble raises 13 or 6 only");
+        isNumber = false;
+    }
+    if (isNumber) {
+        Check(std::isfinite(value), "ToDouble gives a finite number");
+        // Accepted text is digits, sign, point, exponent and surrounding blanks only.
+        for (char c : text) {
+            Check(core::Ascii::IsDigit(c) || c == '+' || c == '-' || c == '.' || c == 'e' || c == 'E' || c == ' ' ||
+                      c == '\t',
+                  "ToDouble accepts only decimal text");
+        }
+    }
+    for (auto convert : {+[](const std::string& t) -> std::int64_t { return core::ToInt16(t); },
+                         +[](const std::string& t) -> std::int64_t { return core::ToInt32(t); }}) {
+        try {
+            const std::int64_t n = convert(text);
+            Check(isNumber && std::fabs(static_cast<double>(n) - value) <= 0.5, "whole number is the nearest one");
+        } catch (const core::Error& e) {
+            Check(e.Number() == core::ErrorNumber::kTypeMismatch || e.Number() == core::ErrorNumber::kOverflow,
+                  "ToInt raises 13 or 6 only");
+        }
+    }
+    try {
+        const std::int16_t n = servers::pop3::MPop3Responses::ParseMessageNumber(text, 5);
+        Check(n >= 1 && n <= 5, "message number within 1..count");
+    } catch (const core::Error&) {
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static tests::FakeGatewayHost host;
+    static servers::pop3::CPop3Server pop3(host);
+    static servers::smtp::CSmtpServer smtp(host);
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    CheckPop3(pop3, text);
+    CheckSmtp(smtp, text);
+    CheckNumbers(text);
+    return 0;
+}

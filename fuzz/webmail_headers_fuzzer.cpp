@@ -1,0 +1,71 @@
+// tarnwick-webmail's reading of a message header for the listing: what it reads must be fit for the XML reply
+// (valid UTF-8, no control characters) and the served text must have CR LF line ends only.
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <string_view>
+
+#include "fuzz/FuzzCheck.h"
+#include "webmail/MessageSummary.h"
+
+namespace {
+
+using fuzz::Check;
+
+// Well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF) without C0 controls.
+bool IsCleanText(std::string_view s) {
+    for (std::size_t i = 0; i < s.size();) {
+        const auto c = static_cast<unsigned char>(s[i]);
+        if (c < 0x80) {
+            if (c < 0x20) return false;
+            ++i;
+            continue;
+        }
+        std::size_t n = c >= 0xF0 ? 3 : c >= 0xE0 ? 2 : c >= 0xC2 ? 1 : 0;
+        if (n == 0 || c > 0xF4) return false;
+        std::uint32_t cp = c & (0x3F >> n);
+        for (std::size_t k = 1; k <= n; ++k) {
+            if (i + k >= s.size()) return false;
+            const auto t = static_cast<unsigned char>(s[i + k]);
+            if ((t & 0xC0) != 0x80) return false;
+            cp = (cp << 6) | (t & 0x3F);
+        }
+        if ((n == 2 && cp < 0x800) || (n == 3 && (cp < 0x10000 || cp > 0x10FFFF)) || (cp >= 0xD800 && cp <= 0xDFFF))
+            return false;
+        i += n + 1;
+    }
+    return true;
+}
+
+bool IsIsoTime(const std::string& t) {
+    static constexpr std::string_view kShape = "dddd-dd-ddTdd:dd:dd";
+    if (t.size() != kShape.size()) return false;
+    for (std::size_t i = 0; i < t.size(); ++i) {
+        if (kShape[i] == 'd' ? !(t[i] >= '0' && t[i] <= '9') : t[i] != kShape[i]) return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    const std::string raw(reinterpret_cast<const char*>(data), size);
+    const MessageSummary summary = MessageSummary::parse(raw, 1'000'000'000);
+    for (const std::string* field : {&summary.subject, &summary.from, &summary.to, &summary.fromAddress}) {
+        Check(IsCleanText(*field), "listed header texts are clean UTF-8 without controls");
+    }
+    Check(IsIsoTime(summary.date), "the listed date is YYYY-MM-DDTHH:MM:SS");
+    if (const auto date = MessageSummary::isoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
+    Check(IsCleanText(MessageSummary::cleanText(raw)), "cleanText gives clean UTF-8 without controls");
+
+    const std::string served = MessageSummary::toCrlf(raw);
+    std::size_t loneLf = 0;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) ++loneLf;
+    }
+    Check(served.size() == raw.size() + loneLf, "serving adds one CR per lone LF and nothing else");
+    Check(MessageSummary::toCrlf(served) == served, "served text has CR LF line ends only");
+    return 0;
+}

@@ -1,0 +1,134 @@
+"""A scripted stand-in for the web mail service on 127.0.0.1: it answers the gateway's log-in, folder
+listing, inbox listing, message fetches and moves with fixed, well-formed replies, except where a test has
+scripted a failure for the next request of one kind. Runs in a thread of the test process."""
+
+import http.server
+import socket
+import threading
+
+INBOX = [
+    ("msg-1", b"From: Ann <ann@example.org>\r\nSubject: one\r\n\r\nThe first message.\r\n"),
+    ("msg-2", b"From: Bob <bob@example.org>\r\nSubject: two\r\n\r\n.A line that begins with a dot.\r\n"),
+]
+ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
+
+# Failures a test can script for the next request of a kind ("login", "folders", "inbox", "get", "bmove").
+DROP = "drop"                        # reply headers and part of the body, then the connection closes
+ERROR_500 = "500"                    # status 500, an HTML page, with an X-Dav-Error header
+ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
+TRUNCATED = "truncated"              # status 200 with X-Dav-Error, the XML cut off half-way
+
+
+class ScriptedService:
+
+    def __init__(self, port=0):
+        self._failures = {}
+        self.requests = []
+        self._lock = threading.Lock()
+        service = self
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1"
+
+            def log_message(self, *args):
+                pass
+
+            def do_PROPFIND(self):
+                service._answer(self)
+
+            do_GET = do_BMOVE = do_PROPPATCH = do_POST = do_PROPFIND
+
+        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
+        self._server.daemon_threads = True
+        self.port = self._server.server_address[1]
+        self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
+        self._thread.start()
+
+    def stop(self):
+        self._server.shutdown()
+        self._server.server_close()
+
+    def base(self):
+        return "http://127.0.0.1:%d" % self.port
+
+    def entry_url(self):
+        return self.base() + "/svcs/hotmail/tarnwick.asp"
+
+    def fail_next(self, kind, failure):
+        with self._lock:
+            self._failures[kind] = failure
+
+    def count(self, method):
+        with self._lock:
+            return sum(1 for m, _ in self.requests if m == method)
+
+    # -- replies
+
+    def _kind(self, method, path):
+        if method == "PROPFIND":
+            return {"/svcs/hotmail/tarnwick.asp": "login", "/folders/": "folders"}.get(path, "inbox")
+        return method.lower()
+
+    def _answer(self, h):
+        length = int(h.headers.get("Content-Length") or 0)
+        if length:
+            h.rfile.read(length)
+        kind = self._kind(h.command, h.path)
+        with self._lock:
+            self.requests.append((h.command, h.path))
+            failure = self._failures.pop(kind, None)
+        body = self._body(kind, h.path)
+        if failure == DROP:
+            h.send_response(200)
+            h.send_header("X-Dav-Error", "200 No error")
+            h.send_header("Content-Length", str(len(body) + 1000))
+            h.end_headers()
+            h.wfile.write(body[: len(body) // 2])
+            h.wfile.flush()
+            h.close_connection = True
+            h.connection.shutdown(socket.SHUT_RDWR)
+            return
+        status, dav = 200, True
+        if failure in (ERROR_500, ERROR_500_NO_DAV):
+            status, body, dav = 500, ERROR_PAGE, failure == ERROR_500
+        elif failure == TRUNCATED:
+            body = body[: len(body) // 2]
+        h.send_response(status)
+        if dav:
+            h.send_header("X-Dav-Error", "200 No error" if status == 200 else "500 Internal error")
+        h.send_header("Content-Type", "text/html" if status == 500 else "text/xml")
+        h.send_header("Content-Length", str(len(body)))
+        h.end_headers()
+        h.wfile.write(body)
+
+    def _body(self, kind, path):
+        b = self.base()
+        if kind == "login":
+            urls = [b + "/adpane", b + "/contacts", b + "/inbox/", b + "/sendmsg", b + "/sent/", b + "/trash/",
+                    b + "/folders/"]
+            props = "".join("<q:p%d>%s</q:p%d>" % (i, u, i) for i, u in enumerate(urls))
+            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:q="urn:q"><D:response>'
+                    '<D:href>%s/svcs/hotmail/tarnwick.asp</D:href><D:propstat><D:prop>%s</D:prop>'
+                    '<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>'
+                    % (b, props)).encode()
+        if kind == "folders":
+            entries = "".join('<D:response><D:href>%s/%s/</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>'
+                              '<D:displayname>%s</D:displayname></D:prop></D:propstat></D:response>'
+                              % (b, name, name) for name in ("inbox", "trash"))
+            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:">%s</D:multistatus>' % entries).encode()
+        if kind == "inbox":
+            entries = "".join(
+                '<D:response><D:href>%s/inbox/%s</D:href><D:propstat><D:prop><D:id>%s</D:id>'
+                '<m:subject>s</m:subject><m:from>someone@example.org</m:from><h:fromaddr>someone@example.org'
+                '</h:fromaddr><m:date>2026-11-02T10:00:00</m:date><D:getcontentlength>%d</D:getcontentlength>'
+                '<hm:read>0</hm:read></D:prop></D:propstat></D:response>' % (b, i, i, len(text))
+                for i, text in INBOX)
+            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:m="urn:m" xmlns:h="urn:h" '
+                    'xmlns:hm="urn:schemas:tarnwick:">%s</D:multistatus>' % entries).encode()
+        if kind == "get":
+            for i, text in INBOX:
+                if path == "/inbox/" + i:
+                    return text
+            return b"not found\r\n"
+        # BMOVE, PROPPATCH, POST: a multistatus that says yes.
+        return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'
