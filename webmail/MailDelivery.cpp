@@ -1,16 +1,10 @@
 #include "webmail/MailDelivery.h"
 
-#include <algorithm>
-#include <cctype>
 #include <stdexcept>
 
-namespace {
+#include "core/Ascii.h"
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
+namespace {
 
 MaildirFolder requireFolder(const Account& account, const char* name) {
     auto folder = account.folder(name);
@@ -26,11 +20,11 @@ MaildirFolder requireFolder(const Account& account, const char* name) {
 }  // namespace
 
 MailDelivery::MailDelivery(const MaildirStore& store, std::string domain)
-    : store_(store), domain_(lower(std::move(domain))) {}
+    : store_(store), domain_(core::Ascii::LowerCase(std::move(domain))) {}
 
 std::optional<Account> MailDelivery::localAccount(const std::string& address) const {
     const std::size_t at = address.rfind('@');
-    if (at == std::string::npos || lower(address.substr(at + 1)) != domain_) return std::nullopt;
+    if (at == std::string::npos || !core::Ascii::EqualsIgnoreCase(address.substr(at + 1), domain_)) return std::nullopt;
     return store_.account(address.substr(0, at));
 }
 

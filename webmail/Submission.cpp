@@ -1,14 +1,11 @@
 #include "webmail/Submission.h"
 
-#include <algorithm>
-#include <cctype>
+#include "core/Ascii.h"
 
 namespace {
 
 bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
-               return std::toupper(static_cast<unsigned char>(a)) == std::toupper(static_cast<unsigned char>(b));
-           });
+    return core::Ascii::EqualsIgnoreCase(text.substr(0, prefix.size()), prefix);
 }
 
 // Takes one line off the front of text; the line excludes its CR LF (or bare LF).
@@ -44,9 +41,9 @@ std::string Submission::envelopeAddress(std::string_view text) {
         const std::size_t close = text.find('>', open);
         if (close != std::string_view::npos) return std::string(text.substr(open + 1, close - open - 1));
     }
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+    while (!text.empty() && core::Ascii::IsSpace(text.front())) text.remove_prefix(1);
     std::size_t end = 0;
-    while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end]))) ++end;
+    while (end < text.size() && !core::Ascii::IsSpace(text[end])) ++end;
     return std::string(text.substr(0, end));
 }
 

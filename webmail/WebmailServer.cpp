@@ -4,6 +4,7 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -20,6 +21,8 @@ constexpr unsigned kNonceSlots = 1024;
 // Seconds an idle connection is kept.
 constexpr unsigned kConnectionTimeoutSeconds = 60;
 constexpr unsigned kWorkerThreads = 4;
+// Bytes of a converted message handed to libmicrohttpd at a time.
+constexpr std::size_t kServeBlock = 64 * 1024;
 
 // Body collected for one request, kept across the calls libmicrohttpd makes while the body arrives.
 struct Pending {
@@ -54,6 +57,39 @@ std::string printable(const std::string& text) {
 
 // Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
 size_t keepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
+
+// A message file with bare LF line ends on its way out: where the next read continues.
+struct ConvertingReader {
+    std::shared_ptr<const MessageFile> file;
+    std::uint64_t offset = 0;
+    bool lastCr = false;
+};
+
+// Serves a file whose line ends are all CR LF straight from its descriptor (libmicrohttpd may use sendfile).
+MHD_Response* fileResponse(const MessageFile& file) {
+    const int fd = ::dup(file.fd());
+    if (fd < 0) return nullptr;
+    MHD_Response* response = MHD_create_response_from_fd64(file.size(), fd);
+    if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// Serves a file with bare LF line ends, converted piece by piece; servedSize is exact, so the reply carries
+// a Content-Length as any other.
+MHD_Response* convertingResponse(std::shared_ptr<const MessageFile> file, std::uint64_t servedSize) {
+    auto* reader = new ConvertingReader{std::move(file)};
+    MHD_Response* response = MHD_create_response_from_callback(
+        servedSize, kServeBlock,
+        [](void* cls, std::uint64_t, char* out, std::size_t max) -> ssize_t {
+            auto* r = static_cast<ConvertingReader*>(cls);
+            const long n = r->file->readServed(r->offset, r->lastCr, out, max);
+            // A file that shrank or cannot be read ends the reply short; the client sees a broken transfer.
+            return n > 0 ? n : MHD_CONTENT_READER_END_WITH_ERROR;
+        },
+        reader, [](void* cls) { delete static_cast<ConvertingReader*>(cls); });
+    if (response == nullptr) delete reader;
+    return response;
+}
 
 }  // namespace
 
@@ -211,17 +247,28 @@ int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, c
     return queued;
 }
 
-int WebmailServer::queue(MHD_Connection* connection, const DavReply& reply, const std::string& method,
-                         const std::string& url, const std::string& user) {
-    MHD_Response* response =
-        MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+int WebmailServer::queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
+                         const std::string& user) {
+    std::uint64_t bytes = reply.body.size();
+    MHD_Response* response = nullptr;
+    if (reply.file) {
+        const MessageFile::Facts facts = reply.file->facts();
+        bytes = facts.servedSize;
+        response = facts.bareLf ? convertingResponse(reply.file, bytes) : fileResponse(*reply.file);
+    } else {
+        // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
+        auto* body = new std::string(std::move(reply.body));
+        response = MHD_create_response_from_buffer_with_free_callback_cls(
+            body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); }, body);
+        if (response == nullptr) delete body;
+    }
     if (response == nullptr) return MHD_NO;
     MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
     for (const auto& [name, value] : reply.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
     const MHD_Result queued = MHD_queue_response(connection, reply.status, response);
     MHD_destroy_response(response);
-    logLine(method, url, reply.status, reply.body.size(), user);
+    logLine(method, url, reply.status, bytes, user);
     return queued;
 }
 
@@ -234,10 +281,10 @@ std::string WebmailServer::baseUrl(MHD_Connection* connection) const {
     return "http://" + options_.address + ":" + std::to_string(boundPort_);
 }
 
-void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::size_t bytes,
+void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                             const std::string& user) {
     std::lock_guard lock(logMutex_);
-    std::fprintf(stderr, "%s %s %u %zu %s\n", printable(method).c_str(), printable(url).c_str(), status, bytes,
-                 printable(user).c_str());
+    std::fprintf(stderr, "%s %s %u %s %s\n", printable(method).c_str(), printable(url).c_str(), status,
+                 std::to_string(bytes).c_str(), printable(user).c_str());
     std::fflush(stderr);
 }

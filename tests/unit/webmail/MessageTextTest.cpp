@@ -112,12 +112,6 @@ TEST(MessageSummaryTest, CleanTextIsValidUtf8WithoutControls) {
     EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
 }
 
-TEST(MessageSummaryTest, ServedTextHasCrLfLineEndsOnly) {
-    EXPECT_EQ(MessageSummary::toCrlf("a\nb\r\nc\n\n"), "a\r\nb\r\nc\r\n\r\n");
-    EXPECT_EQ(MessageSummary::toCrlf("\nx"), "\r\nx");
-    EXPECT_EQ(MessageSummary::toCrlf("a\r\n"), "a\r\n");
-}
-
 TEST(UrlCodecTest, PathsThatCouldLeaveTheTreeAreRefused) {
     for (const char* bad : {"", "relative", "/a/../b", "/a/./b", "/a//b", "/a/%2e%2E/b", "/a/b%2Fc", "/a/b%2fc",
                             "/a/%5c", "/a/%00", "/a/%zz", "/a/%4"}) {
