@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -153,7 +154,9 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
         auto* pending = new Pending;
         *state = pending;
         const auto length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
-        if (length && std::strtoull(length->c_str(), nullptr, 10) > options_.maxBodySize) {
+        std::uint64_t declared = 0;
+        if (length && std::from_chars(length->data(), length->data() + length->size(), declared).ec == std::errc() &&
+            declared > options_.maxBodySize) {
             // Refused before the body is read; libmicrohttpd closes the connection after this reply.
             pending->tooLarge = true;
             return queue(connection, DavReply::failure(413, "Request body too large"), method, url, "-");
