@@ -13,6 +13,7 @@ struct DavRequest {
     std::string method;                         // HTTP method, as sent
     std::string path;                           // request path, still percent-encoded
     std::string user;                           // the authenticated account
+    std::string clientAddress;                  // the client's IP address, as text (empty when unknown)
     std::string baseUrl;                        // "http://host:port" the client used to reach us
     std::string body;                           // request body
     std::optional<std::string> contentType;     // Content-Type header

@@ -270,8 +270,9 @@ DavReply DavService::sendMessage(const DavRequest& request, const Account& accou
     }
     std::string error;
     const auto submission = Submission::parse(request.body, error);
-    if (!submission) return DavReply::failure(400, "Malformed message: " + error);
-    const MailDelivery::Result result = delivery_.deliver(account, *submission);
+    if (!submission) return DavReply::failure(400, "Message refused: " + error);
+    const MailDelivery::Result result =
+        delivery_.deliver(account, *submission, {request.clientAddress, std::time(nullptr)});
     DavReply reply;
     reply.contentType = "text/plain; charset=\"utf-8\"";
     reply.body =

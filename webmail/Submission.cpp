@@ -1,5 +1,7 @@
 #include "webmail/Submission.h"
 
+#include <unordered_set>
+
 #include "core/Ascii.h"
 
 namespace {
@@ -33,7 +35,37 @@ std::string unstuff(std::string_view text) {
     return out;
 }
 
+// The address of an envelope line's argument, or an empty optional with error set when the envelope rules
+// refuse it.
+std::optional<std::string> checkedAddress(std::string_view argument, const char* what, std::string& error) {
+    // A tab may separate words; any other control character (a bare CR, a NUL, ...) would let the text
+    // pose as something else once written into a header line.
+    for (char c : argument) {
+        if (core::Ascii::IsControl(c) && c != '\t') {
+            error = std::string("control character in the ") + what + " line";
+            return std::nullopt;
+        }
+    }
+    std::string address = Submission::envelopeAddress(argument);
+    if (address.find('\t') != std::string::npos) {
+        error = std::string("control character in the ") + what + " address";
+        return std::nullopt;
+    }
+    if (address.size() > Submission::kMaxAddressLength) {
+        error =
+            std::string(what) + " address longer than " + std::to_string(Submission::kMaxAddressLength) + " characters";
+        return std::nullopt;
+    }
+    return address;
+}
+
 }  // namespace
+
+std::string Submission::addressKey(std::string_view address) {
+    const std::size_t at = address.rfind('@');
+    if (at == std::string_view::npos) return std::string(address);
+    return std::string(address.substr(0, at + 1)) + core::Ascii::LowerCase(std::string(address.substr(at + 1)));
+}
 
 std::string Submission::envelopeAddress(std::string_view text) {
     const std::size_t open = text.find('<');
@@ -55,7 +87,10 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
         error = "first line must be MAIL FROM:";
         return std::nullopt;
     }
-    result.sender = envelopeAddress(first.substr(10));
+    auto sender = checkedAddress(first.substr(10), "MAIL FROM", error);
+    if (!sender) return std::nullopt;
+    result.sender = std::move(*sender);
+    std::unordered_set<std::string> seen;
     while (true) {
         if (rest.empty()) {
             error = "no empty line after the envelope";
@@ -67,12 +102,18 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
             error = "envelope line is not RCPT TO:";
             return std::nullopt;
         }
-        std::string recipient = envelopeAddress(line.substr(8));
-        if (recipient.empty()) {
+        auto recipient = checkedAddress(line.substr(8), "RCPT TO", error);
+        if (!recipient) return std::nullopt;
+        if (recipient->empty()) {
             error = "empty recipient";
             return std::nullopt;
         }
-        result.recipients.push_back(std::move(recipient));
+        if (!seen.insert(addressKey(*recipient)).second) continue;
+        if (result.recipients.size() == kMaxRecipients) {
+            error = "more than " + std::to_string(kMaxRecipients) + " recipients";
+            return std::nullopt;
+        }
+        result.recipients.push_back(std::move(*recipient));
     }
     if (result.recipients.empty()) {
         error = "no RCPT TO: line";

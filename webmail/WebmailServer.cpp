@@ -92,6 +92,15 @@ MHD_Response* convertingResponse(std::shared_ptr<const MessageFile> file, std::u
     return response;
 }
 
+// The client's IPv4 address as text, or empty.
+std::string clientAddress(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr || info->client_addr->sa_family != AF_INET) return {};
+    char text[INET_ADDRSTRLEN] = {};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+    return ::inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) != nullptr ? text : "";
+}
+
 }  // namespace
 
 struct ServerCallbacks {
@@ -185,6 +194,7 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
     request.path = url;
     request.user = user;
     request.baseUrl = baseUrl(connection);
+    request.clientAddress = clientAddress(connection);
     request.body = std::move(pending->body);
     request.contentType = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
     request.destination = header(connection, "Destination");

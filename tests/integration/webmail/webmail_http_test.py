@@ -2,6 +2,7 @@
 import base64
 import http.client
 import os
+import re
 import select
 import signal
 import socket
@@ -22,6 +23,10 @@ FOLDER_INFO = ("<?xml version='1.0'?><D:propfind xmlns:D='DAV:' xmlns:hm='urn:sc
 MARK_READ = ("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
              "<hm:read>1</hm:read></D:prop></D:set></D:propertyupdate>")
 ENTRY = "/svcs/hotmail/tarnwick.asp"
+# The Received: field every delivered copy starts with, for an account and a recipient (regular expressions).
+TRACE = (rb"^Received: from \[127\.0\.0\.1\] \(authenticated account %s\)\r\n\tby tarnwick-webmail \(tarnwick\.local\) "
+         rb"with HTTP\r\n\tfor <%s>; (Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d{1,2} "
+         rb"(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d \+0000\r\n")
 LISTED = ["D:id", "m:subject", "m:to", "m:from", "h:fromaddr", "m:date", "D:getcontentlength", "hm:read",
           "hm:hasattachment"]
 
@@ -200,7 +205,9 @@ class GatewayFlowTest(ServiceCase):
         delivered = os.listdir(new)
         self.assertEqual(len(delivered), 1)
         with open(os.path.join(new, delivered[0]), "rb") as f:
-            self.assertEqual(f.read(), original)
+            stored = f.read()
+        # A trace field naming the account that posted it comes first, then the message byte for byte.
+        self.assertRegex(stored, TRACE % (b"ann", b"bob@tarnwick\\.local") + re.escape(original) + b"$")
         sent = os.listdir(os.path.join(self.svc.store, "ann", ".Sent Items", "cur"))
         self.assertEqual(len(sent), 1)
         self.assertTrue(sent[0].endswith(":2,S"))
@@ -208,7 +215,7 @@ class GatewayFlowTest(ServiceCase):
         inbox = self.login("bob", "bob-pw")[2]
         listing = self.listing(inbox, "bob", "bob-pw")
         url = text(children(elements(listing, "D:response")[0])[0])
-        self.assertEqual(self.svc.request("GET", rel(url), user="bob", password="bob-pw")[2], original)
+        self.assertEqual(self.svc.request("GET", rel(url), user="bob", password="bob-pw")[2], stored)
         self.assertEqual(text(elements(listing, "hm:read")[0]), "0")
 
     def test_mail_for_other_domains_is_queued_in_the_outbox(self):

@@ -191,21 +191,41 @@ TEST_F(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndSenderKe
     Submission s{"ann@example.org",
                  {"bob@EXAMPLE.org", "ann@example.org", "far@elsewhere.net", "nobody@example.org"},
                  "Subject: t\r\n\r\nhi\r\n"};
-    const auto result = delivery.deliver(*store.account("ann"), s);
+    const auto result = delivery.deliver(*store.account("ann"), s, {"127.0.0.1", 1021371673});
     EXPECT_EQ(result.local, (std::vector<std::string>{"bob", "ann"}));
     EXPECT_EQ(result.queued, (std::vector<std::string>{"far@elsewhere.net", "nobody@example.org"}));
     const Account ann = *store.account("ann"), bob = *store.account("bob");
-    EXPECT_EQ(count(bob, "INBOX"), 1u);
     EXPECT_EQ(count(ann, "INBOX"), 1u);
-    EXPECT_EQ(count(ann, "Outbox"), 1u);
     EXPECT_EQ(count(bob, "Sent Items"), 0u);
+    // Every copy starts with a trace field naming the account that posted it; one for a single recipient
+    // names that recipient.
+    const std::string trace =
+        "Received: from [127.0.0.1] (authenticated account ann)\r\n\tby tarnwick-webmail (example.org) with HTTP\r\n";
+    const std::string date = "; Tue, 14 May 2002 10:21:13 +0000\r\n";
+    const auto inbox = bob.folder("INBOX")->list();
+    ASSERT_EQ(inbox.size(), 1u);
+    EXPECT_EQ(readFile(inbox[0].path), trace + "\tfor <bob@EXAMPLE.org>" + date + s.message);
     const auto sent = ann.folder("Sent Items")->list();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_TRUE(sent[0].seen());
-    EXPECT_EQ(readFile(sent[0].path), s.message);
-    const std::string queued = readFile(ann.folder("Outbox")->list()[0].path);
-    EXPECT_NE(queued.find("X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"), std::string::npos);
-    EXPECT_TRUE(queued.ends_with(s.message));
+    EXPECT_EQ(readFile(sent[0].path), trace + "\t" + date + s.message);
+    const auto queued = ann.folder("Outbox")->list();
+    ASSERT_EQ(queued.size(), 1u);
+    EXPECT_EQ(readFile(queued[0].path), trace + "\t" + date +
+                                            "X-Tarnwick-Envelope-From: <ann@example.org>\r\n"
+                                            "X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"
+                                            "X-Tarnwick-Envelope-To: <nobody@example.org>\r\n" +
+                                            s.message);
+}
+
+TEST_F(MailDeliveryTest, TraceFieldFollowsTheMessagesLineEndsAndDatesAreLocaleFree) {
+    const Submission s{"", {"bob@example.org"}, "Subject: t\n\nhi\n"};
+    delivery.deliver(*store.account("ann"), s, {"", 0});
+    EXPECT_EQ(readFile(store.account("bob")->folder("INBOX")->list()[0].path),
+              "Received: from unknown (authenticated account ann)\n\tby tarnwick-webmail (example.org) with HTTP\n"
+              "\tfor <bob@example.org>; Thu, 1 Jan 1970 00:00:00 +0000\n" +
+                  s.message);
+    EXPECT_EQ(MailDelivery::rfc5322Date(1795000000), "Wed, 18 Nov 2026 11:06:40 +0000");
 }
 
 }  // namespace

@@ -8,6 +8,8 @@
 
 namespace {
 
+using namespace std::string_literals;
+
 struct SubmissionCase {
     const char* name;
     std::string body;
@@ -46,6 +48,17 @@ TEST(SubmissionTest, ParsesWhatTheGatewayPosts) {
          "m\r\n"},
         {"null sender", "MAIL FROM:<>\r\nRCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n", "", {"b@y.org"}, "m\r\n"},
         {"bare LF line ends", "MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n\n.\n", "a@x.org", {"b@y.org"}, "m\n"},
+        {"recipients once each: local part exact, domain in any case",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\nRCPT TO:b@y.org\r\n\r\n"
+         "m\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@Y.org", "B@y.org"},
+         "m\r\n"},
+        {"tab between words",
+         "MAIL FROM:<a@x.org>\tSIZE=1\r\nRCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "m\r\n"},
     };
     for (const auto& c : cases) {
         std::string error;
@@ -66,6 +79,39 @@ TEST(SubmissionTest, RefusesBodiesThatAreNotSubmissions) {
         EXPECT_FALSE(Submission::parse(body, error)) << body;
         EXPECT_FALSE(error.empty()) << body;
     }
+}
+
+// Recipients "r0@y.org" ... in one body.
+std::string withRecipients(std::size_t distinct, std::size_t repeats = 1) {
+    std::string body = "MAIL FROM:<a@x.org>\r\n";
+    for (std::size_t r = 0; r < repeats; ++r) {
+        for (std::size_t i = 0; i < distinct; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
+    }
+    return body + "\r\nm\r\n\r\n.\r\n";
+}
+
+TEST(SubmissionTest, EnvelopeRulesRefuseControlCharactersLongAddressesAndTooManyRecipients) {
+    const std::string ok = "RCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n";
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"MAIL FROM:<a@x.org\rBcc: c@z.org>\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:a@x.org\rBcc: c@z.org\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org\0junk>\r\n"s + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\r\n\r\nm\r\n\r\n.\r\n", "control character in the RCPT TO line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b\x1b@y.org>\r\n\r\nm\r\n\r\n.\r\n", "control character in the RCPT TO line"},
+        {"MAIL FROM:<a\t@x.org>\r\n" + ok, "control character in the MAIL FROM address"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<" + std::string(250, 'b') + "@y.org>\r\n\r\nm\r\n.\r\n",
+         "RCPT TO address longer than 254 characters"},
+        {withRecipients(Submission::kMaxRecipients + 1), "more than 100 recipients"},
+    };
+    for (const auto& [body, reason] : refused) {
+        std::string error;
+        EXPECT_FALSE(Submission::parse(body, error)) << body.substr(0, 60);
+        EXPECT_EQ(error, reason) << body.substr(0, 60);
+    }
+    std::string error;
+    EXPECT_EQ(Submission::parse(withRecipients(Submission::kMaxRecipients), error)->recipients.size(), 100u);
+    // The same address ten thousand times is one recipient, who gets one copy.
+    EXPECT_EQ(Submission::parse(withRecipients(1, 10000), error)->recipients, std::vector<std::string>{"r0@y.org"});
 }
 
 TEST(MessageSummaryTest, ReadsHeaderFieldsForTheListing) {
