@@ -14,6 +14,9 @@
 #include <random>
 #include <stdexcept>
 
+#include "core/Ascii.h"
+#include "webmail/BasicCredentials.h"
+
 namespace {
 
 // Seconds a Digest nonce stays valid, and how many nonces are tracked at once.
@@ -204,22 +207,17 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
 
 std::string WebmailServer::authenticate(MHD_Connection* connection, bool& staleNonce) {
     const std::string authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
-    const bool basic = authorization.rfind("Basic ", 0) == 0;
-    const bool digest = authorization.rfind("Digest ", 0) == 0;
+    // Scheme names are case-insensitive (RFC 7235).
+    const std::string_view scheme = BasicCredentials::scheme(authorization);
+    const bool basic = core::Ascii::EqualsIgnoreCase(scheme, "Basic");
+    const bool digest = core::Ascii::EqualsIgnoreCase(scheme, "Digest");
     if (basic && options_.auth != AuthMode::Digest) {
-        char* password = nullptr;
-        char* name = MHD_basic_auth_get_username_password(connection, &password);
-        std::string user;
-        if (name != nullptr && password != nullptr) {
-            const auto expected = store_.password(name);
-            if (expected && sameSecret(*expected, password)) user = name;
-        }
-        if (password != nullptr) {
-            std::memset(password, 0, std::strlen(password));
-            MHD_free(password);
-        }
-        if (name != nullptr) MHD_free(name);
-        return user;
+        auto credentials = BasicCredentials::parse(authorization);
+        if (!credentials) return {};
+        const auto expected = store_.password(credentials->name);
+        const bool accepted = expected && sameSecret(*expected, credentials->password);
+        std::fill(credentials->password.begin(), credentials->password.end(), '\0');
+        return accepted ? credentials->name : std::string();
     }
     if (digest && options_.auth != AuthMode::Basic) {
         char* name = MHD_digest_auth_get_username(connection);

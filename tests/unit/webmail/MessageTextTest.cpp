@@ -1,6 +1,9 @@
-// Texts the service reads: posted submissions, message headers, request paths.
+// Texts the service reads: posted submissions, Basic credentials, message headers, request paths.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
+#include "webmail/BasicCredentials.h"
 #include "webmail/MessageSummary.h"
 #include "webmail/ServiceUrls.h"
 #include "webmail/Submission.h"
@@ -156,6 +159,29 @@ TEST(MessageSummaryTest, CleanTextIsValidUtf8WithoutControls) {
               "a b c");                                                                // controls
     EXPECT_EQ(MessageSummary::cleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // encoded surrogate
     EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
+}
+
+TEST(BasicCredentialsTest, SchemeInAnyCaseStrictBase64AndNoControlCharacters) {
+    const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
+        {"Basic ZGVtbzpkZW1v", "demo", "demo"},
+        {"basic ZGVtbzpkZW1v", "demo", "demo"},
+        {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
+        {"Basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
+    };
+    for (const auto& [header, name, password] : accepted) {
+        const auto c = BasicCredentials::parse(header);
+        ASSERT_TRUE(c) << header;
+        EXPECT_EQ(c->name, name) << header;
+        EXPECT_EQ(c->password, password) << header;
+    }
+    for (const char* header : {"Basic ZGVtbzpkZW1vAGp1bms=",  // "demo:demo\0junk"
+                               "Basic ZGVtbzpkZQ1tbw==",      // "demo:de\rmo"
+                               "Basic ZGV/bW86ZGVtbw==",      // "de\x7Fmo:demo"
+                               "Basic ZGVtb2RlbW8=",          // no colon
+                               "Basic ZGVtbzpkZW1v=", "Basic ZGVt*zpkZW1v", "Basic ZGVt bzpkZW1v", "Basic",
+                               "BasicZGVtbzpkZW1v", "Digest username=\"demo\"", "Bearer ZGVtbzpkZW1v", ""}) {
+        EXPECT_FALSE(BasicCredentials::parse(header)) << header;
+    }
 }
 
 TEST(UrlCodecTest, PathsThatCouldLeaveTheTreeAreRefused) {
