@@ -32,6 +32,9 @@ SplitName splitName(const std::string& fileName) {
     return {fileName.substr(0, info), flags};
 }
 
+// The unique part of an entry's file name (its id may be a shortened form of it).
+std::string uniquePart(const MaildirEntry& entry) { return splitName(entry.path.filename().string()).id; }
+
 // Letters kept from a long unique part in front of its hash.
 constexpr std::size_t kIdPrefixLength = MaildirFolder::kMaxIdLength - 17;
 
@@ -189,7 +192,7 @@ bool MaildirFolder::setSeen(std::string_view id, bool seen) const {
     std::erase(flags, 'S');
     if (seen) flags += 'S';
     std::sort(flags.begin(), flags.end());
-    const fs::path target = dir_ / "cur" / (entry->id + std::string(kInfoSeparator) + flags);
+    const fs::path target = dir_ / "cur" / (uniquePart(*entry) + std::string(kInfoSeparator) + flags);
     if (target == entry->path) return true;
     std::error_code ec;
     fs::rename(entry->path, target, ec);
@@ -202,7 +205,7 @@ bool MaildirFolder::moveTo(std::string_view id, const MaildirFolder& dest) const
     std::error_code ec;
     if (fs::equivalent(dir_, dest.dir_, ec)) return true;
     if (dest.find(id)) return false;
-    fs::rename(entry->path, dest.dir_ / "cur" / (entry->id + std::string(kInfoSeparator) + entry->flags), ec);
+    fs::rename(entry->path, dest.dir_ / "cur" / (uniquePart(*entry) + std::string(kInfoSeparator) + entry->flags), ec);
     return !ec;
 }
 

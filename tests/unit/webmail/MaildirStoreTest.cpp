@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "tests/unit/webmail/TempDir.h"
@@ -126,6 +127,63 @@ TEST_F(MaildirFolderTest, DeliveryLeavesNothingInTmpAndStoresBytesExactly) {
     EXPECT_EQ(readFile(box.dir() / "new" / unseen), bytes);
     EXPECT_EQ(readFile(box.dir() / "cur" / (seen + ":2,S")), bytes);
     EXPECT_TRUE(MaildirFolder::isUsableName(unseen));
+}
+
+TEST_F(MaildirFolderTest, LongFileNamesGetShortStableDistinctIds) {
+    // Two names alike in their first 69 characters, as another Maildir tool might make them.
+    const std::string common = std::string(69, 'n');
+    const std::string first = common + ".first.example.org", second = common + ".second.example.org";
+    // A name already of the shape of a shortened id must not pose as one.
+    const std::string posing = MaildirFolder::idOf(first);
+    drop(box.dir(), "new", first, 3);
+    drop(box.dir(), "cur", second + ":2,S", 2);
+    drop(box.dir(), "cur", posing + ":2,", 1);
+    const auto listed = box.list();
+    ASSERT_EQ(listed.size(), 3u);
+    std::set<std::string> distinct;
+    for (const auto& e : listed) {
+        EXPECT_LE(e.id.size(), MaildirFolder::kMaxIdLength) << e.id;
+        EXPECT_TRUE(MaildirFolder::isUsableName(e.id)) << e.id;
+        distinct.insert(e.id);
+        const auto found = box.find(e.id);
+        ASSERT_TRUE(found) << e.id;
+        EXPECT_EQ(found->path, e.path);
+    }
+    EXPECT_EQ(distinct.size(), 3u);
+    EXPECT_EQ(listed[0].id, posing);  // the first file's id, now and in every listing
+    EXPECT_EQ(ids(box.list()), ids(listed));
+    EXPECT_NE(listed[2].id, posing);
+    // Flags and moves keep the id.
+    MaildirFolder::create(dir.path() / "trash");
+    const MaildirFolder trash(dir.path() / "trash");
+    ASSERT_TRUE(box.setSeen(listed[0].id, true));
+    ASSERT_TRUE(box.moveTo(listed[0].id, trash));
+    EXPECT_EQ(ids(trash.list()), std::vector<std::string>{listed[0].id});
+    // Short names stay their own ids, and the service's own names are short.
+    EXPECT_EQ(MaildirFolder::idOf("1700000000.M1P2Q3.host"), "1700000000.M1P2Q3.host");
+    EXPECT_LE(MaildirFolder::uniqueName().size(), MaildirFolder::kMaxIdLength);
+}
+
+TEST_F(MaildirFolderTest, SymbolicLinksAreNeverFollowed) {
+    TempDir outside;
+    writeFile(outside.path() / "secret", "Subject: not yours\n\n");
+    MaildirFolder::create(outside.path() / "other");
+    drop(box.dir(), "cur", "1.real.host:2,", 2);
+    fs::create_symlink(outside.path() / "secret", box.dir() / "cur" / "2.link.host:2,");
+    fs::create_symlink(outside.path() / "secret", box.dir() / "new" / "3.link.host");
+    EXPECT_EQ(ids(box.list()), std::vector<std::string>{"1.real.host"});
+    EXPECT_TRUE(fs::is_symlink(box.dir() / "new" / "3.link.host"));  // left where it is
+    EXPECT_FALSE(box.find("2.link.host"));
+    EXPECT_FALSE(box.find("3.link.host"));
+    EXPECT_FALSE(box.setSeen("2.link.host", true));
+    // A folder whose cur/ is a link is no Maildir; nor is a link to a Maildir.
+    fs::remove_all(box.dir() / "cur");
+    fs::create_directory_symlink(outside.path() / "other" / "cur", box.dir() / "cur");
+    EXPECT_FALSE(MaildirFolder::isMaildir(box.dir()));
+    EXPECT_TRUE(box.list().empty());
+    EXPECT_THROW(box.deliver("x", true), std::runtime_error);
+    fs::create_directory_symlink(outside.path() / "other", dir.path() / "linked");
+    EXPECT_FALSE(MaildirFolder::isMaildir(dir.path() / "linked"));
 }
 
 TEST(MaildirFolderNames, UsableNamesExcludeWhatIsUnsafeInUrlsOrXml) {
