@@ -16,6 +16,8 @@ namespace {
 
 // Bytes read at a time when a whole file is scanned.
 constexpr std::size_t kScanBlock = 64 * 1024;
+// Bytes read at a time while looking for the end of a header: most headers fit in one read.
+constexpr std::size_t kHeaderBlock = 4096;
 // Files whose facts are kept; the cache starts afresh when it would grow beyond.
 constexpr std::size_t kCacheEntries = 100000;
 
@@ -99,14 +101,17 @@ bool isAttachmentLine(std::string_view head) {
 }
 
 // Where the header of `text` ends (just after its empty line), or npos when no empty line is in it yet.
+// Walks the lines from the start, so it stops at the header's end rather than searching the whole text.
 std::size_t headerEnd(std::string_view text) {
-    if (text.starts_with("\n")) return 1;
-    if (text.starts_with("\r\n")) return 2;
-    const std::size_t lf = text.find("\n\n");
-    const std::size_t crlf = text.find("\n\r\n");
-    const std::size_t first = std::min(lf, crlf);
-    if (first == std::string_view::npos) return first;
-    return first + (first == lf ? 2 : 3);
+    std::size_t line = 0;
+    while (true) {
+        const std::string_view rest = text.substr(line);
+        if (rest.starts_with("\n")) return line + 1;
+        if (rest.starts_with("\r\n")) return line + 2;
+        const std::size_t lf = text.find('\n', line);
+        if (lf == std::string_view::npos) return lf;
+        line = lf + 1;
+    }
 }
 
 }  // namespace
@@ -147,20 +152,18 @@ int MessageFile::release() {
 
 std::string MessageFile::header() const {
     std::string text;
-    std::size_t searched = 0;
     while (text.size() < kHeaderLimit) {
         const std::size_t before = text.size();
-        text.resize(std::min(kHeaderLimit, before + 8192));
+        text.resize(std::min(kHeaderLimit, before + kHeaderBlock));
         const long n = readAt(fd_, text.data() + before, text.size() - before, before);
         text.resize(before + static_cast<std::size_t>(std::max(n, 0L)));
-        // The empty line may straddle two reads: look again from just before the new bytes.
-        const std::size_t end = headerEnd(std::string_view(text).substr(searched));
+        // Looked for from the start again: the empty line may straddle two reads.
+        const std::size_t end = headerEnd(text);
         if (end != std::string::npos) {
-            text.resize(searched + end);
+            text.resize(end);
             break;
         }
         if (n <= 0) break;
-        searched = text.size() > 2 ? text.size() - 2 : 0;
     }
     return text;
 }
