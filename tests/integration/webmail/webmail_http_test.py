@@ -374,6 +374,8 @@ class TrustRulesTest(ServiceCase):
 
     def test_envelope_control_characters_are_refused_with_a_reason(self):
         for body, reason in (
+                (b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<far@x.example\rBcc: spy@y.example>\r\n\r\nhi\r\n.\r\n",
+                 "400 Message refused: control character in the RCPT TO line"),
                 (b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<far@x.example>\rBcc: spy@y.example\r\n\r\nhi\r\n.\r\n",
                  "400 Message refused: control character in the RCPT TO line"),
                 (b"MAIL FROM:<ann@tarnwick.local\x00>\r\nRCPT TO:<bob@tarnwick.local>\r\n\r\nhi\r\n.\r\n",
