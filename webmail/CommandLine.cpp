@@ -1,25 +1,33 @@
 #include "webmail/CommandLine.h"
 
+#include <charconv>
+#include <optional>
 #include <stdexcept>
 
 namespace {
 
-std::uint16_t parsePort(const std::string& text) {
-    if (text.empty() || text.size() > 5 || text.find_first_not_of("0123456789") != std::string::npos) {
-        throw std::invalid_argument("--listen: port must be a number from 0 to 65535, got \"" + text + "\"");
+// A decimal number of at most maxDigits ASCII digits (std::from_chars ignores the locale), or nullopt.
+std::optional<std::uint64_t> decimal(const std::string& text, std::size_t maxDigits) {
+    std::uint64_t value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (text.empty() || text.size() > maxDigits || error != std::errc() || end != text.data() + text.size()) {
+        return std::nullopt;
     }
-    const unsigned long port = std::stoul(text);
-    if (port > 65535) throw std::invalid_argument("--listen: port must be from 0 to 65535, got " + text);
-    return static_cast<std::uint16_t>(port);
+    return value;
+}
+
+std::uint16_t parsePort(const std::string& text) {
+    const auto port = decimal(text, 5);
+    if (!port) throw std::invalid_argument("--listen: port must be a number from 0 to 65535, got \"" + text + "\"");
+    if (*port > 65535) throw std::invalid_argument("--listen: port must be from 0 to 65535, got " + text);
+    return static_cast<std::uint16_t>(*port);
 }
 
 std::size_t parseSize(const std::string& text) {
-    if (text.empty() || text.size() > 12 || text.find_first_not_of("0123456789") != std::string::npos) {
-        throw std::invalid_argument("--max-message-size: expected a number of bytes, got \"" + text + "\"");
-    }
-    const unsigned long long size = std::stoull(text);
-    if (size < 1024) throw std::invalid_argument("--max-message-size: at least 1024 bytes");
-    return static_cast<std::size_t>(size);
+    const auto size = decimal(text, 12);
+    if (!size) throw std::invalid_argument("--max-message-size: expected a number of bytes, got \"" + text + "\"");
+    if (*size < 1024) throw std::invalid_argument("--max-message-size: at least 1024 bytes");
+    return static_cast<std::size_t>(*size);
 }
 
 }  // namespace

@@ -1,15 +1,19 @@
 // One request to the service as the router sees it, and the reply it gives, independent of the HTTP server.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "webmail/MessageFile.h"
+
 struct DavRequest {
     std::string method;                         // HTTP method, as sent
     std::string path;                           // request path, still percent-encoded
     std::string user;                           // the authenticated account
+    std::string clientAddress;                  // the client's IP address, as text (empty when unknown)
     std::string baseUrl;                        // "http://host:port" the client used to reach us
     std::string body;                           // request body
     std::optional<std::string> contentType;     // Content-Type header
@@ -23,6 +27,9 @@ struct DavReply {
     std::string contentType = "text/xml; charset=\"utf-8\"";
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;  // further headers
+    // A message served from its file in place of body: sent as it is when it has CR LF line ends only,
+    // otherwise converted while it is sent; either way nothing holds the whole text.
+    std::shared_ptr<const MessageFile> file;
 
     // A reply for a refused request: status, X-Dav-Error "<status> <reason>" and the reason as plain text.
     static DavReply failure(unsigned status, const std::string& reason) {

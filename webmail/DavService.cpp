@@ -1,14 +1,14 @@
 #include "webmail/DavService.h"
 
 #include <algorithm>
-#include <cctype>
 #include <filesystem>
-#include <fstream>
+#include <memory>
 #include <mutex>
-#include <sstream>
 
 #include <pugixml.hpp>
 
+#include "core/Ascii.h"
+#include "webmail/MessageFile.h"
 #include "webmail/MultistatusWriter.h"
 #include "webmail/PropfindReplies.h"
 #include "webmail/Submission.h"
@@ -33,22 +33,12 @@ DavReply multistatus(std::string body, std::string davError = "200 No error") {
     return reply;
 }
 
-std::optional<std::string> readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream text;
-    text << in.rdbuf();
-    return text.str();
-}
-
 // The media type of a Content-Type value, lower case, without parameters.
 std::string mediaType(const std::optional<std::string>& contentType) {
     if (!contentType) return {};
     std::string type = contentType->substr(0, contentType->find(';'));
-    type.erase(std::remove_if(type.begin(), type.end(), [](unsigned char c) { return std::isspace(c); }), type.end());
-    std::transform(type.begin(), type.end(), type.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return type;
+    std::erase_if(type, core::Ascii::IsSpace);
+    return core::Ascii::LowerCase(std::move(type));
 }
 
 std::string localName(pugi::xml_node node) {
@@ -171,26 +161,23 @@ DavReply DavService::folderPropfind(const DavRequest& request, const Account& ac
     std::vector<PropfindReplies::Message> messages;
     for (const MaildirEntry& entry : entries) {
         // A message removed by another program since the directory was read is simply not listed.
-        const auto raw = readFile(entry.path);
-        if (!raw) continue;
-        std::error_code ec;
-        const auto modified = fs::last_write_time(entry.path, ec);
-        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(
-            std::chrono::file_clock::to_sys(modified).time_since_epoch());
-        messages.push_back({entry, MessageSummary::parse(*raw, static_cast<std::time_t>(seconds.count())),
-                            MessageSummary::toCrlf(*raw).size()});
+        const auto file = MessageFile::open(entry.path);
+        if (!file) continue;
+        const MessageFile::Facts facts = file->facts();
+        MessageSummary summary = MessageSummary::parse(file->header(), file->modified());
+        summary.hasAttachment = summary.hasAttachment || facts.attachmentLine;
+        messages.push_back({entry, std::move(summary), facts.servedSize});
     }
     return multistatus(PropfindReplies::messages(urls, folderName, messages));
 }
 
 DavReply DavService::getMessage(const Account& account, const ServiceTarget& target) {
     const auto entry = account.folder(target.folder)->find(target.id);
-    if (!entry) return DavReply::failure(404, "No such message");
-    const auto raw = readFile(entry->path);
-    if (!raw) return DavReply::failure(404, "No such message");
+    auto file = entry ? MessageFile::open(entry->path) : std::nullopt;
+    if (!file) return DavReply::failure(404, "No such message");
     DavReply reply;
     reply.contentType = "message/rfc822";
-    reply.body = MessageSummary::toCrlf(*raw);
+    reply.file = std::make_shared<MessageFile>(std::move(*file));
     return reply;
 }
 
@@ -283,8 +270,9 @@ DavReply DavService::sendMessage(const DavRequest& request, const Account& accou
     }
     std::string error;
     const auto submission = Submission::parse(request.body, error);
-    if (!submission) return DavReply::failure(400, "Malformed message: " + error);
-    const MailDelivery::Result result = delivery_.deliver(account, *submission);
+    if (!submission) return DavReply::failure(400, "Message refused: " + error);
+    const MailDelivery::Result result =
+        delivery_.deliver(account, *submission, {request.clientAddress, std::time(nullptr)});
     DavReply reply;
     reply.contentType = "text/plain; charset=\"utf-8\"";
     reply.body =

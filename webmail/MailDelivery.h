@@ -1,8 +1,11 @@
 // Delivery of a posted message: a copy in the sender's Sent Items, each recipient of this domain gets it in
-// their INBOX, every other recipient is queued in the sender's Outbox (nothing leaves the machine).
+// their INBOX, every other recipient is queued in the sender's Outbox (nothing leaves the machine). Every
+// copy starts with a Received: trace field that names the authenticated account it came from.
 #pragma once
 
+#include <ctime>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "webmail/Account.h"
@@ -20,8 +23,22 @@ public:
     // Delivers for the given store and mail domain (compared without regard to case).
     MailDelivery(const MaildirStore& store, std::string domain);
 
+    // Where and when a submission came in: the client's IP address (may be empty) and the time.
+    struct Origin {
+        std::string clientAddress;
+        std::time_t time = 0;
+    };
+
     // Stores the message; throws std::runtime_error or std::filesystem::filesystem_error on a store failure.
-    Result deliver(const Account& sender, const Submission& submission) const;
+    Result deliver(const Account& sender, const Submission& submission, const Origin& origin) const;
+    // The Received: field for one copy posted by account, folded over three lines, each ended by eol:
+    // "from [ADDRESS] (authenticated account NAME)", "by tarnwick-webmail (DOMAIN) with HTTP", then
+    // "for <RECIPIENT>" when the copy is for one recipient, and the date in RFC 5322 form (UTC, English names
+    // whatever the locale).
+    std::string traceField(const std::string& account, const Origin& origin, const std::string* recipient,
+                           std::string_view eol) const;
+    // A date as "Mon, 23 Nov 2026 09:13:38 +0000".
+    static std::string rfc5322Date(std::time_t time);
     // The account a recipient address names, when it is of this domain and exists.
     std::optional<Account> localAccount(const std::string& address) const;
 

@@ -1,6 +1,8 @@
-// One Maildir (cur/ new/ tmp/): listing, lookup by id, the seen flag, moves and delivery.
+// One Maildir (cur/ new/ tmp/): listing, lookup by id, the seen flag, moves and delivery. No symbolic link is
+// followed: a folder, cur/ new/ tmp/ or a message file that is a link counts as missing.
 #pragma once
 
+#include <cstddef>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -9,7 +11,7 @@
 
 // One message file of a folder.
 struct MaildirEntry {
-    std::string id;              // unique name without the ":2,FLAGS" info part; stable in its folder
+    std::string id;              // served id: idOf(the file name without its ":2,FLAGS" part)
     std::filesystem::path path;  // where the file is now
     std::string flags;           // the letters after ":2,", sorted
     bool seen() const { return flags.find('S') != std::string::npos; }
@@ -17,6 +19,9 @@ struct MaildirEntry {
 
 class MaildirFolder {
 public:
+    // Longest id served; the gateway cuts the unique ids it derives from them well beyond this.
+    static constexpr std::size_t kMaxIdLength = 40;
+
     // A folder rooted at dir (which holds cur/, new/ and tmp/).
     explicit MaildirFolder(std::filesystem::path dir);
 
@@ -24,8 +29,13 @@ public:
     static void create(const std::filesystem::path& dir);
     // True when dir holds cur/, new/ and tmp/.
     static bool isMaildir(const std::filesystem::path& dir);
-    // A fresh unique file name ("seconds.MmicrosPpidQcount.host"), safe in XML and URL paths.
+    // A fresh unique file name ("seconds.MmicrosPpidQcount.host", the host cut to keep it at most
+    // kMaxIdLength long), safe in XML and URL paths.
     static std::string uniqueName();
+    // The id of a file whose name without ":2,FLAGS" is unique: that text itself when it is at most
+    // kMaxIdLength long, otherwise its first 23 characters, "~" and 16 hex digits of a hash of the whole.
+    // (A short name of that very shape is hashed too, so it cannot pose as another file's id.)
+    static std::string idOf(std::string_view unique);
     // True when a file name can serve as an id: printable ASCII only, no slash, not starting with a dot.
     static bool isUsableName(std::string_view name);
 
@@ -33,7 +43,7 @@ public:
     const std::filesystem::path& dir() const { return dir_; }
 
     // Moves every message of new/ into cur/ (keeping its id), then lists cur/ oldest first
-    // (modification time, then id). Files whose names cannot serve as ids are left alone.
+    // (modification time, then id), each id once. Files whose names cannot serve as ids are left alone.
     std::vector<MaildirEntry> list() const;
     // The message with this id, looked up in cur/ and new/.
     std::optional<MaildirEntry> find(std::string_view id) const;

@@ -2,23 +2,15 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdio>
 #include <vector>
 
+#include "core/Ascii.h"
+
 namespace {
 
-bool equalsIgnoreCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-               return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
-           });
-}
-
-std::string lower(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
-}
+using core::Ascii::EqualsIgnoreCase;
+using core::Ascii::IsDigit;
 
 std::string_view trim(std::string_view text) {
     while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
@@ -53,7 +45,7 @@ std::vector<HeaderField> readHeader(std::string_view raw) {
 
 std::string fieldValue(const std::vector<HeaderField>& fields, std::string_view name) {
     for (const auto& f : fields) {
-        if (equalsIgnoreCase(f.name, name)) return f.value;
+        if (EqualsIgnoreCase(f.name, name)) return f.value;
     }
     return {};
 }
@@ -105,7 +97,7 @@ std::size_t utf8Sequence(std::string_view text, std::size_t i, unsigned& code) {
 int monthNumber(std::string_view name) {
     static constexpr std::array<std::string_view, 12> kMonths = {"jan", "feb", "mar", "apr", "may", "jun",
                                                                  "jul", "aug", "sep", "oct", "nov", "dec"};
-    const std::string key = lower(name.substr(0, 3));
+    const std::string key = core::Ascii::LowerCase(std::string(name.substr(0, 3)));
     for (std::size_t m = 0; m < kMonths.size(); ++m) {
         if (key == kMonths[m]) return static_cast<int>(m) + 1;
     }
@@ -114,8 +106,7 @@ int monthNumber(std::string_view name) {
 
 // Offset east of UTC in seconds for a numeric or named zone; 0 for anything unknown.
 long zoneOffset(std::string_view zone) {
-    if (zone.size() == 5 && (zone[0] == '+' || zone[0] == '-') &&
-        std::all_of(zone.begin() + 1, zone.end(), [](char c) { return std::isdigit(static_cast<unsigned char>(c)); })) {
+    if (zone.size() == 5 && (zone[0] == '+' || zone[0] == '-') && std::all_of(zone.begin() + 1, zone.end(), IsDigit)) {
         const long hours = (zone[1] - '0') * 10 + (zone[2] - '0');
         const long minutes = (zone[3] - '0') * 10 + (zone[4] - '0');
         const long offset = hours * 3600 + minutes * 60;
@@ -124,7 +115,7 @@ long zoneOffset(std::string_view zone) {
     static constexpr std::array<std::pair<std::string_view, long>, 8> kNamed = {
         {{"EST", -5}, {"EDT", -4}, {"CST", -6}, {"CDT", -5}, {"MST", -7}, {"MDT", -6}, {"PST", -8}, {"PDT", -7}}};
     for (const auto& [name, hours] : kNamed) {
-        if (equalsIgnoreCase(zone, name)) return hours * 3600;
+        if (EqualsIgnoreCase(zone, name)) return hours * 3600;
     }
     return 0;
 }
@@ -145,7 +136,7 @@ bool readNumber(std::string_view text, int& value) {
     if (text.empty() || text.size() > 9) return false;
     value = 0;
     for (char c : text) {
-        if (!std::isdigit(static_cast<unsigned char>(c))) return false;
+        if (!IsDigit(c)) return false;
         value = value * 10 + (c - '0');
     }
     return true;
@@ -161,22 +152,11 @@ MessageSummary MessageSummary::parse(std::string_view raw, std::time_t fallbackT
     summary.to = cleanText(fieldValue(fields, "To"));
     summary.fromAddress = addressOf(summary.from);
     summary.date = isoDate(fieldValue(fields, "Date")).value_or(isoTime(fallbackTime));
-    const std::string contentType = lower(trim(fieldValue(fields, "Content-Type")));
-    // A mixed multipart message carries attachments by definition; other shapes are recognised by a part
-    // that declares itself one.
-    summary.hasAttachment = contentType.starts_with("multipart/mixed") ||
-                            lower(raw).find("content-disposition: attachment") != std::string::npos;
+    const std::string contentType = core::Ascii::LowerCase(std::string(trim(fieldValue(fields, "Content-Type"))));
+    // A mixed multipart message carries attachments by definition; the listing also looks for a part that
+    // declares itself one (MessageFile::Facts::attachmentLine).
+    summary.hasAttachment = contentType.starts_with("multipart/mixed");
     return summary;
-}
-
-std::string MessageSummary::toCrlf(std::string_view raw) {
-    std::string out;
-    out.reserve(raw.size() + raw.size() / 32);
-    for (std::size_t i = 0; i < raw.size(); ++i) {
-        if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) out += '\r';
-        out += raw[i];
-    }
-    return out;
 }
 
 std::string MessageSummary::cleanText(std::string_view text) {
@@ -217,8 +197,7 @@ std::string MessageSummary::addressOf(std::string_view text) {
 
 std::optional<std::string> MessageSummary::isoDate(std::string_view text) {
     std::vector<std::string_view> parts = words(text);
-    if (!parts.empty() && monthNumber(parts.front()) == 0 &&
-        !std::isdigit(static_cast<unsigned char>(parts.front()[0]))) {
+    if (!parts.empty() && monthNumber(parts.front()) == 0 && !IsDigit(parts.front()[0])) {
         parts.erase(parts.begin());  // day of the week
     }
     if (parts.size() < 4) return std::nullopt;

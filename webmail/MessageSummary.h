@@ -7,18 +7,16 @@
 #include <string_view>
 
 struct MessageSummary {
-    std::string subject;      // Subject header, unfolded, as clean UTF-8
-    std::string from;         // From header as displayed
-    std::string to;           // To header as displayed
-    std::string fromAddress;  // the bare address of the From header
-    std::string date;         // "YYYY-MM-DDTHH:MM:SS" in UTC
-    bool hasAttachment = false;
+    std::string subject;         // Subject header, unfolded, as clean UTF-8
+    std::string from;            // From header as displayed
+    std::string to;              // To header as displayed
+    std::string fromAddress;     // the bare address of the From header
+    std::string date;            // "YYYY-MM-DDTHH:MM:SS" in UTC
+    bool hasAttachment = false;  // from the header alone: a multipart/mixed message
 
-    // Reads the header of raw; fallbackTime gives the date when the Date header is missing or unreadable.
+    // Reads the header of raw (a message, or only its header); fallbackTime gives the date when the Date
+    // header is missing or unreadable.
     static MessageSummary parse(std::string_view raw, std::time_t fallbackTime);
-
-    // The message as served: every line ending made CR LF (a lone LF gains its CR), nothing else changed.
-    static std::string toCrlf(std::string_view raw);
     // Text fit for XML: valid UTF-8 (bytes that are not UTF-8 are read as Latin-1), controls turned to
     // spaces, surrounding white space trimmed.
     static std::string cleanText(std::string_view text);

@@ -1,7 +1,5 @@
 #include "webmail/MultistatusWriter.h"
 
-#include <sstream>
-
 MultistatusWriter::MultistatusWriter() {
     auto decl = doc_.append_child(pugi::node_declaration);
     decl.append_attribute("version") = "1.0";
@@ -35,7 +33,10 @@ pugi::xml_node MultistatusWriter::addProp(pugi::xml_node prop, std::string_view 
 }
 
 std::string MultistatusWriter::str() const {
-    std::ostringstream out;
+    struct StringWriter : pugi::xml_writer {
+        std::string text;
+        void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
+    } out;
     doc_.save(out, "", pugi::format_raw, pugi::encoding_utf8);
-    return out.str();
+    return std::move(out.text);
 }

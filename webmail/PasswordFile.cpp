@@ -3,7 +3,7 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <stdexcept>
 
 bool PasswordFile::isValidName(std::string_view name) {
@@ -29,10 +29,9 @@ PasswordFile PasswordFile::load(const std::filesystem::path& file) {
         if (!std::filesystem::exists(file)) return {};
         throw std::runtime_error("cannot read " + file.string());
     }
-    std::ostringstream text;
-    text << in.rdbuf();
+    const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     try {
-        return parse(text.str());
+        return parse(text);
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(file.string() + ": " + e.what());
     }

@@ -1,14 +1,13 @@
 #include "webmail/Submission.h"
 
-#include <algorithm>
-#include <cctype>
+#include <unordered_set>
+
+#include "core/Ascii.h"
 
 namespace {
 
 bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
-    return text.size() >= prefix.size() && std::equal(prefix.begin(), prefix.end(), text.begin(), [](char a, char b) {
-               return std::toupper(static_cast<unsigned char>(a)) == std::toupper(static_cast<unsigned char>(b));
-           });
+    return core::Ascii::EqualsIgnoreCase(text.substr(0, prefix.size()), prefix);
 }
 
 // Takes one line off the front of text; the line excludes its CR LF (or bare LF).
@@ -36,7 +35,37 @@ std::string unstuff(std::string_view text) {
     return out;
 }
 
+// The address of an envelope line's argument, or an empty optional with error set when the envelope rules
+// refuse it.
+std::optional<std::string> checkedAddress(std::string_view argument, const char* what, std::string& error) {
+    // A tab may separate words; any other control character (a bare CR, a NUL, ...) would let the text
+    // pose as something else once written into a header line.
+    for (char c : argument) {
+        if (core::Ascii::IsControl(c) && c != '\t') {
+            error = std::string("control character in the ") + what + " line";
+            return std::nullopt;
+        }
+    }
+    std::string address = Submission::envelopeAddress(argument);
+    if (address.find('\t') != std::string::npos) {
+        error = std::string("control character in the ") + what + " address";
+        return std::nullopt;
+    }
+    if (address.size() > Submission::kMaxAddressLength) {
+        error =
+            std::string(what) + " address longer than " + std::to_string(Submission::kMaxAddressLength) + " characters";
+        return std::nullopt;
+    }
+    return address;
+}
+
 }  // namespace
+
+std::string Submission::addressKey(std::string_view address) {
+    const std::size_t at = address.rfind('@');
+    if (at == std::string_view::npos) return std::string(address);
+    return std::string(address.substr(0, at + 1)) + core::Ascii::LowerCase(std::string(address.substr(at + 1)));
+}
 
 std::string Submission::envelopeAddress(std::string_view text) {
     const std::size_t open = text.find('<');
@@ -44,9 +73,9 @@ std::string Submission::envelopeAddress(std::string_view text) {
         const std::size_t close = text.find('>', open);
         if (close != std::string_view::npos) return std::string(text.substr(open + 1, close - open - 1));
     }
-    while (!text.empty() && std::isspace(static_cast<unsigned char>(text.front()))) text.remove_prefix(1);
+    while (!text.empty() && core::Ascii::IsSpace(text.front())) text.remove_prefix(1);
     std::size_t end = 0;
-    while (end < text.size() && !std::isspace(static_cast<unsigned char>(text[end]))) ++end;
+    while (end < text.size() && !core::Ascii::IsSpace(text[end])) ++end;
     return std::string(text.substr(0, end));
 }
 
@@ -58,7 +87,10 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
         error = "first line must be MAIL FROM:";
         return std::nullopt;
     }
-    result.sender = envelopeAddress(first.substr(10));
+    auto sender = checkedAddress(first.substr(10), "MAIL FROM", error);
+    if (!sender) return std::nullopt;
+    result.sender = std::move(*sender);
+    std::unordered_set<std::string> seen;
     while (true) {
         if (rest.empty()) {
             error = "no empty line after the envelope";
@@ -70,12 +102,18 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
             error = "envelope line is not RCPT TO:";
             return std::nullopt;
         }
-        std::string recipient = envelopeAddress(line.substr(8));
-        if (recipient.empty()) {
+        auto recipient = checkedAddress(line.substr(8), "RCPT TO", error);
+        if (!recipient) return std::nullopt;
+        if (recipient->empty()) {
             error = "empty recipient";
             return std::nullopt;
         }
-        result.recipients.push_back(std::move(recipient));
+        if (!seen.insert(addressKey(*recipient)).second) continue;
+        if (result.recipients.size() == kMaxRecipients) {
+            error = "more than " + std::to_string(kMaxRecipients) + " recipients";
+            return std::nullopt;
+        }
+        result.recipients.push_back(std::move(*recipient));
     }
     if (result.recipients.empty()) {
         error = "no RCPT TO: line";

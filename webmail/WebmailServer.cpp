@@ -4,13 +4,18 @@
 #include <microhttpd.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <random>
 #include <stdexcept>
+
+#include "core/Ascii.h"
+#include "webmail/BasicCredentials.h"
 
 namespace {
 
@@ -20,6 +25,8 @@ constexpr unsigned kNonceSlots = 1024;
 // Seconds an idle connection is kept.
 constexpr unsigned kConnectionTimeoutSeconds = 60;
 constexpr unsigned kWorkerThreads = 4;
+// Bytes of a converted message handed to libmicrohttpd at a time.
+constexpr std::size_t kServeBlock = 64 * 1024;
 
 // Body collected for one request, kept across the calls libmicrohttpd makes while the body arrives.
 struct Pending {
@@ -54,6 +61,48 @@ std::string printable(const std::string& text) {
 
 // Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
 size_t keepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
+
+// A message file with bare LF line ends on its way out: where the next read continues.
+struct ConvertingReader {
+    std::shared_ptr<const MessageFile> file;
+    std::uint64_t offset = 0;
+    bool lastCr = false;
+};
+
+// Serves a file whose line ends are all CR LF straight from its descriptor (libmicrohttpd may use sendfile).
+MHD_Response* fileResponse(const MessageFile& file) {
+    const int fd = ::dup(file.fd());
+    if (fd < 0) return nullptr;
+    MHD_Response* response = MHD_create_response_from_fd64(file.size(), fd);
+    if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// Serves a file with bare LF line ends, converted piece by piece; servedSize is exact, so the reply carries
+// a Content-Length as any other.
+MHD_Response* convertingResponse(std::shared_ptr<const MessageFile> file, std::uint64_t servedSize) {
+    auto* reader = new ConvertingReader{std::move(file)};
+    MHD_Response* response = MHD_create_response_from_callback(
+        servedSize, kServeBlock,
+        [](void* cls, std::uint64_t, char* out, std::size_t max) -> ssize_t {
+            auto* r = static_cast<ConvertingReader*>(cls);
+            const long n = r->file->readServed(r->offset, r->lastCr, out, max);
+            // A file that shrank or cannot be read ends the reply short; the client sees a broken transfer.
+            return n > 0 ? n : MHD_CONTENT_READER_END_WITH_ERROR;
+        },
+        reader, [](void* cls) { delete static_cast<ConvertingReader*>(cls); });
+    if (response == nullptr) delete reader;
+    return response;
+}
+
+// The client's IPv4 address as text, or empty.
+std::string clientAddress(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr || info->client_addr->sa_family != AF_INET) return {};
+    char text[INET_ADDRSTRLEN] = {};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+    return ::inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) != nullptr ? text : "";
+}
 
 }  // namespace
 
@@ -117,7 +166,9 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
         auto* pending = new Pending;
         *state = pending;
         const auto length = header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
-        if (length && std::strtoull(length->c_str(), nullptr, 10) > options_.maxBodySize) {
+        std::uint64_t declared = 0;
+        if (length && std::from_chars(length->data(), length->data() + length->size(), declared).ec == std::errc() &&
+            declared > options_.maxBodySize) {
             // Refused before the body is read; libmicrohttpd closes the connection after this reply.
             pending->tooLarge = true;
             return queue(connection, DavReply::failure(413, "Request body too large"), method, url, "-");
@@ -146,6 +197,7 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
     request.path = url;
     request.user = user;
     request.baseUrl = baseUrl(connection);
+    request.clientAddress = clientAddress(connection);
     request.body = std::move(pending->body);
     request.contentType = header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
     request.destination = header(connection, "Destination");
@@ -155,22 +207,17 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
 
 std::string WebmailServer::authenticate(MHD_Connection* connection, bool& staleNonce) {
     const std::string authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
-    const bool basic = authorization.rfind("Basic ", 0) == 0;
-    const bool digest = authorization.rfind("Digest ", 0) == 0;
+    // Scheme names are case-insensitive (RFC 7235).
+    const std::string_view scheme = BasicCredentials::scheme(authorization);
+    const bool basic = core::Ascii::EqualsIgnoreCase(scheme, "Basic");
+    const bool digest = core::Ascii::EqualsIgnoreCase(scheme, "Digest");
     if (basic && options_.auth != AuthMode::Digest) {
-        char* password = nullptr;
-        char* name = MHD_basic_auth_get_username_password(connection, &password);
-        std::string user;
-        if (name != nullptr && password != nullptr) {
-            const auto expected = store_.password(name);
-            if (expected && sameSecret(*expected, password)) user = name;
-        }
-        if (password != nullptr) {
-            std::memset(password, 0, std::strlen(password));
-            MHD_free(password);
-        }
-        if (name != nullptr) MHD_free(name);
-        return user;
+        auto credentials = BasicCredentials::parse(authorization);
+        if (!credentials) return {};
+        const auto expected = store_.password(credentials->name);
+        const bool accepted = expected && sameSecret(*expected, credentials->password);
+        std::fill(credentials->password.begin(), credentials->password.end(), '\0');
+        return accepted ? credentials->name : std::string();
     }
     if (digest && options_.auth != AuthMode::Basic) {
         char* name = MHD_digest_auth_get_username(connection);
@@ -211,17 +258,28 @@ int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, c
     return queued;
 }
 
-int WebmailServer::queue(MHD_Connection* connection, const DavReply& reply, const std::string& method,
-                         const std::string& url, const std::string& user) {
-    MHD_Response* response =
-        MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+int WebmailServer::queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
+                         const std::string& user) {
+    std::uint64_t bytes = reply.body.size();
+    MHD_Response* response = nullptr;
+    if (reply.file) {
+        const MessageFile::Facts facts = reply.file->facts();
+        bytes = facts.servedSize;
+        response = facts.bareLf ? convertingResponse(reply.file, bytes) : fileResponse(*reply.file);
+    } else {
+        // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
+        auto* body = new std::string(std::move(reply.body));
+        response = MHD_create_response_from_buffer_with_free_callback_cls(
+            body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); }, body);
+        if (response == nullptr) delete body;
+    }
     if (response == nullptr) return MHD_NO;
     MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
     for (const auto& [name, value] : reply.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
     const MHD_Result queued = MHD_queue_response(connection, reply.status, response);
     MHD_destroy_response(response);
-    logLine(method, url, reply.status, reply.body.size(), user);
+    logLine(method, url, reply.status, bytes, user);
     return queued;
 }
 
@@ -234,10 +292,10 @@ std::string WebmailServer::baseUrl(MHD_Connection* connection) const {
     return "http://" + options_.address + ":" + std::to_string(boundPort_);
 }
 
-void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::size_t bytes,
+void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                             const std::string& user) {
     std::lock_guard lock(logMutex_);
-    std::fprintf(stderr, "%s %s %u %zu %s\n", printable(method).c_str(), printable(url).c_str(), status, bytes,
-                 printable(user).c_str());
+    std::fprintf(stderr, "%s %s %u %s %s\n", printable(method).c_str(), printable(url).c_str(), status,
+                 std::to_string(bytes).c_str(), printable(user).c_str());
     std::fflush(stderr);
 }

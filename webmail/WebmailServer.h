@@ -49,10 +49,10 @@ private:
     // The authenticated account, or empty when the credentials are missing or wrong.
     std::string authenticate(MHD_Connection* connection, bool& staleNonce);
     int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
-    int queue(MHD_Connection* connection, const DavReply& reply, const std::string& method, const std::string& url,
+    int queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
               const std::string& user);
     std::string baseUrl(MHD_Connection* connection) const;
-    void logLine(const std::string& method, const std::string& url, unsigned status, std::size_t bytes,
+    void logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                  const std::string& user);
 
     MaildirStore& store_;

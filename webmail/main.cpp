@@ -43,10 +43,10 @@ int main(int argc, char** argv) {
 
         WebmailServer server(store, line.server);
         server.start();
-        std::cout << "listening on " << line.server.address << ":" << server.port() << std::endl;
+        std::cout << "listening on " << line.server.address << ":" << std::to_string(server.port()) << std::endl;
         int received = 0;
         sigwait(&stopSignals, &received);
-        std::cerr << "stopping on signal " << received << "\n";
+        std::cerr << "stopping on signal " << std::to_string(received) << "\n";
         server.stop();
         return 0;
     } catch (const std::exception& e) {

@@ -2,6 +2,7 @@
 import base64
 import http.client
 import os
+import re
 import select
 import signal
 import socket
@@ -22,6 +23,10 @@ FOLDER_INFO = ("<?xml version='1.0'?><D:propfind xmlns:D='DAV:' xmlns:hm='urn:sc
 MARK_READ = ("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
              "<hm:read>1</hm:read></D:prop></D:set></D:propertyupdate>")
 ENTRY = "/svcs/hotmail/tarnwick.asp"
+# The Received: field every delivered copy starts with, for an account and a recipient (regular expressions).
+TRACE = (rb"^Received: from \[127\.0\.0\.1\] \(authenticated account %s\)\r\n\tby tarnwick-webmail \(tarnwick\.local\) "
+         rb"with HTTP\r\n\tfor <%s>; (Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d{1,2} "
+         rb"(Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d \+0000\r\n")
 LISTED = ["D:id", "m:subject", "m:to", "m:from", "h:fromaddr", "m:date", "D:getcontentlength", "hm:read",
           "hm:hasattachment"]
 
@@ -200,7 +205,9 @@ class GatewayFlowTest(ServiceCase):
         delivered = os.listdir(new)
         self.assertEqual(len(delivered), 1)
         with open(os.path.join(new, delivered[0]), "rb") as f:
-            self.assertEqual(f.read(), original)
+            stored = f.read()
+        # A trace field naming the account that posted it comes first, then the message byte for byte.
+        self.assertRegex(stored, TRACE % (b"ann", b"bob@tarnwick\\.local") + re.escape(original) + b"$")
         sent = os.listdir(os.path.join(self.svc.store, "ann", ".Sent Items", "cur"))
         self.assertEqual(len(sent), 1)
         self.assertTrue(sent[0].endswith(":2,S"))
@@ -208,7 +215,7 @@ class GatewayFlowTest(ServiceCase):
         inbox = self.login("bob", "bob-pw")[2]
         listing = self.listing(inbox, "bob", "bob-pw")
         url = text(children(elements(listing, "D:response")[0])[0])
-        self.assertEqual(self.svc.request("GET", rel(url), user="bob", password="bob-pw")[2], original)
+        self.assertEqual(self.svc.request("GET", rel(url), user="bob", password="bob-pw")[2], stored)
         self.assertEqual(text(elements(listing, "hm:read")[0]), "0")
 
     def test_mail_for_other_domains_is_queued_in_the_outbox(self):
@@ -321,6 +328,115 @@ class RefusalTest(ServiceCase):
             s.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHo")  # cut off inside the header
         self.login()
         self.assertEqual(os.listdir(os.path.join(self.svc.store, "demo", ".Sent Items", "cur")), [])
+
+
+class TrustRulesTest(ServiceCase):
+    """Each case sends the request that once showed a way out of an account's own tree or past its checks."""
+
+    def post(self, body, user="ann", password="ann-pw"):
+        return self.svc.request("POST", "/mail/%s/sendmsg" % user, body, {"Content-Type": "message/rfc821"},
+                                user=user, password=password)
+
+    def files(self, user, folder=""):
+        base = os.path.join(self.svc.store, user, ("." + folder) if folder else "")
+        return [os.path.join(base, sub, n) for sub in ("new", "cur") for n in sorted(os.listdir(os.path.join(base, sub)))]
+
+    def test_symbolic_links_to_files_or_folders_are_never_followed(self):
+        store = self.svc.store
+        elsewhere = tempfile.TemporaryDirectory(prefix="tarnwick-outside-")
+        self.addCleanup(elsewhere.cleanup)
+        outside = os.path.join(elsewhere.name, "secret")
+        with open(outside, "wb") as f:
+            f.write(b"Subject: outside the store\r\n\r\nsecret\r\n")
+        bob_message = os.path.join(store, "bob", "cur", "1.bob.only:2,")
+        with open(bob_message, "wb") as f:
+            f.write(b"Subject: for bob only\r\n\r\nprivate\r\n")
+        os.symlink(outside, os.path.join(store, "ann", "cur", "2.outside.link:2,"))
+        os.symlink(bob_message, os.path.join(store, "ann", "new", "3.bobs.link"))
+        linked = os.path.join(store, "ann", ".Linked")  # a folder whose cur/ is bob's
+        os.makedirs(os.path.join(linked, "new"))
+        os.makedirs(os.path.join(linked, "tmp"))
+        os.symlink(os.path.join(store, "bob", "cur"), os.path.join(linked, "cur"))
+        os.symlink(os.path.join(store, "bob"), os.path.join(store, "ann", ".Bob"))  # a folder that is a link
+        ann = {"user": "ann", "password": "ann-pw"}
+        self.assertEqual(elements(self.listing(self.login(**ann)[2], **ann), "D:response"), [])
+        for path in ("/mail/ann/folders/INBOX/2.outside.link", "/mail/ann/folders/INBOX/3.bobs.link",
+                     "/mail/ann/folders/Linked/1.bob.only", "/mail/ann/folders/Bob/1.bob.only"):
+            status, headers, body = self.svc.request("GET", path, **ann)
+            self.assertEqual(status, 404, path)
+            self.assertNotIn(b"private", body)
+            self.assertNotIn(b"secret", body)
+        for path in ("/mail/ann/folders/Linked/", "/mail/ann/folders/Bob/"):
+            self.assertEqual(self.svc.request("PROPFIND", path, **ann)[0], 404, path)
+        _, _, body = self.svc.request("PROPFIND", "/mail/ann/folders/", FOLDER_INFO, **ann)
+        self.assertNotIn(b"Linked", body)
+        self.assertNotIn(b"Bob", body)
+
+    def test_envelope_control_characters_are_refused_with_a_reason(self):
+        for body, reason in (
+                (b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<far@x.example\rBcc: spy@y.example>\r\n\r\nhi\r\n.\r\n",
+                 "400 Message refused: control character in the RCPT TO line"),
+                (b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<far@x.example>\rBcc: spy@y.example\r\n\r\nhi\r\n.\r\n",
+                 "400 Message refused: control character in the RCPT TO line"),
+                (b"MAIL FROM:<ann@tarnwick.local\x00>\r\nRCPT TO:<bob@tarnwick.local>\r\n\r\nhi\r\n.\r\n",
+                 "400 Message refused: control character in the MAIL FROM line")):
+            status, headers, _ = self.post(body)
+            self.assertEqual((status, headers["X-Dav-Error"]), (400, reason))
+        self.assertEqual(self.files("ann", "Outbox") + self.files("ann", "Sent Items") + self.files("bob"), [])
+
+    def test_recipients_are_kept_once_each_and_capped(self):
+        same = b"".join(b"RCPT TO:<bob@%s>\r\n" % d for d in (b"tarnwick.local", b"TARNWICK.local") * 5000)
+        status, headers, body = self.post(b"MAIL FROM:<ann@tarnwick.local>\r\n" + same + b"\r\nhi\r\n.\r\n")
+        self.assertEqual((status, body), (200, b"delivered 1, queued 0\n"))
+        self.assertEqual(len(self.files("bob")), 1)
+        many = b"".join(b"RCPT TO:<r%d@far.example>\r\n" % i for i in range(101))
+        status, headers, _ = self.post(b"MAIL FROM:<ann@tarnwick.local>\r\n" + many + b"\r\nhi\r\n.\r\n")
+        self.assertEqual((status, headers["X-Dav-Error"]), (400, "400 Message refused: more than 100 recipients"))
+        self.assertEqual(self.files("ann", "Outbox"), [])
+        self.assertEqual(len(self.files("ann", "Sent Items")), 1)
+
+    def test_every_copy_names_the_account_that_posted_it(self):
+        # Ann posts with Demo's address as sender: the copies say who really sent them.
+        status, _, _ = self.post(b"MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<bob@tarnwick.local>\r\n\r\n"
+                                 b"From: demo@tarnwick.local\r\n\r\nhi\r\n\r\n.\r\n")
+        self.assertEqual(status, 200)
+        status, _, _ = self.post(b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<far@x.example>\r\n\r\nhi\r\n\r\n.\r\n")
+        self.assertEqual(status, 200)
+        copies = {"inbox": self.files("bob")[0], "sent": self.files("ann", "Sent Items")[0],
+                  "queued": self.files("ann", "Outbox")[0]}
+        recipients = {"inbox": b"bob@tarnwick\\.local", "sent": b"bob@tarnwick\\.local", "queued": b"far@x\\.example"}
+        for what, path in copies.items():
+            with open(path, "rb") as f:
+                self.assertRegex(f.read(), TRACE % (b"ann", recipients[what]), what)
+
+    def test_basic_credentials_are_read_strictly_and_the_scheme_in_any_case(self):
+        for scheme, credentials, status in (("basic", b"demo:demo", 207), ("BASIC", b"demo:demo", 207),
+                                            ("Basic", b"demo:demo\x00junk", 401), ("Basic", b"demo:demo\r", 401),
+                                            ("Basic", b"demo\n:demo", 401)):
+            header = {"Authorization": scheme + " " + base64.b64encode(credentials).decode(), "PROPFIND": LOGIN_HEADER}
+            self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers=header, user=None)[0], status,
+                             (scheme, credentials))
+
+    def test_ids_are_short_distinct_and_stable_so_unique_ids_never_collide(self):
+        common = "1700000000.M123456P4242Q1." + "x" * 60
+        for n, name in enumerate((common + ".one.example.org", common + ".two.example.org")):
+            with open(os.path.join(self.svc.store, "ann", "new", name), "wb") as f:
+                f.write(b"From: same@sender.example\r\nSubject: %d\r\n\r\nbody %d\r\n" % (n, n))
+        ann = {"user": "ann", "password": "ann-pw"}
+        inbox = self.login(**ann)[2]
+        listing = self.listing(inbox, **ann)
+        ids = [text(n) for n in elements(listing, "D:id")]
+        self.assertEqual(len(ids), 2)
+        # The gateway's unique id: the id, ":" and the sender with "@" as ":", cut at 69 characters.
+        unique = [(i + ":same:sender.example")[:69] for i in ids]
+        self.assertNotEqual(unique[0], unique[1])
+        for n, (i, response) in enumerate(zip(ids, elements(listing, "D:response"))):
+            self.assertLessEqual(len(i), 40)
+            self.assertRegex(i, r"^[!-~]+$")
+            self.assertEqual(self.svc.request("GET", rel(text(children(response)[0])), **ann)[2],
+                             b"From: same@sender.example\r\nSubject: %d\r\n\r\nbody %d\r\n" % (n, n))
+        self.assertEqual(self.svc.request("PROPPATCH", "/mail/ann/folders/INBOX/" + ids[0], MARK_READ, **ann)[0], 207)
+        self.assertEqual([text(n) for n in elements(self.listing(inbox, **ann), "D:id")], ids)
 
 
 class LoadTest(ServiceCase):

@@ -51,6 +51,21 @@ protected:
         return doc;
     }
 
+    // The bytes a reply sends: its body, or the message file it serves, as converted on the way out.
+    static std::string bodyOf(const DavReply& reply) {
+        if (!reply.file) return reply.body;
+        std::string out(reply.file->facts().servedSize + 1, '\0');
+        std::uint64_t offset = 0;
+        bool lastCr = false;
+        std::size_t size = 0;
+        while (const long n = reply.file->readServed(offset, lastCr, out.data() + size, out.size() - size)) {
+            if (n < 0) break;
+            size += static_cast<std::size_t>(n);
+        }
+        out.resize(size);
+        return out;
+    }
+
     // The log-in reply's property texts, by position, as the gateway reads them.
     std::vector<std::string> loginAddresses() {
         const auto doc = parse(send("PROPFIND", std::string(kBase) + ServiceUrls::kEntryPath));
@@ -101,8 +116,11 @@ TEST_F(DavServiceTest, ListingCarriesEveryElementOncePerEntryAndSizesMatchGet) {
         const std::string url = responses[i].node().first_child().text().get();
         const std::string id = doc.select_nodes("//D:id")[i].node().text().get();
         EXPECT_TRUE(url.ends_with("/" + id)) << url;
-        const DavReply message = send("GET", url);
-        EXPECT_EQ(std::to_string(message.body.size()), doc.select_nodes("//D:getcontentlength")[i].node().text().get());
+        const std::string message = bodyOf(send("GET", url));
+        EXPECT_EQ(std::to_string(message.size()), doc.select_nodes("//D:getcontentlength")[i].node().text().get());
+        for (std::size_t lf = message.find('\n'); lf != std::string::npos; lf = message.find('\n', lf + 1)) {
+            ASSERT_TRUE(lf > 0 && message[lf - 1] == '\r') << url << " has a bare LF at " << lf;
+        }
         unread += std::string(doc.select_nodes("//hm:read")[i].node().text().get()) == "0";
     }
     EXPECT_GE(unread, 4u);

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "tests/unit/webmail/TempDir.h"
@@ -128,6 +129,63 @@ TEST_F(MaildirFolderTest, DeliveryLeavesNothingInTmpAndStoresBytesExactly) {
     EXPECT_TRUE(MaildirFolder::isUsableName(unseen));
 }
 
+TEST_F(MaildirFolderTest, LongFileNamesGetShortStableDistinctIds) {
+    // Two names alike in their first 69 characters, as another Maildir tool might make them.
+    const std::string common = std::string(69, 'n');
+    const std::string first = common + ".first.example.org", second = common + ".second.example.org";
+    // A name already of the shape of a shortened id must not pose as one.
+    const std::string posing = MaildirFolder::idOf(first);
+    drop(box.dir(), "new", first, 3);
+    drop(box.dir(), "cur", second + ":2,S", 2);
+    drop(box.dir(), "cur", posing + ":2,", 1);
+    const auto listed = box.list();
+    ASSERT_EQ(listed.size(), 3u);
+    std::set<std::string> distinct;
+    for (const auto& e : listed) {
+        EXPECT_LE(e.id.size(), MaildirFolder::kMaxIdLength) << e.id;
+        EXPECT_TRUE(MaildirFolder::isUsableName(e.id)) << e.id;
+        distinct.insert(e.id);
+        const auto found = box.find(e.id);
+        ASSERT_TRUE(found) << e.id;
+        EXPECT_EQ(found->path, e.path);
+    }
+    EXPECT_EQ(distinct.size(), 3u);
+    EXPECT_EQ(listed[0].id, posing);  // the first file's id, now and in every listing
+    EXPECT_EQ(ids(box.list()), ids(listed));
+    EXPECT_NE(listed[2].id, posing);
+    // Flags and moves keep the id.
+    MaildirFolder::create(dir.path() / "trash");
+    const MaildirFolder trash(dir.path() / "trash");
+    ASSERT_TRUE(box.setSeen(listed[0].id, true));
+    ASSERT_TRUE(box.moveTo(listed[0].id, trash));
+    EXPECT_EQ(ids(trash.list()), std::vector<std::string>{listed[0].id});
+    // Short names stay their own ids, and the service's own names are short.
+    EXPECT_EQ(MaildirFolder::idOf("1700000000.M1P2Q3.host"), "1700000000.M1P2Q3.host");
+    EXPECT_LE(MaildirFolder::uniqueName().size(), MaildirFolder::kMaxIdLength);
+}
+
+TEST_F(MaildirFolderTest, SymbolicLinksAreNeverFollowed) {
+    TempDir outside;
+    writeFile(outside.path() / "secret", "Subject: not yours\n\n");
+    MaildirFolder::create(outside.path() / "other");
+    drop(box.dir(), "cur", "1.real.host:2,", 2);
+    fs::create_symlink(outside.path() / "secret", box.dir() / "cur" / "2.link.host:2,");
+    fs::create_symlink(outside.path() / "secret", box.dir() / "new" / "3.link.host");
+    EXPECT_EQ(ids(box.list()), std::vector<std::string>{"1.real.host"});
+    EXPECT_TRUE(fs::is_symlink(box.dir() / "new" / "3.link.host"));  // left where it is
+    EXPECT_FALSE(box.find("2.link.host"));
+    EXPECT_FALSE(box.find("3.link.host"));
+    EXPECT_FALSE(box.setSeen("2.link.host", true));
+    // A folder whose cur/ is a link is no Maildir; nor is a link to a Maildir.
+    fs::remove_all(box.dir() / "cur");
+    fs::create_directory_symlink(outside.path() / "other" / "cur", box.dir() / "cur");
+    EXPECT_FALSE(MaildirFolder::isMaildir(box.dir()));
+    EXPECT_TRUE(box.list().empty());
+    EXPECT_THROW(box.deliver("x", true), std::runtime_error);
+    fs::create_directory_symlink(outside.path() / "other", dir.path() / "linked");
+    EXPECT_FALSE(MaildirFolder::isMaildir(dir.path() / "linked"));
+}
+
 TEST(MaildirFolderNames, UsableNamesExcludeWhatIsUnsafeInUrlsOrXml) {
     EXPECT_TRUE(MaildirFolder::isUsableName("1700000000.M1P2Q3.host"));
     for (const char* bad : {"", ".hidden", "a/b", "a b", "caf\xc3\xa9", "a\x01"}) {
@@ -191,21 +249,41 @@ TEST_F(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndSenderKe
     Submission s{"ann@example.org",
                  {"bob@EXAMPLE.org", "ann@example.org", "far@elsewhere.net", "nobody@example.org"},
                  "Subject: t\r\n\r\nhi\r\n"};
-    const auto result = delivery.deliver(*store.account("ann"), s);
+    const auto result = delivery.deliver(*store.account("ann"), s, {"127.0.0.1", 1021371673});
     EXPECT_EQ(result.local, (std::vector<std::string>{"bob", "ann"}));
     EXPECT_EQ(result.queued, (std::vector<std::string>{"far@elsewhere.net", "nobody@example.org"}));
     const Account ann = *store.account("ann"), bob = *store.account("bob");
-    EXPECT_EQ(count(bob, "INBOX"), 1u);
     EXPECT_EQ(count(ann, "INBOX"), 1u);
-    EXPECT_EQ(count(ann, "Outbox"), 1u);
     EXPECT_EQ(count(bob, "Sent Items"), 0u);
+    // Every copy starts with a trace field naming the account that posted it; one for a single recipient
+    // names that recipient.
+    const std::string trace =
+        "Received: from [127.0.0.1] (authenticated account ann)\r\n\tby tarnwick-webmail (example.org) with HTTP\r\n";
+    const std::string date = "; Tue, 14 May 2002 10:21:13 +0000\r\n";
+    const auto inbox = bob.folder("INBOX")->list();
+    ASSERT_EQ(inbox.size(), 1u);
+    EXPECT_EQ(readFile(inbox[0].path), trace + "\tfor <bob@EXAMPLE.org>" + date + s.message);
     const auto sent = ann.folder("Sent Items")->list();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_TRUE(sent[0].seen());
-    EXPECT_EQ(readFile(sent[0].path), s.message);
-    const std::string queued = readFile(ann.folder("Outbox")->list()[0].path);
-    EXPECT_NE(queued.find("X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"), std::string::npos);
-    EXPECT_TRUE(queued.ends_with(s.message));
+    EXPECT_EQ(readFile(sent[0].path), trace + "\t" + date + s.message);
+    const auto queued = ann.folder("Outbox")->list();
+    ASSERT_EQ(queued.size(), 1u);
+    EXPECT_EQ(readFile(queued[0].path), trace + "\t" + date +
+                                            "X-Tarnwick-Envelope-From: <ann@example.org>\r\n"
+                                            "X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"
+                                            "X-Tarnwick-Envelope-To: <nobody@example.org>\r\n" +
+                                            s.message);
+}
+
+TEST_F(MailDeliveryTest, TraceFieldFollowsTheMessagesLineEndsAndDatesAreLocaleFree) {
+    const Submission s{"", {"bob@example.org"}, "Subject: t\n\nhi\n"};
+    delivery.deliver(*store.account("ann"), s, {"", 0});
+    EXPECT_EQ(readFile(store.account("bob")->folder("INBOX")->list()[0].path),
+              "Received: from unknown (authenticated account ann)\n\tby tarnwick-webmail (example.org) with HTTP\n"
+              "\tfor <bob@example.org>; Thu, 1 Jan 1970 00:00:00 +0000\n" +
+                  s.message);
+    EXPECT_EQ(MailDelivery::rfc5322Date(1795000000), "Wed, 18 Nov 2026 11:06:40 +0000");
 }
 
 }  // namespace

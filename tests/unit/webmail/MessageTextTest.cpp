@@ -1,12 +1,17 @@
-// Texts the service reads: posted submissions, message headers, request paths.
+// Texts the service reads: posted submissions, Basic credentials, message headers, request paths.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
+#include "webmail/BasicCredentials.h"
 #include "webmail/MessageSummary.h"
 #include "webmail/ServiceUrls.h"
 #include "webmail/Submission.h"
 #include "webmail/UrlCodec.h"
 
 namespace {
+
+using namespace std::string_literals;
 
 struct SubmissionCase {
     const char* name;
@@ -46,6 +51,17 @@ TEST(SubmissionTest, ParsesWhatTheGatewayPosts) {
          "m\r\n"},
         {"null sender", "MAIL FROM:<>\r\nRCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n", "", {"b@y.org"}, "m\r\n"},
         {"bare LF line ends", "MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n\n.\n", "a@x.org", {"b@y.org"}, "m\n"},
+        {"recipients once each: local part exact, domain in any case",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\nRCPT TO:b@y.org\r\n\r\n"
+         "m\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@Y.org", "B@y.org"},
+         "m\r\n"},
+        {"tab between words",
+         "MAIL FROM:<a@x.org>\tSIZE=1\r\nRCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "m\r\n"},
     };
     for (const auto& c : cases) {
         std::string error;
@@ -66,6 +82,39 @@ TEST(SubmissionTest, RefusesBodiesThatAreNotSubmissions) {
         EXPECT_FALSE(Submission::parse(body, error)) << body;
         EXPECT_FALSE(error.empty()) << body;
     }
+}
+
+// Recipients "r0@y.org" ... in one body.
+std::string withRecipients(std::size_t distinct, std::size_t repeats = 1) {
+    std::string body = "MAIL FROM:<a@x.org>\r\n";
+    for (std::size_t r = 0; r < repeats; ++r) {
+        for (std::size_t i = 0; i < distinct; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
+    }
+    return body + "\r\nm\r\n\r\n.\r\n";
+}
+
+TEST(SubmissionTest, EnvelopeRulesRefuseControlCharactersLongAddressesAndTooManyRecipients) {
+    const std::string ok = "RCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n";
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"MAIL FROM:<a@x.org\rBcc: c@z.org>\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:a@x.org\rBcc: c@z.org\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org\0junk>\r\n"s + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\r\n\r\nm\r\n\r\n.\r\n", "control character in the RCPT TO line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b\x1b@y.org>\r\n\r\nm\r\n\r\n.\r\n", "control character in the RCPT TO line"},
+        {"MAIL FROM:<a\t@x.org>\r\n" + ok, "control character in the MAIL FROM address"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<" + std::string(250, 'b') + "@y.org>\r\n\r\nm\r\n.\r\n",
+         "RCPT TO address longer than 254 characters"},
+        {withRecipients(Submission::kMaxRecipients + 1), "more than 100 recipients"},
+    };
+    for (const auto& [body, reason] : refused) {
+        std::string error;
+        EXPECT_FALSE(Submission::parse(body, error)) << body.substr(0, 60);
+        EXPECT_EQ(error, reason) << body.substr(0, 60);
+    }
+    std::string error;
+    EXPECT_EQ(Submission::parse(withRecipients(Submission::kMaxRecipients), error)->recipients.size(), 100u);
+    // The same address ten thousand times is one recipient, who gets one copy.
+    EXPECT_EQ(Submission::parse(withRecipients(1, 10000), error)->recipients, std::vector<std::string>{"r0@y.org"});
 }
 
 TEST(MessageSummaryTest, ReadsHeaderFieldsForTheListing) {
@@ -112,10 +161,27 @@ TEST(MessageSummaryTest, CleanTextIsValidUtf8WithoutControls) {
     EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
 }
 
-TEST(MessageSummaryTest, ServedTextHasCrLfLineEndsOnly) {
-    EXPECT_EQ(MessageSummary::toCrlf("a\nb\r\nc\n\n"), "a\r\nb\r\nc\r\n\r\n");
-    EXPECT_EQ(MessageSummary::toCrlf("\nx"), "\r\nx");
-    EXPECT_EQ(MessageSummary::toCrlf("a\r\n"), "a\r\n");
+TEST(BasicCredentialsTest, SchemeInAnyCaseStrictBase64AndNoControlCharacters) {
+    const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
+        {"Basic ZGVtbzpkZW1v", "demo", "demo"},
+        {"basic ZGVtbzpkZW1v", "demo", "demo"},
+        {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
+        {"Basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
+    };
+    for (const auto& [header, name, password] : accepted) {
+        const auto c = BasicCredentials::parse(header);
+        ASSERT_TRUE(c) << header;
+        EXPECT_EQ(c->name, name) << header;
+        EXPECT_EQ(c->password, password) << header;
+    }
+    for (const char* header : {"Basic ZGVtbzpkZW1vAGp1bms=",  // "demo:demo\0junk"
+                               "Basic ZGVtbzpkZQ1tbw==",      // "demo:de\rmo"
+                               "Basic ZGV/bW86ZGVtbw==",      // "de\x7Fmo:demo"
+                               "Basic ZGVtb2RlbW8=",          // no colon
+                               "Basic ZGVtbzpkZW1v=", "Basic ZGVt*zpkZW1v", "Basic ZGVt bzpkZW1v", "Basic",
+                               "BasicZGVtbzpkZW1v", "Digest username=\"demo\"", "Bearer ZGVtbzpkZW1v", ""}) {
+        EXPECT_FALSE(BasicCredentials::parse(header)) << header;
+    }
 }
 
 TEST(UrlCodecTest, PathsThatCouldLeaveTheTreeAreRefused) {

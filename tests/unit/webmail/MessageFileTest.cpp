@@ -1,0 +1,114 @@
+// Message files as the listing and GET read them: no links followed, exact served size, CR LF conversion
+// while streaming, the header alone.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+
+#include "tests/unit/webmail/TempDir.h"
+#include "webmail/MessageFile.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+class MessageFileTest : public ::testing::Test {
+protected:
+    fs::path write(const std::string& name, const std::string& bytes) {
+        const fs::path path = dir.path() / name;
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+        return path;
+    }
+    // Everything readServed gives, asked for at most `capacity` bytes at a time.
+    static std::string served(const MessageFile& file, std::size_t capacity) {
+        std::string out, piece(capacity, '\0');
+        std::uint64_t offset = 0;
+        bool lastCr = false;
+        while (const long n = file.readServed(offset, lastCr, piece.data(), capacity)) {
+            if (n < 0) ADD_FAILURE() << "read error";
+            if (n <= 0) break;
+            out.append(piece, 0, static_cast<std::size_t>(n));
+        }
+        return out;
+    }
+    TempDir dir;
+};
+
+TEST_F(MessageFileTest, ServesEveryBareLfAsCrLfWithTheListedSizeWhateverThePieceSize) {
+    // CR LF pairs and bare LFs that straddle the 64 KB scan blocks and the small read pieces.
+    std::string big(200000, 'x');
+    big[65535] = '\r', big[65536] = '\n', big[131072] = '\n', big[131071] = 'y', big[199999] = '\n';
+    std::string bigServed = big;
+    bigServed.insert(199999, "\r");
+    bigServed.insert(131072, "\r");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a\nb\r\nc\n\n", "a\r\nb\r\nc\r\n\r\n"},
+        {"\nx", "\r\nx"},
+        {"a\r\n", "a\r\n"},
+        {"x\r\r\ny\r", "x\r\r\ny\r"},
+        {"", ""},
+        {big, bigServed},
+    };
+    int n = 0;
+    for (const auto& [raw, expected] : cases) {
+        const auto file = MessageFile::open(write("m" + std::to_string(++n), raw));
+        ASSERT_TRUE(file);
+        const MessageFile::Facts facts = file->facts();
+        EXPECT_EQ(facts.servedSize, expected.size()) << n;
+        EXPECT_EQ(facts.bareLf, raw != expected) << n;
+        for (std::size_t capacity : {2u, 3u, 7u, 65536u}) EXPECT_EQ(served(*file, capacity), expected) << n;
+    }
+}
+
+TEST_F(MessageFileTest, FactsFollowARewrittenFile) {
+    const fs::path path = write("m", "a\r\nb\r\n");
+    EXPECT_FALSE(MessageFile::open(path)->facts().bareLf);
+    write("m", "a\nb\nc\n");
+    const auto facts = MessageFile::open(path)->facts();
+    EXPECT_TRUE(facts.bareLf);
+    EXPECT_EQ(facts.servedSize, 9u);
+}
+
+TEST_F(MessageFileTest, OpensOnlyRegularFilesNeverThroughALink) {
+    const fs::path target = write("target", "Subject: secret\r\n\r\n");
+    fs::create_symlink(target, dir.path() / "link");
+    fs::create_directory(dir.path() / "folder");
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opening it must not wait for a writer
+    for (const char* name : {"link", "folder", "fifo", "missing"}) {
+        EXPECT_FALSE(MessageFile::open(dir.path() / name)) << name;
+    }
+    EXPECT_TRUE(MessageFile::open(target));
+}
+
+TEST_F(MessageFileTest, HeaderEndsAtTheEmptyLineEvenAcrossReads) {
+    std::vector<std::pair<std::string, std::string>> cases = {
+        {"Subject: a\r\n\r\nbody\r\n", "Subject: a\r\n\r\n"},
+        {"Subject: a\n\nbody\n\n", "Subject: a\n\n"},
+        {"Subject: a\r\nX: b\r\n\r\nbody\r\n\r\nmore\r\n", "Subject: a\r\nX: b\r\n\r\n"},
+        {"\r\nbody", "\r\n"},
+        {"Subject: no body", "Subject: no body"},
+    };
+    // Empty lines that straddle the 4 KB and 8 KB read boundaries, and ones just beside them.
+    for (std::size_t length : {4084u, 4085u, 4086u, 8180u, 8181u, 8182u}) {
+        const std::string field = "X-Long: " + std::string(length, 'h') + "\r\n";
+        cases.emplace_back(field + "\r\nbody", field + "\r\n");
+    }
+    for (const auto& [raw, header] : cases) EXPECT_EQ(MessageFile::open(write("m", raw))->header(), header);
+    const std::string huge = "X: " + std::string(MessageFile::kHeaderLimit * 2, 'h');
+    EXPECT_EQ(MessageFile::open(write("m", huge))->header().size(), MessageFile::kHeaderLimit);
+}
+
+TEST_F(MessageFileTest, AttachmentLineIsFoundAtALineStartAnywhereInTheFile) {
+    const std::string filler(70000, 'z');
+    const std::vector<std::pair<std::string, bool>> cases = {
+        {"Subject: a\r\n\r\n" + filler + "\r\ncontent-DISPOSITION: \tAttachment; filename=x\r\n", true},
+        {"Content-Disposition: attachment", true},
+        {"Subject: a\r\n\r\nsee Content-Disposition: attachment\r\n", false},
+        {"Content-Disposition: inline\r\n", false},
+    };
+    for (const auto& [raw, attached] : cases) {
+        EXPECT_EQ(MessageFile::open(write("m", raw))->facts().attachmentLine, attached) << raw.substr(0, 40);
+    }
+}
+
+}  // namespace

@@ -1,0 +1,61 @@
+#include "webmail/BasicCredentials.h"
+
+#include <algorithm>
+
+#include "core/Ascii.h"
+
+namespace {
+
+std::string_view trimmed(std::string_view text) {
+    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
+    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
+    return text;
+}
+
+int base64Value(char c) {
+    if (core::Ascii::IsUpper(c)) return c - 'A';
+    if (core::Ascii::IsLower(c)) return c - 'a' + 26;
+    if (core::Ascii::IsDigit(c)) return c - '0' + 52;
+    if (c == '+') return 62;
+    if (c == '/') return 63;
+    return -1;
+}
+
+// Standard base64 with its padding; nullopt for anything else.
+std::optional<std::string> decodeBase64(std::string_view token) {
+    if (token.empty() || token.size() % 4 != 0) return std::nullopt;
+    std::size_t padding = 0;
+    while (padding < 2 && token.size() > padding && token[token.size() - 1 - padding] == '=') ++padding;
+    std::string out;
+    unsigned bits = 0;
+    int count = 0;
+    for (std::size_t i = 0; i < token.size() - padding; ++i) {
+        const int value = base64Value(token[i]);
+        if (value < 0) return std::nullopt;
+        bits = (bits << 6) | static_cast<unsigned>(value);
+        count += 6;
+        if (count >= 8) {
+            count -= 8;
+            out += static_cast<char>((bits >> count) & 0xFF);
+        }
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string_view BasicCredentials::scheme(std::string_view authorization) {
+    authorization = trimmed(authorization);
+    return authorization.substr(0, authorization.find_first_of(" \t"));
+}
+
+std::optional<BasicCredentials> BasicCredentials::parse(std::string_view authorization) {
+    const std::string_view name = scheme(authorization);
+    if (!core::Ascii::EqualsIgnoreCase(name, "Basic")) return std::nullopt;
+    const std::string_view token = trimmed(trimmed(authorization).substr(name.size()));
+    auto text = decodeBase64(token);
+    if (!text || std::any_of(text->begin(), text->end(), core::Ascii::IsControl)) return std::nullopt;
+    const std::size_t colon = text->find(':');
+    if (colon == std::string::npos) return std::nullopt;
+    return BasicCredentials{text->substr(0, colon), text->substr(colon + 1)};
+}
