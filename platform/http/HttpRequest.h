@@ -55,6 +55,8 @@ public:
 
 private:
     void Perform(const std::string* body);
+    // After an exchange that carried a challenge: from now on ask for the scheme the server named, alone.
+    void NarrowAuth();
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
     void* curl_ = nullptr;  // CURL*, kept opaque so that callers need no libcurl header
@@ -64,6 +66,8 @@ private:
     std::string body_;
     std::string responseText_;
     bool haveReply_ = false;
+    // Credentials are set and any scheme is still allowed: the server has not yet named its own.
+    bool schemeOpen_ = false;
 };
 
 }  // namespace platform
