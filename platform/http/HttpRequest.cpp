@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/Error.h"
+#include "core/Trap.h"
 
 namespace platform {
 namespace {
@@ -191,7 +192,19 @@ void HttpRequest::Perform(const std::string* body) {
 std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     // Never let an exception cross libcurl: a failed append aborts the transfer instead.
     try {
-        static_cast<HttpRequest*>(self)->responseText_.append(data, size * count);
+        auto* request = static_cast<HttpRequest*>(self);
+        std::string& text = request->responseText_;
+        if (text.empty()) {
+            // Room for the whole announced body at once: a message of many megabytes would otherwise grow
+            // through a series of ever larger copies of itself.
+            curl_off_t announced = -1;
+            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
+                announced > 0 && static_cast<std::uint64_t>(announced) <= text.max_size()) {
+                // An announcement too large to reserve is no reason to fail: the body still grows as it comes.
+                core::SkipOnError([&] { text.reserve(static_cast<std::size_t>(announced)); });
+            }
+        }
+        text.append(data, size * count);
         return size * count;
     } catch (...) {
         return 0;

@@ -46,6 +46,8 @@ public:
     void Send(const std::string& body);
     // The reply body, bytes unchanged; empty before a reply has arrived.
     const std::string& ResponseText() const { return responseText_; }
+    // Hands the reply body over without copying it; ResponseText is empty afterwards.
+    std::string TakeResponseText() { return std::exchange(responseText_, {}); }
     // The reply's header lines as one text, each "Name: value" followed by CR LF, then an empty line.
     std::string GetAllResponseHeaders() const;
     // The value of reply header `name` (any case); raises -2147012746 when the reply has no such header.
