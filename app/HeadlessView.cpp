@@ -20,6 +20,11 @@ void HeadlessView::AppendLog(const std::string& entry) {
     std::fflush(stdout);
 }
 
+void HeadlessView::AppendLogParts(std::span<const std::string_view> parts) {
+    for (std::string_view part : parts) std::fwrite(part.data(), 1, part.size(), stdout);
+    std::fflush(stdout);
+}
+
 void HeadlessView::ShowMessage(const std::string& text) { WriteLine(stderr, text); }
 
 void HeadlessView::ShowFatalMessage(const std::string& text) { WriteLine(stderr, text); }
