@@ -1,5 +1,6 @@
 #include "app/LogBatch.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace app {
@@ -11,7 +12,6 @@ constexpr std::string_view kCrLf = "\r\n";
 
 LogBatch::LogBatch(IMainView& view) : view_(view) {
     turn_.setSingleShot(true);
-    turn_.setInterval(0);
     QObject::connect(&turn_, &QTimer::timeout, [this] { Flush(); });
 }
 
@@ -22,7 +22,10 @@ void LogBatch::Add(std::string_view head, std::string_view text, const core::Sha
         return;
     }
     pending_.push_back(Entry{std::string(head), text, owner});
-    if (!turn_.isActive()) turn_.start();
+    if (turn_.isActive()) return;
+    // The next turn of the loop, unless the last append was very recent.
+    const qint64 since = sinceAppend_.isValid() ? sinceAppend_.elapsed() : kMinAppendIntervalMs;
+    turn_.start(static_cast<int>(std::max<qint64>(0, kMinAppendIntervalMs - since)));
 }
 
 void LogBatch::Drop() {
@@ -42,6 +45,7 @@ void LogBatch::Flush() {
         parts.push_back(e.text);
         parts.push_back(kCrLf);
     }
+    sinceAppend_.start();
     view_.AppendLogParts(parts);
 }
 

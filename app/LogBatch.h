@@ -1,8 +1,10 @@
 // The activity log on its way to the view. A view that lays out and repaints for every append (the window)
-// gets the entries written while the event loop is busy in one append, at the next turn of the loop; any
-// other view (headless) gets each entry at once. Either way the view receives the same text in the same order.
+// gets the entries written while the event loop is busy in one append, at the next turn of the loop, and while
+// entries keep coming, at most one append per kMinAppendIntervalMs; any other view (headless) gets each entry
+// at once. Either way the view receives the same text in the same order.
 #pragma once
 
+#include <QElapsedTimer>
 #include <QTimer>
 
 #include <span>
@@ -17,6 +19,9 @@ namespace app {
 
 class LogBatch {
 public:
+    // A busy connection writes thousands of entries a second; the eye needs no more than this many appends.
+    static constexpr int kMinAppendIntervalMs = 40;
+
     explicit LogBatch(IMainView& view);
     LogBatch(const LogBatch&) = delete;
     LogBatch& operator=(const LogBatch&) = delete;
@@ -39,6 +44,7 @@ private:
     IMainView& view_;
     std::vector<Entry> pending_;
     QTimer turn_;
+    QElapsedTimer sinceAppend_;
 };
 
 }  // namespace app
