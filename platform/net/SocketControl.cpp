@@ -112,6 +112,7 @@ void SocketControl::Close() {
     outgoing_.clear();
     outgoingOffset_ = 0;
     outgoingBytes_ = 0;
+    writtenWhileSending_ = 0;
     // A pending connection survives: the frame closes the listener before it accepts.
     received_.clear();
     errorRaised_ = false;
@@ -139,10 +140,29 @@ void SocketControl::SendShared(std::shared_ptr<const std::string> data) {
     sending_ = true;
     socket->flush();
     sending_ = false;
-    if (socket_ == socket && writtenWhileSending_ > 0) {
-        const qint64 written = std::exchange(writtenWhileSending_, 0);
-        Later(socket, [this, written] { OnBytesWritten(written); });
-    }
+    if (socket_ != socket || writtenWhileSending_ == 0) return;
+    remainingAfterSend_ = BytesRemaining();
+    if (earlyWritesQueued_) return;
+    earlyWritesQueued_ = true;
+    QTimer::singleShot(0, this, [this, socket] {
+        earlyWritesQueued_ = false;
+        if (socket_ != socket) return;
+        // The push may have emptied the connection's buffer, after which it reports nothing more: top it up.
+        Feed();
+        ReportEarlyWrites();
+    });
+}
+
+void SocketControl::ReportEarlyWrites() {
+    // After an error the error is the one event left for the connection.
+    if (writtenWhileSending_ == 0 || errorRaised_) return;
+    RaiseSendEvents(std::exchange(writtenWhileSending_, 0), remainingAfterSend_);
+}
+
+void SocketControl::RaiseSendEvents(qint64 bytes, std::int32_t remaining) {
+    QTcpSocket* socket = socket_;
+    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
+    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
 }
 
 void SocketControl::Feed(bool everything) {
@@ -200,10 +220,11 @@ void SocketControl::OnBytesWritten(qint64 bytes) {
         return;
     }
     QTcpSocket* socket = socket_;
+    // What left during SendShared is reported first, as it went first.
+    ReportEarlyWrites();
+    if (socket_ != socket) return;
     Feed();
-    const std::int32_t remaining = BytesRemaining();
-    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
-    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    RaiseSendEvents(bytes, BytesRemaining());
 }
 
 void SocketControl::OnSocketError(QAbstractSocket::SocketError error) {

@@ -57,6 +57,10 @@ private:
     void CatchUpAfterAccept(QTcpSocket* socket);
     // Tops the connection's buffer up from the queued texts, to one slice or everything.
     void Feed(bool everything = false);
+    // Raises the send progress (and, when nothing remains, completion) events for bytes that have gone.
+    void RaiseSendEvents(qint64 bytes, std::int32_t remaining);
+    // Reports the bytes that left while SendShared pushed them, if not reported yet.
+    void ReportEarlyWrites();
     // Bytes queued here and in the connection's buffer, not yet handed to the system.
     std::int32_t BytesRemaining() const;
     // Runs `step` at the next turn of the event loop if the connection still carries `socket` then.
@@ -85,6 +89,8 @@ private:
     // While SendShared pushes the first bytes out: the connection's signals then wait for the next turn.
     bool sending_ = false;
     qint64 writtenWhileSending_ = 0;
+    std::int32_t remainingAfterSend_ = 0;
+    bool earlyWritesQueued_ = false;
     std::int32_t state_ = kClosed;
     std::int32_t localPort_ = 0;
     bool errorRaised_ = false;
