@@ -223,6 +223,12 @@ def ratio_line(name, numerators, denominators, goal=None):
     return text
 
 
+def print_ratios(lines):
+    print()
+    for line in lines:
+        print(line)
+
+
 def make_workdir(prefix):
     return tempfile.mkdtemp(prefix=prefix)
 

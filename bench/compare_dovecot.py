@@ -16,6 +16,7 @@ import grp
 import os
 import pwd
 import shutil
+import statistics
 import subprocess
 import sys
 import time
@@ -209,18 +210,16 @@ def main():
                 B.describe(g_mem, "MB"), B.describe(w_mem, "MB"), B.describe(d_mem, "MB")))
             ratios.append(B.ratio_line("RETR %d MB, gateway / Dovecot" % mb, g_time, d_time, 1.3))
             ratios.append("gateway peak memory: %.0f MB (max %.0f)  [goal <= %d MB = 2 x %d MB + 40 MB]" % (
-                sorted(g_mem)[len(g_mem) // 2], max(g_mem), 2 * mb + 40, mb))
+                statistics.median(g_mem), max(g_mem), 2 * mb + 40, mb))
             ratios.append("tarnwick-webmail peak memory while serving it: %.0f MB (max %.0f)  [goal <= 40 MB]" % (
-                sorted(w_mem)[len(w_mem) // 2], max(w_mem)))
-            ratios.append("Dovecot pop3 process peak memory: %.0f MB" % sorted(d_mem)[len(d_mem) // 2])
+                statistics.median(w_mem), max(w_mem)))
+            ratios.append("Dovecot pop3 process peak memory: %.0f MB" % statistics.median(d_mem))
         finally:
             dovecot.stop()
             webmail.stop()
     finally:
         B.remove_workdir(work)
-    print()
-    for line in ratios:
-        print(line)
+    B.print_ratios(ratios)
 
 
 if __name__ == "__main__":

@@ -164,9 +164,7 @@ def main():
                     webmail.stop()
         finally:
             B.remove_workdir(work)
-    print()
-    for line in ratios:
-        print(line)
+    B.print_ratios(ratios)
 
 
 if __name__ == "__main__":

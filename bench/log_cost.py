@@ -12,6 +12,7 @@ process started here is stopped by its pid. Each measurement is a pair, headless
 import argparse
 import os
 import shutil
+import statistics
 import subprocess
 import sys
 import time
@@ -114,7 +115,7 @@ def main():
         for name, _ in modes:
             for n in sizes:
                 ratios.append("%s, per command at %d commands: %.3f ms" % (
-                    name, n, 1000 * sorted(per_command[(name, n)])[len(per_command[(name, n)]) // 2] / n))
+                    name, n, 1000 * statistics.median(per_command[(name, n)]) / n))
             if 10000 in sizes and 20000 in sizes:
                 ratios.append(B.ratio_line("%s, 20k commands / 10k commands" % name, per_command[(name, 20000)],
                                            per_command[(name, 10000)], 2.2))
@@ -125,9 +126,7 @@ def main():
     finally:
         xvfb.stop()
         B.remove_workdir(work)
-    print()
-    for line in ratios:
-        print(line)
+    B.print_ratios(ratios)
 
 
 if __name__ == "__main__":
