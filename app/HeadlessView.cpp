@@ -20,6 +20,14 @@ void HeadlessView::AppendLog(const std::string& entry) {
     std::fflush(stdout);
 }
 
+void HeadlessView::AppendLogParts(std::span<const std::string_view> parts) {
+    for (std::string_view part : parts) {
+        // An empty part may have no data pointer at all, which fwrite must not be given.
+        if (!part.empty()) std::fwrite(part.data(), 1, part.size(), stdout);
+    }
+    std::fflush(stdout);
+}
+
 void HeadlessView::ShowMessage(const std::string& text) { WriteLine(stderr, text); }
 
 void HeadlessView::ShowFatalMessage(const std::string& text) { WriteLine(stderr, text); }

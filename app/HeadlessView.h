@@ -16,6 +16,8 @@ public:
 
     // Writes `entry` to standard output unchanged and flushes it at once.
     void AppendLog(const std::string& entry) override;
+    // Writes the parts one after the other, without joining them, and flushes once.
+    void AppendLogParts(std::span<const std::string_view> parts) override;
     // Writes nothing: what is on standard output stays.
     void ClearLog() override {}
     // There are no controls to switch.

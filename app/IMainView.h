@@ -2,7 +2,9 @@
 // and messages. The widget window and the headless mode each provide one.
 #pragma once
 
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace app {
 
@@ -18,6 +20,15 @@ public:
 
     // Appends `entry` (a message and its CR LF) to the log box txtData and shows the newest line.
     virtual void AppendLog(const std::string& entry) = 0;
+    // Appends the text the parts make up in order (one or more whole entries), as AppendLog of that text does.
+    virtual void AppendLogParts(std::span<const std::string_view> parts) {
+        std::string text;
+        for (std::string_view part : parts) text.append(part);
+        AppendLog(text);
+    }
+    // Whether the entries written while the event loop is busy should come in one append at its next turn
+    // (a window, which lays out and repaints for every append) rather than each at once.
+    virtual bool BatchesLog() const { return false; }
     // Empties the log box.
     virtual void ClearLog() = 0;
 

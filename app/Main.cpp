@@ -12,7 +12,7 @@
 namespace app {
 
 Main::Main(IMainView& view, const GatewayOptions& options)
-    : view_(view), options_(options), programEnd_([this](const core::Error& error) {
+    : view_(view), log_(view), options_(options), programEnd_([this](const core::Error& error) {
           view_.ShowFatalMessage(ProgramEndMessage(error));
           std::fflush(stdout);
           std::_Exit(1);
@@ -28,12 +28,20 @@ Main::~Main() = default;
 
 void Main::WriteLog(const std::string& message) {
     if (!bLog) return;
-    core::SkipOnError([&] { view_.AppendLog(message + "\r\n"); });
+    core::SkipOnError([&] { log_.Add(message, {}, nullptr); });
+}
+
+void Main::WriteLogParts(std::string_view prefix, std::string_view text, const core::SharedText& owner) {
+    if (!bLog) return;
+    core::SkipOnError([&] { log_.Add(prefix, text, owner); });
 }
 
 void Main::ClearLog() {
     if (!bLog) return;
-    core::SkipOnError([&] { view_.ClearLog(); });
+    core::SkipOnError([&] {
+        log_.Drop();
+        view_.ClearLog();
+    });
 }
 
 void Main::DoEvents() { QCoreApplication::processEvents(); }
@@ -172,6 +180,10 @@ std::string Main::ProgramEndMessage(const core::Error& error) {
     return message;
 }
 
-void Main::EndProgram(const core::Error& error) { programEnd_(error); }
+void Main::EndProgram(const core::Error& error) {
+    // The log shows everything written before the end.
+    core::SkipOnError([&] { log_.Flush(); });
+    programEnd_(error);
+}
 
 }  // namespace app

@@ -9,6 +9,7 @@
 
 #include "app/GatewayOptions.h"
 #include "app/IMainView.h"
+#include "app/LogBatch.h"
 #include "core/Error.h"
 #include "core/IGatewayHost.h"
 #include "platform/net/SocketControl.h"
@@ -46,7 +47,9 @@ public:
 
     // Appends the message and CR LF to the log while bLog is set; failures are ignored.
     void WriteLog(const std::string& message) override;
-    // Empties the log while bLog is set; failures are ignored.
+    // The same entry as WriteLog(prefix + text), without joining them (a whole retrieved message, say).
+    void WriteLogParts(std::string_view prefix, std::string_view text, const core::SharedText& owner) override;
+    // Empties the log while bLog is set, entries still on their way included; failures are ignored.
     void ClearLog() override;
     core::ISocketControl& WinsockPOP3() override { return winsockPOP3_; }
     core::ISocketControl& WinsockSMTP() override { return winsockSMTP_; }
@@ -88,6 +91,8 @@ private:
     void EndProgram(const core::Error& error);
 
     IMainView& view_;
+    // Between the log operations and the view.
+    LogBatch log_;
     GatewayOptions options_;
     std::string applicationName_;
     std::string applicationVersion_;

@@ -91,8 +91,19 @@ void MainWindow::SetListenPortSMTPText(const std::string& text) {
 }
 
 void MainWindow::AppendLog(const std::string& entry) {
+    const std::string_view part = entry;
+    AppendLogParts({&part, 1});
+}
+
+void MainWindow::AppendLogParts(std::span<const std::string_view> parts) {
+    // One text straight from the parts (socket data is 8-bit text: one character per byte), not a joined copy.
+    qsizetype length = 0;
+    for (std::string_view part : parts) length += static_cast<qsizetype>(part.size());
+    QString shown;
+    shown.reserve(length);
+    for (std::string_view part : parts)
+        shown.append(QLatin1StringView(part.data(), static_cast<qsizetype>(part.size())));
     // The box shows line breaks, not the CR of each CR LF.
-    QString shown = FromBytes(entry);
     shown.replace("\r\n", "\n");
     // Inserting at the end leaves the box holding its old text followed by the entry, exactly as setting the
     // whole text again would, without laying the whole log out again for every entry: a retrieved message of

@@ -30,6 +30,8 @@ public:
     std::string ListenPortSMTPText() const override;
     void SetListenPortSMTPText(const std::string& text) override;
     void AppendLog(const std::string& entry) override;
+    void AppendLogParts(std::span<const std::string_view> parts) override;
+    bool BatchesLog() const override { return true; }
     void ClearLog() override;
     void Toggle(bool stopped) override;
     void ShowMessage(const std::string& text) override;

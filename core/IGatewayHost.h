@@ -2,9 +2,14 @@
 // store, the application's name and version, the two socket controls and one pass of the event loop.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <string_view>
 
 namespace core {
+
+// A text shared by whoever holds it, such as a response on its way to the client and its log entry.
+using SharedText = std::shared_ptr<const std::string>;
 
 class ISocketControl;
 
@@ -14,6 +19,12 @@ public:
 
     // Appends one entry (the message, then CR LF) to the activity log; never fails.
     virtual void WriteLog(const std::string& message) = 0;
+    // Appends the entry `prefix` + `text` (then CR LF), the very entry WriteLog(prefix + text) appends, without
+    // joining the two: `text` lies inside `owner`, which the host may keep until the entry is shown.
+    virtual void WriteLogParts(std::string_view prefix, std::string_view text, const SharedText& owner) {
+        (void)owner;
+        WriteLog(std::string(prefix).append(text));
+    }
     // Empties the activity log; never fails.
     virtual void ClearLog() = 0;
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace core {
@@ -36,6 +37,8 @@ public:
     virtual std::string GetData() = 0;
     // Queues `data` for sending.
     virtual void SendData(const std::string& data) = 0;
+    // Queues `data` for sending without copying it: the control keeps the text until it has gone out.
+    virtual void SendShared(std::shared_ptr<const std::string> data) { SendData(*data); }
 };
 
 }  // namespace core

@@ -10,7 +10,8 @@ std::string CHotmail::GetMessage(const std::string& strMessageURL) {
         // The status is not looked at and nothing is stored: an error page comes back as the message.
         d_->HttpRequest.Open("GET", strMessageURL, false);
         d_->HttpRequest.Send();
-        return d_->HttpRequest.ResponseText();
+        // Taken over, not copied: the text goes on into the message record.
+        return d_->HttpRequest.TakeResponseText();
     });
 }
 

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "core/Error.h"
+#include "core/Trap.h"
 
 namespace platform {
 namespace {
@@ -105,9 +106,30 @@ void HttpRequest::SetCredentials(const std::string& user, const std::string& pas
     CURL* h = Handle(curl_);
     Check(curl_easy_setopt(h, CURLOPT_USERNAME, user.c_str()));
     Check(curl_easy_setopt(h, CURLOPT_PASSWORD, password.c_str()));
-    // Let libcurl answer whichever scheme the server's challenge names (Basic, Digest, ...). The handle keeps
-    // the scheme it picked, so later requests of the session authenticate without another challenge.
+    // Until the server has named its scheme, let libcurl answer whichever one the challenge names (Basic,
+    // Digest, ...). With several schemes allowed libcurl sends a request without credentials first, so once a
+    // challenge has named the scheme, later requests ask for that scheme alone (NarrowAuth).
     Check(curl_easy_setopt(h, CURLOPT_HTTPAUTH, static_cast<long>(CURLAUTH_ANY)));
+    schemeOpen_ = true;
+}
+
+void HttpRequest::NarrowAuth() {
+    if (!schemeOpen_) return;
+    CURL* h = Handle(curl_);
+    long offered = 0;
+    if (curl_easy_getinfo(h, CURLINFO_HTTPAUTH_AVAIL, &offered) != CURLE_OK || offered == 0) return;
+    // The scheme libcurl picked from the challenge: Digest when the server offers it, else Basic. Asked for
+    // alone, Basic goes out with the very next request, and Digest answers with the server's last nonce and a
+    // counting nc (a stale nonce costs one challenge, which libcurl answers by itself).
+    long picked = 0;
+    if (offered & CURLAUTH_DIGEST) {
+        picked = CURLAUTH_DIGEST;
+    } else if (offered & CURLAUTH_BASIC) {
+        picked = CURLAUTH_BASIC;
+    } else {
+        return;
+    }
+    if (curl_easy_setopt(h, CURLOPT_HTTPAUTH, picked) == CURLE_OK) schemeOpen_ = false;
 }
 
 void HttpRequest::SetRequestHeader(const std::string& name, const std::string& value) {
@@ -164,12 +186,25 @@ void HttpRequest::Perform(const std::string* body) {
         FailFor(result);
     }
     haveReply_ = true;
+    NarrowAuth();
 }
 
 std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     // Never let an exception cross libcurl: a failed append aborts the transfer instead.
     try {
-        static_cast<HttpRequest*>(self)->responseText_.append(data, size * count);
+        auto* request = static_cast<HttpRequest*>(self);
+        std::string& text = request->responseText_;
+        if (text.empty()) {
+            // Room for the whole announced body at once: a message of many megabytes would otherwise grow
+            // through a series of ever larger copies of itself.
+            curl_off_t announced = -1;
+            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
+                announced > 0 && static_cast<std::uint64_t>(announced) <= text.max_size()) {
+                // An announcement too large to reserve is no reason to fail: the body still grows as it comes.
+                core::SkipOnError([&] { text.reserve(static_cast<std::size_t>(announced)); });
+            }
+        }
+        text.append(data, size * count);
         return size * count;
     } catch (...) {
         return 0;

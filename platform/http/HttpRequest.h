@@ -46,6 +46,8 @@ public:
     void Send(const std::string& body);
     // The reply body, bytes unchanged; empty before a reply has arrived.
     const std::string& ResponseText() const { return responseText_; }
+    // Hands the reply body over without copying it; ResponseText is empty afterwards.
+    std::string TakeResponseText() { return std::exchange(responseText_, {}); }
     // The reply's header lines as one text, each "Name: value" followed by CR LF, then an empty line.
     std::string GetAllResponseHeaders() const;
     // The value of reply header `name` (any case); raises -2147012746 when the reply has no such header.
@@ -55,6 +57,8 @@ public:
 
 private:
     void Perform(const std::string* body);
+    // After an exchange that carried a challenge: from now on ask for the scheme the server named, alone.
+    void NarrowAuth();
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
 
     void* curl_ = nullptr;  // CURL*, kept opaque so that callers need no libcurl header
@@ -64,6 +68,8 @@ private:
     std::string body_;
     std::string responseText_;
     bool haveReply_ = false;
+    // Credentials are set and any scheme is still allowed: the server has not yet named its own.
+    bool schemeOpen_ = false;
 };
 
 }  // namespace platform

@@ -3,9 +3,11 @@
 #include <QTcpServer>
 #include <QTimer>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <limits>
+#include <utility>
 
 #include "core/ISocketEvents.h"
 #include "core/MessageBox.h"
@@ -20,6 +22,8 @@ constexpr const char* kWrongStateText = "Wrong protocol or connection state for 
 constexpr std::int32_t kConnectionAborted = 10053;
 constexpr std::int32_t kTimedOut = 10060;
 constexpr std::int32_t kHighestPort = std::numeric_limits<quint16>::max();
+// How much of a queued text the connection's own buffer holds at a time.
+constexpr qint64 kSliceBytes = qint64{1} << 20;
 
 [[noreturn]] void RaiseWrongState() { throw core::Error(kWrongState, "SocketControl", kWrongStateText); }
 
@@ -100,9 +104,15 @@ void SocketControl::CatchUpAfterAccept(QTcpSocket* socket) {
 void SocketControl::Close() {
     CloseListener();
     if (socket_) {
+        // What was queued still goes out before the connection closes, as the connection's buffer does.
+        Feed(true);
         Release(socket_);
         socket_ = nullptr;
     }
+    outgoing_.clear();
+    outgoingOffset_ = 0;
+    outgoingBytes_ = 0;
+    writtenWhileSending_ = 0;
     // A pending connection survives: the frame closes the listener before it accepts.
     received_.clear();
     errorRaised_ = false;
@@ -115,9 +125,71 @@ std::string SocketControl::GetData() {
     return data;
 }
 
-void SocketControl::SendData(const std::string& data) {
+void SocketControl::SendData(const std::string& data) { SendShared(std::make_shared<const std::string>(data)); }
+
+void SocketControl::SendShared(std::shared_ptr<const std::string> data) {
     if (!socket_ || state_ != kConnected) RaiseWrongState();
-    socket_->write(data.data(), static_cast<qint64>(data.size()));
+    if (!data || data->empty()) return;
+    outgoingBytes_ += static_cast<std::int64_t>(data->size());
+    outgoing_.push_back(std::move(data));
+    Feed();
+    // The first bytes leave now, not at the next turn of the event loop, so that the client is receiving
+    // while the caller goes on (a long response is logged after it has been queued). What the connection
+    // reports in the meantime reaches the sink at the next turn, as it would have without this push.
+    QTcpSocket* socket = socket_;
+    sending_ = true;
+    socket->flush();
+    sending_ = false;
+    if (socket_ != socket || writtenWhileSending_ == 0) return;
+    remainingAfterSend_ = BytesRemaining();
+    if (earlyWritesQueued_) return;
+    earlyWritesQueued_ = true;
+    QTimer::singleShot(0, this, [this, socket] {
+        earlyWritesQueued_ = false;
+        if (socket_ != socket) return;
+        // The push may have emptied the connection's buffer, after which it reports nothing more: top it up.
+        Feed();
+        ReportEarlyWrites();
+    });
+}
+
+void SocketControl::ReportEarlyWrites() {
+    // After an error the error is the one event left for the connection.
+    if (writtenWhileSending_ == 0 || errorRaised_) return;
+    RaiseSendEvents(std::exchange(writtenWhileSending_, 0), remainingAfterSend_);
+}
+
+void SocketControl::RaiseSendEvents(qint64 bytes, std::int32_t remaining) {
+    QTcpSocket* socket = socket_;
+    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
+    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+}
+
+void SocketControl::Feed(bool everything) {
+    while (socket_ && !outgoing_.empty() && (everything || socket_->bytesToWrite() < kSliceBytes)) {
+        const std::string& text = *outgoing_.front();
+        const std::size_t left = text.size() - outgoingOffset_;
+        const std::size_t slice = everything ? left : std::min(left, static_cast<std::size_t>(kSliceBytes));
+        socket_->write(text.data() + outgoingOffset_, static_cast<qint64>(slice));
+        outgoingBytes_ -= static_cast<std::int64_t>(slice);
+        outgoingOffset_ += slice;
+        if (outgoingOffset_ == text.size()) {
+            outgoing_.pop_front();
+            outgoingOffset_ = 0;
+        }
+    }
+}
+
+std::int32_t SocketControl::BytesRemaining() const {
+    const std::int64_t total = (socket_ ? socket_->bytesToWrite() : 0) + outgoingBytes_;
+    return static_cast<std::int32_t>(std::min<std::int64_t>(total, std::numeric_limits<std::int32_t>::max()));
+}
+
+template <typename Step>
+void SocketControl::Later(QTcpSocket* socket, Step step) {
+    QTimer::singleShot(0, this, [this, socket, step = std::move(step)]() mutable {
+        if (socket_ == socket) step();
+    });
 }
 
 void SocketControl::OnNewConnection() {
@@ -143,15 +215,25 @@ void SocketControl::OnReadyRead() {
 
 void SocketControl::OnBytesWritten(qint64 bytes) {
     if (!socket_) return;
+    if (sending_) {
+        writtenWhileSending_ += bytes;
+        return;
+    }
     QTcpSocket* socket = socket_;
-    const auto remaining = static_cast<std::int32_t>(socket->bytesToWrite());
-    RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
-    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    // What left during SendShared is reported first, as it went first.
+    ReportEarlyWrites();
+    if (socket_ != socket) return;
+    Feed();
+    RaiseSendEvents(bytes, BytesRemaining());
 }
 
 void SocketControl::OnSocketError(QAbstractSocket::SocketError error) {
     // Qt reports the peer's orderly close as an error too; only the Close event may surface for it.
     if (error == QAbstractSocket::RemoteHostClosedError || errorRaised_ || !socket_) return;
+    if (sending_) {
+        Later(socket_, [this, error] { OnSocketError(error); });
+        return;
+    }
     errorRaised_ = true;
     state_ = kError;
     const std::int32_t number = error == QAbstractSocket::SocketTimeoutError ? kTimedOut : kConnectionAborted;
@@ -162,6 +244,10 @@ void SocketControl::OnSocketError(QAbstractSocket::SocketError error) {
 void SocketControl::OnDisconnected() {
     // After an error the connection is broken, not closed: the error was the one event for it.
     if (errorRaised_ || !socket_) return;
+    if (sending_) {
+        Later(socket_, [this] { OnDisconnected(); });
+        return;
+    }
     // Bytes that came with the close are still delivered first.
     if (socket_->bytesAvailable() > 0) OnReadyRead();
     if (!socket_ || errorRaised_) return;

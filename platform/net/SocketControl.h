@@ -8,7 +8,9 @@
 #include <QTcpSocket>
 
 #include <cstdint>
+#include <deque>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "core/Error.h"
@@ -42,6 +44,9 @@ public:
     void Close() override;
     std::string GetData() override;
     void SendData(const std::string& data) override;
+    // Keeps `data` and hands it to the connection a slice at a time, so that a long text is never copied
+    // whole into the connection's buffer; the first bytes leave at once.
+    void SendShared(std::shared_ptr<const std::string> data) override;
 
 private:
     void OnNewConnection();
@@ -50,6 +55,17 @@ private:
     void OnSocketError(QAbstractSocket::SocketError error);
     void OnDisconnected();
     void CatchUpAfterAccept(QTcpSocket* socket);
+    // Tops the connection's buffer up from the queued texts, to one slice or everything.
+    void Feed(bool everything = false);
+    // Raises the send progress (and, when nothing remains, completion) events for bytes that have gone.
+    void RaiseSendEvents(qint64 bytes, std::int32_t remaining);
+    // Reports the bytes that left while SendShared pushed them, if not reported yet.
+    void ReportEarlyWrites();
+    // Bytes queued here and in the connection's buffer, not yet handed to the system.
+    std::int32_t BytesRemaining() const;
+    // Runs `step` at the next turn of the event loop if the connection still carries `socket` then.
+    template <typename Step>
+    void Later(QTcpSocket* socket, Step step);
     void CloseListener();
     void DropPending();
     static void Release(QTcpSocket* socket);
@@ -66,6 +82,15 @@ private:
     std::int32_t nextRequestId_ = 1;
     QTcpSocket* socket_ = nullptr;
     QByteArray received_;
+    // Texts not yet handed to the connection, the first one from outgoingOffset_ on.
+    std::deque<std::shared_ptr<const std::string>> outgoing_;
+    std::size_t outgoingOffset_ = 0;
+    std::int64_t outgoingBytes_ = 0;
+    // While SendShared pushes the first bytes out: the connection's signals then wait for the next turn.
+    bool sending_ = false;
+    qint64 writtenWhileSending_ = 0;
+    std::int32_t remainingAfterSend_ = 0;
+    bool earlyWritesQueued_ = false;
     std::int32_t state_ = kClosed;
     std::int32_t localPort_ = 0;
     bool errorRaised_ = false;

@@ -2,6 +2,8 @@
 
 #include <functional>
 #include <limits>
+#include <memory>
+#include <string_view>
 #include <utility>
 
 #include "core/Ascii.h"
@@ -157,9 +159,14 @@ std::string ServerFrame::RemoveCrLf(const std::string& text) {
 
 std::string ServerFrame::UpperCase(std::string text) { return core::Ascii::UpperCase(std::move(text)); }
 
-void ServerFrame::SendResponse(const std::string& text) {
-    SendUnloggedResponse(text);
-    host_.WriteLog("SERVER_RESPONSE: " + text);
+void ServerFrame::SendResponse(std::string text) {
+    if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
+    // FormatResponse in place: a retrieved message is sent and logged without a copy of it.
+    const std::size_t length = text.size();
+    text += kCrLf;
+    const auto sent = std::make_shared<const std::string>(std::move(text));
+    objWinsock->SendShared(sent);
+    host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(0, length), sent);
 }
 
 void ServerFrame::SendUnloggedResponse(const std::string& text) {

@@ -76,8 +76,9 @@ protected:
     // The service client of the current connection; raises 91 when no connection has made one.
     mailservice::CHotmail& ConnectionHotmail() const;
 
-    // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text.
-    void SendResponse(const std::string& text);
+    // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text. The text is taken over, not copied: the
+    // CR LF is added in place and the socket and the log share the one text.
+    void SendResponse(std::string text);
     // Sends `text` with CR LF and writes no log entry.
     void SendUnloggedResponse(const std::string& text);
     // Sends the error prefix + `message`; an empty message stands for the error that stopped the command.

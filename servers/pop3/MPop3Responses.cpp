@@ -63,31 +63,49 @@ std::string GetUIDLUniqueID(const std::string& messageId, const std::string& fro
     return id;
 }
 
+namespace {
+
+constexpr std::string_view kDotLine = "\r\n.";
+
+// The number of lines of `body` that begin with ".": the extra bytes that stuffing adds.
+std::size_t CountDotLines(std::string_view body) {
+    std::size_t count = body.starts_with('.') ? 1 : 0;
+    for (std::size_t at = body.find(kDotLine); at != std::string_view::npos; at = body.find(kDotLine, at + 3)) ++count;
+    return count;
+}
+
+// Appends `body` to `out` with one more "." in front of every line that begins with "." (lines begin at the
+// start and after each CR LF), copying the stretches between such lines whole.
+void AppendStuffed(std::string& out, std::string_view body) {
+    if (body.starts_with('.')) out += '.';
+    std::size_t from = 0;
+    for (std::size_t at = body.find(kDotLine); at != std::string_view::npos; at = body.find(kDotLine, at + 3)) {
+        out.append(body.substr(from, at + kCrLf.size() - from));
+        out += '.';
+        from = at + kCrLf.size();
+    }
+    out.append(body.substr(from));
+}
+
+}  // namespace
+
 std::string StuffDots(std::string_view body) {
     std::string out;
-    // Bodies run to many megabytes: one pass, one allocation in the common case.
-    out.reserve(body.size() + body.size() / 64 + 1);
-    std::size_t lineStart = 0;
-    while (lineStart <= body.size()) {
-        const std::size_t next = body.find(kCrLf, lineStart);
-        const std::size_t lineEnd = next == std::string_view::npos ? body.size() : next + kCrLf.size();
-        if (lineStart < body.size() && body[lineStart] == '.') out += '.';
-        out.append(body.substr(lineStart, lineEnd - lineStart));
-        if (next == std::string_view::npos) break;
-        lineStart = lineEnd;
-    }
+    out.reserve(body.size() + CountDotLines(body));
+    AppendStuffed(out, body);
     return out;
 }
 
 std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const std::string& appName,
                               const std::string& appVersion) {
-    std::string out;
-    out.reserve(message.mBody.size() + message.mBody.size() / 64 + 128);
-    out += "+OK " + message.mLength + " octets";
+    std::string out = "+OK " + message.mLength + " octets";
     out += kCrLf;
     out += "X-Application: " + appName + " - " + appVersion;
     out += kCrLf;
-    out += StuffDots(message.mBody);
+    // Exactly the room the whole response needs, the frame's final CR LF included: a message of many
+    // megabytes is stuffed straight into it and never copied or moved again.
+    out.reserve(out.size() + message.mBody.size() + CountDotLines(message.mBody) + 2 * kCrLf.size() + 1);
+    AppendStuffed(out, message.mBody);
     out += kCrLf;
     out += ".";
     return out;

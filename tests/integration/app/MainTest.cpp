@@ -130,6 +130,7 @@ TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     main.WriteLog("abc");
     main.WriteLog("");
     main.WriteLog("CLIENT_REQUEST: noop\r\n");
+    QCoreApplication::processEvents();  // the window gets the entries together, at the next turn of the loop
     EXPECT_EQ(window.txtData->toPlainText(), "abc\n\nCLIENT_REQUEST: noop\n\n");
     EXPECT_EQ(window.txtData->textCursor().position(), window.txtData->document()->characterCount() - 1);
 

@@ -78,15 +78,14 @@ ScriptedReply DavReply(std::string body, int status, std::string davError) {
 }
 
 FakeWebDavService::FakeWebDavService(Auth auth, std::string user, std::string password)
-    : auth_(auth), user_(std::move(user)), password_(std::move(password)), random_(32, 'r') {
+    : auth_(auth), user_(user), password_(password), digest_(kRealm, std::move(user), std::move(password)) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = 0;
     addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    daemon_ = MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO, 0, nullptr, nullptr, &Dispatch, this,
-                               MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_NOTIFY_COMPLETED, &Completed, nullptr,
-                               MHD_OPTION_DIGEST_AUTH_RANDOM, random_.size(), random_.data(), MHD_OPTION_NONCE_NC_SIZE,
-                               300u, MHD_OPTION_END);
+    daemon_ =
+        MHD_start_daemon(MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_AUTO, 0, nullptr, nullptr, &Dispatch, this,
+                         MHD_OPTION_SOCK_ADDR, &addr, MHD_OPTION_NOTIFY_COMPLETED, &Completed, nullptr, MHD_OPTION_END);
     if (!daemon_) throw std::runtime_error("fake service did not start");
     port_ = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT)->port;
 }
@@ -111,6 +110,11 @@ void FakeWebDavService::ClearScript() {
 std::vector<RecordedRequest> FakeWebDavService::Requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
+}
+
+void FakeWebDavService::ExpireNonces() {
+    std::lock_guard lock(mutex_);
+    digest_.ExpireNonces();
 }
 
 int FakeWebDavService::Challenges() const {
@@ -150,19 +154,15 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
             return q == MHD_YES;
         }
     } else if (auth_ == Auth::Digest) {
-        char* user = MHD_digest_auth_get_username(connection);
-        int check = MHD_NO;
-        if (user && user_ == user) {
-            check =
-                MHD_digest_auth_check2(connection, kRealm, user_.c_str(), password_.c_str(), 300, MHD_DIGEST_ALG_MD5);
-        }
-        MHD_free(user);
-        if (check != MHD_YES) {
-            std::lock_guard lock(mutex_);
+        std::lock_guard lock(mutex_);
+        const auto verdict = digest_.Check(pending->request.Header("Authorization").value_or(""),
+                                           pending->request.method, pending->request.path);
+        if (verdict != DigestGate::Verdict::Accepted) {
             ++challenges_;
             MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-            const MHD_Result q = MHD_queue_auth_fail_response2(
-                connection, kRealm, "opaque", r, check == MHD_INVALID_NONCE ? MHD_YES : MHD_NO, MHD_DIGEST_ALG_MD5);
+            MHD_add_response_header(r, "WWW-Authenticate",
+                                    digest_.Challenge(verdict == DigestGate::Verdict::Stale).c_str());
+            const MHD_Result q = MHD_queue_response(connection, 401, r);
             MHD_destroy_response(r);
             return q == MHD_YES;
         }

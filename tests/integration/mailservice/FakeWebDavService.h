@@ -1,5 +1,6 @@
 // A scripted WebDAV service on 127.0.0.1 for tests: records every request exactly as it arrived and answers
-// each from a queue of scripted replies. Optionally demands Basic or Digest credentials first.
+// each from a queue of scripted replies. Optionally demands Basic or Digest credentials first
+// (Digest with nonces that serve any address, each use counted by nc).
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "DigestGate.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -57,6 +60,8 @@ public:
     void ClearScript();
     // Every authenticated request so far, in arrival order.
     std::vector<RecordedRequest> Requests() const;
+    // Digest: every nonce handed out so far goes stale; its next use is challenged with "stale=true".
+    void ExpireNonces();
     // How many requests were answered with an authentication challenge.
     int Challenges() const;
 
@@ -68,7 +73,7 @@ private:
     Auth auth_;
     std::string user_;
     std::string password_;
-    std::string random_;
+    DigestGate digest_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t port_ = 0;
     mutable std::mutex mutex_;

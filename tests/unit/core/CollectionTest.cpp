@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <memory>
+#include <optional>
 #include <string>
+#include <vector>
 
 #include "core/Collection.h"
 #include "core/Error.h"
@@ -58,6 +61,57 @@ TEST(Collection, HoldersOfTheSamePointerShareTheList) {
     EXPECT_EQ(mine->Count(), 1);
     *theirs->Item(1) = 42;  // records are shared objects, too
     EXPECT_EQ(*mine->Item(std::string("2")), 42);
+}
+
+// The key index must follow every removal: after any mix of removals by position and by key, each key still
+// finds the entry at its current position, and a removed key is gone (and may be added again).
+TEST(Collection, KeysFollowTheirEntriesThroughRemovals) {
+    struct Step {
+        bool byKey;
+        std::string key;        // by key: the key to remove
+        std::int32_t position;  // by position
+    };
+    const std::vector<std::vector<Step>> scripts = {
+        {{false, "", 1}},
+        {{true, "k5", 0}, {false, "", 1}, {true, "k2", 0}},
+        {{false, "", 6}, {true, "k1", 0}, {false, "", 2}},
+        {{true, "k3", 0}, {true, "k4", 0}, {true, "k1", 0}, {false, "", 3}},
+        {{false, "", 3}, {false, "", 3}, {false, "", 3}, {true, "k1", 0}, {true, "k6", 0}},
+    };
+    for (const auto& script : scripts) {
+        Collection<std::string> c;
+        std::vector<std::optional<std::string>> model;  // the keys, in order (the unkeyed entry has none)
+        for (int i = 1; i <= 6; ++i) {
+            const std::string k = "k" + std::to_string(i);
+            c.Add("v" + k, k);
+            model.push_back(k);
+            if (i == 3) {
+                c.Add("unkeyed");
+                model.push_back(std::nullopt);
+            }
+        }
+        for (const Step& step : script) {
+            if (step.byKey) {
+                c.Remove(step.key);
+                model.erase(std::find(model.begin(), model.end(), std::optional<std::string>(step.key)));
+                EXPECT_EQ(RaisedErrorNumber([&] { c.Item(step.key); }), 5);
+            } else {
+                c.Remove(step.position);
+                model.erase(model.begin() + (step.position - 1));
+            }
+            ASSERT_EQ(c.Count(), static_cast<std::int32_t>(model.size()));
+            for (std::size_t p = 0; p < model.size(); ++p) {
+                const std::string expected = model[p] ? "v" + *model[p] : "unkeyed";
+                EXPECT_EQ(c.Item(static_cast<std::int32_t>(p + 1)), expected);
+                if (model[p]) {
+                    EXPECT_EQ(c.Item(*model[p]), expected) << *model[p];
+                }
+            }
+        }
+        const bool k1Kept = std::find(model.begin(), model.end(), std::optional<std::string>("k1")) != model.end();
+        EXPECT_EQ(RaisedErrorNumber([&] { c.Add("back", "k1"); }), k1Kept ? 457 : 0);
+        EXPECT_EQ(c.Item(c.Count()), k1Kept ? (model.back() ? "v" + *model.back() : "unkeyed") : "back");
+    }
 }
 
 TEST(Collection, IteratesInOrder) {

@@ -1,0 +1,240 @@
+"""What the benchmarks share: a Maildir store with generated mail, tarnwick-webmail and the headless (or
+windowed) gateway on loopback ports, POP3 timing, peak memory, and the summary of interleaved pairs.
+
+Every process started here listens on 127.0.0.1 only and is stopped by its own pid. Nothing is installed.
+"""
+
+import os
+import poplib
+import re
+import shutil
+import signal
+import socket
+import statistics
+import subprocess
+import tempfile
+import time
+
+HOST = "127.0.0.1"
+SERVICE_PATH = "/svcs/hotmail/tarnwick.asp"
+USER = "bench"
+PASSWORD = "bench"
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+
+
+def default_binaries(build):
+    return (os.path.join(build, "app", "tarnwick-gateway"), os.path.join(build, "webmail", "tarnwick-webmail"))
+
+
+def add_binary_options(parser):
+    parser.add_argument("--build", default=os.path.join(ROOT, "build"),
+                        help="build folder holding app/tarnwick-gateway and webmail/tarnwick-webmail")
+    parser.add_argument("--gateway", help="the gateway binary (default: from --build)")
+    parser.add_argument("--webmail", help="the tarnwick-webmail binary (default: from --build)")
+    parser.add_argument("--pairs", type=int, default=5, help="interleaved pairs per measurement")
+
+
+def binaries(args):
+    gateway, webmail = default_binaries(args.build)
+    gateway, webmail = args.gateway or gateway, args.webmail or webmail
+    for b in (gateway, webmail):
+        if not os.access(b, os.X_OK):
+            raise SystemExit("not an executable: %s (build first, or give --build / --gateway / --webmail)" % b)
+    return gateway, webmail
+
+
+def free_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind((HOST, 0))
+        return s.getsockname()[1]
+
+
+def is_listening(port):
+    """Read from /proc, so that no probe connection becomes the gateway's one client."""
+    wanted = "0100007F:%04X" % port
+    with open("/proc/net/tcp") as f:
+        next(f)
+        return any(fields[1] == wanted and fields[3] == "0A" for fields in map(str.split, f))
+
+
+def wait_for(predicate, timeout, what):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        if predicate():
+            return
+        time.sleep(0.01)
+    raise RuntimeError("timed out waiting for " + what)
+
+
+def stop(proc):
+    """Stops one process we started, by its pid."""
+    if proc is None or proc.poll() is not None:
+        return
+    os.kill(proc.pid, signal.SIGTERM)
+    try:
+        proc.wait(timeout=10)
+    except subprocess.TimeoutExpired:
+        os.kill(proc.pid, signal.SIGKILL)
+        proc.wait(timeout=10)
+
+
+def peak_rss_mb(pid):
+    """The process's peak resident set (VmHWM) so far, in MB."""
+    with open("/proc/%d/status" % pid) as f:
+        for line in f:
+            if line.startswith("VmHWM:"):
+                return int(line.split()[1]) / 1024.0
+    return float("nan")
+
+
+def reset_peak_rss(pid):
+    """Starts VmHWM afresh from the current resident set (Linux: 5 to /proc/PID/clear_refs)."""
+    try:
+        with open("/proc/%d/clear_refs" % pid, "w") as f:
+            f.write("5")
+    except OSError:
+        pass
+
+
+# -- mail
+
+def sized_message(i, size):
+    """A plain text message of exactly `size` bytes with CR LF line ends."""
+    head = (b"From: Sender %d <s%d@example.org>\r\nTo: bench@tarnwick.local\r\nSubject: message %d\r\n"
+            b"Date: Tue, 14 May 2002 10:21:13 +0000\r\nMessage-ID: <%d@bench>\r\n\r\n" % (i, i, i, i))
+    line = b"The quick brown fox jumps over the lazy dog, message body text line 0123456789.\r\n"
+    body = line * max(0, (size - len(head)) // len(line))
+    pad = size - len(head) - len(body)
+    if pad > 0:
+        body += b"x" * max(0, pad - 2) + b"\r\n"[:pad]
+    return (head + body)[:size]
+
+
+class Store:
+    """A tarnwick-webmail store (passwd plus Maildir++ tree) for one account, filled once."""
+
+    def __init__(self, root, count, size):
+        self.root = root
+        self.maildir = os.path.join(root, USER)
+        for folder in ("", ".Sent Items", ".Deleted Items", ".Outbox"):
+            for sub in ("cur", "new", "tmp"):
+                os.makedirs(os.path.join(self.maildir, folder, sub), exist_ok=True)
+        with open(os.path.join(root, "passwd"), "w") as f:
+            f.write("%s:%s\n" % (USER, PASSWORD))
+        os.chmod(os.path.join(root, "passwd"), 0o600)
+        clock = 1_600_000_000
+        for i in range(count):
+            clock += 60
+            name = "%d.M%dP1Q%d.bench" % (clock, i, i)
+            path = os.path.join(self.maildir, "cur", name + ":2,")
+            with open(path, "wb") as f:
+                f.write(sized_message(i, size))
+            os.utime(path, (clock, clock))
+
+
+# -- processes
+
+class Webmail:
+    def __init__(self, binary, store, workdir, auth="any"):
+        self.out = open(os.path.join(workdir, "webmail.out"), "w+b")
+        self.err = open(os.path.join(workdir, "webmail.err"), "w+b")
+        self.proc = subprocess.Popen([binary, "--store", store.root, "--listen", HOST + ":0", "--auth", auth],
+                                     stdout=self.out, stderr=self.err, stdin=subprocess.DEVNULL)
+        self.port = None
+
+        def bound():
+            if self.proc.poll() is not None:
+                raise RuntimeError("tarnwick-webmail exited")
+            self.out.seek(0)
+            m = re.search(rb"listening on (?:http://)?127\.0\.0\.1:(\d+)", self.out.read())
+            if m:
+                self.port = int(m.group(1))
+            return self.port is not None
+
+        wait_for(bound, 20, "tarnwick-webmail")
+
+    def url(self):
+        return "http://%s:%d%s" % (HOST, self.port, SERVICE_PATH)
+
+    def request_lines(self):
+        self.err.seek(0)
+        return [line for line in self.err.read().decode("latin-1").splitlines() if line.split(" ")[0].isupper()]
+
+    def stop(self):
+        stop(self.proc)
+        self.out.close()
+        self.err.close()
+
+
+class Gateway:
+    """The gateway pointed at one webmail; headless, or with its window on `display` (an X display name)."""
+
+    def __init__(self, binary, service_url, workdir, display=None, log_path=None):
+        runtime = tempfile.mkdtemp(prefix="rt-", dir=workdir)
+        os.chmod(runtime, 0o700)
+        env = dict(os.environ, XDG_RUNTIME_DIR=runtime)
+        args = [binary]
+        if display is None:
+            env["QT_QPA_PLATFORM"] = "offscreen"
+            args.append("--headless")
+        else:
+            env["DISPLAY"] = display
+            env["QT_QPA_PLATFORM"] = "xcb"
+        self.pop3_port, smtp_port = free_port(), free_port()
+        args += ["--pop3-port", str(self.pop3_port), "--smtp-port", str(smtp_port), "--service-url", service_url]
+        self.log = open(log_path or os.devnull, "wb")
+        self.proc = subprocess.Popen(args, stdout=self.log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
+                                     env=env)
+        wait_for(lambda: self.proc.poll() is None and is_listening(self.pop3_port), 30, "the gateway")
+
+    def stop(self):
+        stop(self.proc)
+        self.log.close()
+
+
+def pop3_login(port):
+    pop = poplib.POP3(HOST, port, timeout=3600)
+    pop.user(USER)
+    pop.pass_(PASSWORD)
+    return pop
+
+
+def timed(step):
+    start = time.perf_counter()
+    result = step()
+    return time.perf_counter() - start, result
+
+
+# -- summaries
+
+def describe(values, unit="s", scale=1.0):
+    v = [x * scale for x in values]
+    return "median %.4g %s (min %.4g, max %.4g, n=%d)" % (statistics.median(v), unit, min(v), max(v), len(v))
+
+
+def ratio_line(name, numerators, denominators, goal=None):
+    """Ratio of medians, and the median and range of the per-pair ratios."""
+    pair = [a / b for a, b in zip(numerators, denominators) if b > 0]
+    text = "%s: %.2f x (per pair: median %.2f, min %.2f, max %.2f)" % (
+        name, statistics.median(numerators) / statistics.median(denominators), statistics.median(pair), min(pair),
+        max(pair))
+    if goal is not None:
+        text += "  [goal <= %.2f]" % goal
+    return text
+
+
+def print_ratios(lines):
+    print()
+    for line in lines:
+        print(line)
+
+
+def make_workdir(prefix):
+    return tempfile.mkdtemp(prefix=prefix)
+
+
+def remove_workdir(path, keep=False):
+    if keep:
+        print("kept", path)
+    else:
+        shutil.rmtree(path, ignore_errors=True)
