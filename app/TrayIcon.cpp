@@ -15,9 +15,9 @@ TrayIcon::TrayIcon(const QIcon& icon, const QString& tip, std::function<void()> 
                      });
 }
 
-void TrayIcon::Add() {
-    if (QSystemTrayIcon::isSystemTrayAvailable()) icon_.show();
-}
+// Without a notification area there is nothing to show; one that appears later (a panel that starts after
+// the gateway) takes the icon then.
+void TrayIcon::Add() { icon_.show(); }
 
 void TrayIcon::Remove() { icon_.hide(); }
 

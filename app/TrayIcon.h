@@ -14,7 +14,7 @@ public:
     // `restore` runs for every activation that should bring the window back.
     TrayIcon(const QIcon& icon, const QString& tip, std::function<void()> restore);
 
-    // Shows the icon if the desktop has a notification area; otherwise does nothing.
+    // Shows the icon in the desktop's notification area, now or as soon as there is one.
     void Add();
     // Takes the icon away.
     void Remove();
