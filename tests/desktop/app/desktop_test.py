@@ -179,6 +179,9 @@ def check_placement(desktop, window):
     check(True, "outer bottom-right corner on the work area's corner %s" % (corner,))
     # The client area is 446 x 435 below the menu bar, which X11 counts into the client window.
     check(width == 446 and 435 < height < 435 + 40, "client size %dx%d (446 x 435 and the menu bar)" % (width, height))
+    actions = desktop.x("xprop", "-id", window, "_NET_WM_ALLOWED_ACTIONS")
+    check("_NET_WM_ACTION_MINIMIZE" in actions and "MAXIMIZE" not in actions and "RESIZE" not in actions,
+          "the window manager offers minimise, and neither maximise nor resize")
     return (x, y)
 
 
