@@ -87,9 +87,15 @@ MainWindow::MainWindow()
     layout()->setSizeConstraint(QLayout::SetFixedSize);
     adjustSize();
 
-    trayIcon_ = std::make_unique<TrayIcon>(ProgramIcon(), kTitle, [this] {
-        if (main_) main_->RunEvent("Form_MouseMove Event", [this] { Restore(); });
-    });
+    trayIcon_ = std::make_unique<TrayIcon>(
+        ProgramIcon(), kTitle,
+        [this] {
+            if (main_) main_->RunEvent("Form_MouseMove Event", [this] { Restore(); });
+        },
+        [this](bool shown) {
+            if (main_)
+                main_->RunEvent("NotificationArea_Change Event", [this, shown] { NotificationAreaChanged(shown); });
+        });
 }
 
 MainWindow::~MainWindow() = default;
@@ -174,9 +180,19 @@ void MainWindow::ShowFatalMessage(const std::string& text) {
 }
 
 void MainWindow::Restore() {
+    inNotificationArea_ = false;
     setWindowState(windowState() & ~Qt::WindowMinimized);
     show();
     HideFromTaskList();
+}
+
+void MainWindow::NotificationAreaChanged(bool shown) {
+    // A window hidden into a notification area that has gone would have no way back.
+    if (!shown && inNotificationArea_) {
+        Restore();
+    } else if (!isHidden()) {
+        HideFromTaskList();
+    }
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
@@ -198,10 +214,15 @@ void MainWindow::changeEvent(QEvent* event) {
 void MainWindow::Minimised() {
     // Hidden only where the icon can bring it back (after the state change has been handled); otherwise an
     // ordinary minimise, and if the notification area has gone, the task list takes the window back.
-    if (trayIcon_->IsShown())
-        QMetaObject::invokeMethod(
-            this, [this] { hide(); }, Qt::QueuedConnection);
+    if (trayIcon_->IsShown()) {
+        inNotificationArea_ = true;
+        QMetaObject::invokeMethod(this, &MainWindow::HideIfInNotificationArea, Qt::QueuedConnection);
+    }
     HideFromTaskList();
+}
+
+void MainWindow::HideIfInNotificationArea() {
+    if (inNotificationArea_) hide();
 }
 
 void MainWindow::showEvent(QShowEvent* event) {

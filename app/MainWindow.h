@@ -84,10 +84,15 @@ protected:
 
 private:
     void Minimised();
+    void HideIfInNotificationArea();
+    // The notification area came (`shown`) or went while the gateway runs.
+    void NotificationAreaChanged(bool shown);
 
     Main* main_ = nullptr;
     std::unique_ptr<TrayIcon> trayIcon_;
     bool unloaded_ = false;
+    // Hidden by a minimise, reachable only through the icon.
+    bool inNotificationArea_ = false;
     // The outer size the last placement used, or empty before the first placement.
     QSize placedFrameSize_;
     bool framePlacementChecked_ = false;

@@ -2,7 +2,8 @@
 """The gateway's window on a real X11 desktop: Xvfb, the openbox window manager and, for the first case,
 the trayer notification area; driven with xdotool, read with xwininfo and xprop.
 
-  desktop_test.py --gateway PATH with_notification_area | without_notification_area
+  desktop_test.py --gateway PATH with_notification_area | without_notification_area |
+                                 notification_area_comes_and_goes
 
 Exits 77 (skipped) when a tool is missing. Every process it starts is stopped by its process id."""
 
@@ -68,10 +69,19 @@ class Desktop:
         self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
         self.start(["openbox", "--sm-disable"])
         wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
+        self.tray = None
         if with_tray:
-            self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
-                        "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
-            wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
+            self.start_tray()
+
+    def start_tray(self):
+        self.tray = self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
+                                "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
+        wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
+
+    def stop_tray(self):
+        self.tray.terminate()
+        self.tray.wait(5)
+        self.tray = None
 
     def start(self, command):
         process = subprocess.Popen(command, env=self.env, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
@@ -277,10 +287,51 @@ def without_notification_area(binary):
         desktop.stop()
 
 
+def notification_area_comes_and_goes(binary):
+    desktop = Desktop(with_tray=True)
+    skips = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
+    try:
+        gateway = Gateway(desktop, binary)
+        window = gateway.main_window()
+        wait_for("the icon", desktop.tray_icons)
+        desktop.x("xdotool", "windowminimize", window)
+        wait_for("the window hidden", lambda: desktop.wm_state(window) is None)
+
+        desktop.stop_tray()
+        wait_for("the window back when the notification area goes",
+                 lambda: desktop.geometry(window)[4] == "IsViewable" and desktop.wm_state(window) == "Normal")
+        wait_for("the window in the task list", lambda: not desktop.net_wm_state(window) & skips)
+        check(True, "the notification area goes: the hidden window comes back, into the task list")
+
+        desktop.x("xdotool", "windowminimize", window)
+        wait_for("the window iconified", lambda: desktop.wm_state(window) == "Iconic")
+        check(True, "without it, minimise is an ordinary minimise")
+        desktop.x("xdotool", "windowactivate", window)
+        wait_for("the window restored", lambda: desktop.wm_state(window) == "Normal")
+
+        desktop.start_tray()
+        wait_for("the icon in the new notification area", desktop.tray_icons)
+        wait_for("the window out of the task list", lambda: skips <= desktop.net_wm_state(window))
+        check(True, "a new notification area takes the icon, and the window leaves the task list")
+        desktop.x("xdotool", "windowminimize", window)
+        wait_for("the window hidden again", lambda: desktop.wm_state(window) is None)
+        check(True, "minimise hides into the new notification area")
+
+        icon = desktop.tray_icons()[0]
+        desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
+        wait_for("the window back", lambda: desktop.geometry(window)[4] == "IsViewable")
+        desktop.x("xdotool", "windowactivate", "--sync", window, "key", "alt+F4")
+        status = gateway.exit_status()
+        check(status == 0, "the gateway ends with status %d" % status)
+    finally:
+        desktop.stop()
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--gateway", required=True, help="the tarnwick-gateway binary")
-    parser.add_argument("case", choices=["with_notification_area", "without_notification_area"])
+    parser.add_argument("case", choices=["with_notification_area", "without_notification_area",
+                                         "notification_area_comes_and_goes"])
     arguments = parser.parse_args()
     missing = [tool for tool in TOOLS if not shutil.which(tool)]
     if missing:
