@@ -182,6 +182,8 @@ void MainWindow::ShowFatalMessage(const std::string& text) {
 void MainWindow::Restore() {
     inNotificationArea_ = false;
     setWindowState(windowState() & ~Qt::WindowMinimized);
+    // A hidden window's task-list state goes with its map request, which show() sends at once.
+    if (isHidden()) HideFromTaskList();
     show();
     HideFromTaskList();
 }
@@ -226,16 +228,25 @@ void MainWindow::HideIfInNotificationArea() {
 }
 
 void MainWindow::showEvent(QShowEvent* event) {
-    if (!framePlacementChecked_ && windowHandle()) windowHandle()->installEventFilter(this);
+    if (!exposeWatched_ && windowHandle()) {
+        windowHandle()->installEventFilter(this);
+        exposeWatched_ = true;
+    }
+    awaitingExpose_ = true;
     QMainWindow::showEvent(event);
 }
 
 bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == windowHandle() && event->type() == QEvent::Expose && !framePlacementChecked_ &&
+    if (watched == windowHandle() && event->type() == QEvent::Expose && awaitingExpose_ &&
         windowHandle()->isExposed()) {
-        framePlacementChecked_ = true;
-        windowHandle()->removeEventFilter(this);
-        if (!placedFrameSize_.isEmpty() && frameGeometry().size() != placedFrameSize_) PlaceAtWorkAreaCorner();
+        awaitingExpose_ = false;
+        if (!framePlacementChecked_) {
+            framePlacementChecked_ = true;
+            if (!placedFrameSize_.isEmpty() && frameGeometry().size() != placedFrameSize_) PlaceAtWorkAreaCorner();
+        }
+        // A state written while the window was withdrawn can race its map request; now that the window manager
+        // manages the window, it is asked once more.
+        HideFromTaskList();
     }
     return QMainWindow::eventFilter(watched, event);
 }

@@ -79,7 +79,8 @@ protected:
     // Minimising hides the window into the notification area, where there is one.
     void changeEvent(QEvent* event) override;
     void showEvent(QShowEvent* event) override;
-    // The first exposure shows the window manager's frame; the corner placement then accounts for it.
+    // Each exposure after a show: the first one shows the window manager's frame, which the corner placement
+    // then accounts for; each one settles the task-list state with the window manager.
     bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
@@ -96,6 +97,9 @@ private:
     // The outer size the last placement used, or empty before the first placement.
     QSize placedFrameSize_;
     bool framePlacementChecked_ = false;
+    bool exposeWatched_ = false;
+    // Shown, and not yet exposed since.
+    bool awaitingExpose_ = false;
 };
 
 }  // namespace app

@@ -24,6 +24,18 @@ xcb_atom_t Atom(xcb_connection_t* connection, const char* name) {
     return atom;
 }
 
+// Whether the window manager manages the window (it has set WM_STATE, Normal or Iconic); a window that is
+// withdrawn, or not yet mapped, has none.
+bool IsManaged(xcb_connection_t* connection, xcb_window_t window) {
+    const xcb_atom_t wmState = Atom(connection, "WM_STATE");
+    const xcb_get_property_cookie_t cookie = xcb_get_property(connection, 0, window, wmState, wmState, 0, 2);
+    xcb_get_property_reply_t* reply = xcb_get_property_reply(connection, cookie, nullptr);
+    if (!reply) return false;
+    const bool managed = xcb_get_property_value_length(reply) > 0;
+    std::free(reply);
+    return managed;
+}
+
 // A window that is not mapped carries its own state, read by the window manager when it is mapped.
 void SetOnUnmapped(xcb_connection_t* connection, xcb_window_t window, xcb_atom_t state,
                    const std::vector<xcb_atom_t>& skips, bool listed) {
@@ -76,7 +88,7 @@ void SetListed(QWidget& window, bool listed) {
     const xcb_atom_t state = Atom(connection, "_NET_WM_STATE");
     const std::vector<xcb_atom_t> skips = {Atom(connection, "_NET_WM_STATE_SKIP_TASKBAR"),
                                            Atom(connection, "_NET_WM_STATE_SKIP_PAGER")};
-    if (window.isVisible()) {
+    if (IsManaged(connection, id)) {
         SetOnManaged(connection, id, state, skips, listed);
     } else {
         SetOnUnmapped(connection, id, state, skips, listed);

@@ -7,7 +7,7 @@ class QWidget;
 namespace app::TaskList {
 
 // Lists `window` in the task list and pager (true) or leaves it out of both (false). Works before the window
-// is mapped (the state goes with the first map) and while it is mapped (the window manager is asked).
+// is mapped (the state goes with the map) and while the window manager manages it (it is asked).
 void SetListed(QWidget& window, bool listed);
 
 }  // namespace app::TaskList

@@ -10,6 +10,7 @@
 #include <QMenuBar>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScreen>
 #include <QStatusBar>
 #include <QTcpServer>
 #include <QTcpSocket>
@@ -187,6 +188,9 @@ TEST_F(MainWindowTest, DesignStateUntilStartUpThenRunningStoppedRunning) {
 
     Load();
     ExpectState(false);
+    // Start-up put the outer frame's bottom-right corner on the work area's.
+    const QRect area = QGuiApplication::primaryScreen()->availableGeometry();
+    EXPECT_EQ(window.frameGeometry().bottomRight(), area.bottomRight());
     const QString pop3 = window.txtListenPortPOP3->text();
     EXPECT_FALSE(pop3.isEmpty());
 
