@@ -187,9 +187,10 @@ class Desktop:
 
 
 class Gateway:
-    def __init__(self, desktop, binary):
+    def __init__(self, desktop, binary, pop3_port=None, extra=()):
         self.desktop = desktop
-        self.process = desktop.start([binary, "--pop3-port", free_port(), "--smtp-port", free_port()])
+        self.pop3_port = pop3_port or free_port()
+        self.process = desktop.start([binary, "--pop3-port", self.pop3_port, "--smtp-port", free_port(), *extra])
 
     def main_window(self):
         """The main window, once it is mapped."""
@@ -207,10 +208,14 @@ class Gateway:
             raise Failure("the gateway did not end")
 
 
+def ok(message):
+    print("ok:", message)
+
+
 def check(condition, message):
     if not condition:
         raise Failure(message)
-    print("ok:", message)
+    ok(message)
 
 
 def outer_corner(desktop, window):
@@ -225,7 +230,7 @@ def check_placement(desktop, window):
     # The corner placement takes the frame into account once the window manager has drawn it.
     wait_for("the outer frame's corner at %s" % (corner,), lambda: outer_corner(desktop, window) == corner)
     x, y, width, height, _ = desktop.geometry(window)
-    check(True, "outer bottom-right corner on the work area's corner %s" % (corner,))
+    ok("outer bottom-right corner on the work area's corner %s" % (corner,))
     # The client area is 446 x 435 below the menu bar, which X11 counts into the client window.
     check(width == 446 and 435 < height < 435 + 40, "client size %dx%d (446 x 435 and the menu bar)" % (width, height))
     actions = desktop.x("xprop", "-id", window, "_NET_WM_ALLOWED_ACTIONS")
@@ -275,128 +280,128 @@ def open_file_menu_and_exit(desktop, window):
     desktop.x("xdotool", "key", "Up", "Return")
 
 
-def with_notification_area(binary):
-    desktop = Desktop(with_tray=True)
-    try:
-        gateway = Gateway(desktop, binary)
-        window = gateway.main_window()
-        position = check_placement(desktop, window)
-        wait_for("the window out of the task list", lambda: SKIPS <= desktop.net_wm_state(window))
-        check(True, "out of the task list and the pager")
-        icon = wait_for("the icon in the notification area", desktop.tray_icons)[0]
-        check(True, "icon %s in the notification area" % icon)
+def with_notification_area(desktop, binary):
+    gateway = Gateway(desktop, binary)
+    window = gateway.main_window()
+    position = check_placement(desktop, window)
+    wait_for("the window out of the task list", lambda: SKIPS <= desktop.net_wm_state(window))
+    ok("out of the task list and the pager")
+    icon = wait_for("the icon in the notification area", desktop.tray_icons)[0]
+    ok("icon %s in the notification area" % icon)
 
-        desktop.x("xdotool", "windowminimize", window)
-        # Iconified first by the window manager, then hidden (withdrawn) by the gateway.
-        wait_for("the window withdrawn", lambda: desktop.wm_state(window) is None)
-        check(desktop.geometry(window)[4] == "IsUnMapped", "minimise hides the window (withdrawn, not iconified)")
-        check(desktop.tray_icons() == [icon], "the icon stays")
+    desktop.x("xdotool", "windowminimize", window)
+    # Iconified first by the window manager, then hidden (withdrawn) by the gateway.
+    wait_for("the window withdrawn", lambda: desktop.wm_state(window) is None)
+    check(desktop.geometry(window)[4] == "IsUnMapped", "minimise hides the window (withdrawn, not iconified)")
+    check(desktop.tray_icons() == [icon], "the icon stays")
 
-        desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "1")
-        time.sleep(QUIET_TIME)
-        check(desktop.geometry(window)[4] == "IsUnMapped", "a single click on the icon changes nothing")
+    desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "1")
+    time.sleep(QUIET_TIME)
+    check(desktop.geometry(window)[4] == "IsUnMapped", "a single click on the icon changes nothing")
 
-        desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
-        wait_for("the window back", lambda: desktop.geometry(window)[4] == "IsViewable")
-        check(desktop.wm_state(window) == "Normal", "a double-click brings the window back, normal")
-        check(settles_at(desktop, window, position), "at the same place %s" % (position,))
-        wait_for("the window out of the task list again", lambda: SKIPS <= desktop.net_wm_state(window))
-        check(True, "still out of the task list")
+    desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
+    wait_for("the window back", lambda: desktop.geometry(window)[4] == "IsViewable")
+    check(desktop.wm_state(window) == "Normal", "a double-click brings the window back, normal")
+    check(settles_at(desktop, window, position), "at the same place %s" % (position,))
+    wait_for("the window out of the task list again", lambda: SKIPS <= desktop.net_wm_state(window))
+    ok("still out of the task list")
 
-        open_file_menu_and_exit(desktop, window)
-        wait_for("the icon to go", lambda: not desktop.tray_icons())
-        check(True, "File, Exit removes the icon")
-        status = gateway.exit_status()
-        check(status == 0, "the gateway ends with status %d" % status)
-    finally:
-        desktop.stop()
+    open_file_menu_and_exit(desktop, window)
+    wait_for("the icon to go", lambda: not desktop.tray_icons())
+    ok("File, Exit removes the icon")
+    status = gateway.exit_status()
+    check(status == 0, "the gateway ends with status %d" % status)
 
 
-def without_notification_area(binary):
-    desktop = Desktop(with_tray=False)
-    try:
-        gateway = Gateway(desktop, binary)
-        window = gateway.main_window()
-        position = check_placement(desktop, window)
-        check(not desktop.net_wm_state(window) & SKIPS,
-              "in the task list, since there is no icon to come back through")
+def without_notification_area(desktop, binary):
+    gateway = Gateway(desktop, binary)
+    window = gateway.main_window()
+    position = check_placement(desktop, window)
+    check(not desktop.net_wm_state(window) & SKIPS,
+          "in the task list, since there is no icon to come back through")
 
-        # A second instance says so on the desktop as well and ends with status 3.
-        before = set(desktop.windows_named("Tarnwick Gateway"))
-        second = Gateway(desktop, binary)
-        box = wait_for("the second instance's message box",
-                       lambda: [w for w in desktop.windows_named("Tarnwick Gateway")
-                                if w not in before and desktop.geometry(w)[4] == "IsViewable"])[0]
-        desktop.x("xdotool", "windowactivate", "--sync", box, "key", "Return")
-        status = second.exit_status()
-        check(status == 3, "the second instance shows a message box and ends with status %d" % status)
+    # A second instance says so on the desktop as well and ends with status 3.
+    before = set(desktop.windows_named("Tarnwick Gateway"))
+    second = Gateway(desktop, binary)
+    box = wait_for("the second instance's message box",
+                   lambda: [w for w in desktop.windows_named("Tarnwick Gateway")
+                            if w not in before and desktop.geometry(w)[4] == "IsViewable"])[0]
+    desktop.x("xdotool", "windowactivate", "--sync", box, "key", "Return")
+    status = second.exit_status()
+    check(status == 3, "the second instance shows a message box and ends with status %d" % status)
 
-        desktop.x("xdotool", "windowminimize", window)
-        wait_for("the window iconified", lambda: desktop.wm_state(window) == "Iconic")
-        check(True, "minimise is an ordinary minimise: iconified, not withdrawn")
+    desktop.x("xdotool", "windowminimize", window)
+    wait_for("the window iconified", lambda: desktop.wm_state(window) == "Iconic")
+    ok("minimise is an ordinary minimise: iconified, not withdrawn")
 
-        desktop.x("xdotool", "windowactivate", window)
-        wait_for("the window restored", lambda: desktop.wm_state(window) == "Normal" and
-                 desktop.geometry(window)[4] == "IsViewable")
-        check(settles_at(desktop, window, position), "restored from the task list at the same place %s" % (position,))
+    desktop.x("xdotool", "windowactivate", window)
+    wait_for("the window restored", lambda: desktop.wm_state(window) == "Normal" and
+             desktop.geometry(window)[4] == "IsViewable")
+    check(settles_at(desktop, window, position), "restored from the task list at the same place %s" % (position,))
 
-        # The close box takes the same way out as Exit.
-        status = close_by_close_box(desktop, gateway, window)
-        check(status == 0, "closing the window ends the gateway with status %d" % status)
-    finally:
-        desktop.stop()
+    # The close box takes the same way out as Exit.
+    status = close_by_close_box(desktop, gateway, window)
+    check(status == 0, "closing the window ends the gateway with status %d" % status)
 
 
-def notification_area_comes_and_goes(binary):
-    desktop = Desktop(with_tray=True)
-    try:
-        gateway = Gateway(desktop, binary)
-        window = gateway.main_window()
-        wait_for("the icon", desktop.tray_icons)
-        desktop.x("xdotool", "windowminimize", window)
-        wait_for("the window hidden", lambda: desktop.wm_state(window) is None)
+def notification_area_comes_and_goes(desktop, binary):
+    gateway = Gateway(desktop, binary)
+    window = gateway.main_window()
+    wait_for("the icon", desktop.tray_icons)
+    desktop.x("xdotool", "windowminimize", window)
+    wait_for("the window hidden", lambda: desktop.wm_state(window) is None)
 
-        desktop.stop_tray()
-        wait_for("the window back when the notification area goes",
-                 lambda: desktop.geometry(window)[4] == "IsViewable" and desktop.wm_state(window) == "Normal")
-        wait_for("the window in the task list", lambda: not desktop.net_wm_state(window) & SKIPS)
-        check(True, "the notification area goes: the hidden window comes back, into the task list")
+    desktop.stop_tray()
+    wait_for("the window back when the notification area goes",
+             lambda: desktop.geometry(window)[4] == "IsViewable" and desktop.wm_state(window) == "Normal")
+    wait_for("the window in the task list", lambda: not desktop.net_wm_state(window) & SKIPS)
+    ok("the notification area goes: the hidden window comes back, into the task list")
 
-        desktop.x("xdotool", "windowminimize", window)
-        wait_for("the window iconified", lambda: desktop.wm_state(window) == "Iconic")
-        check(True, "without it, minimise is an ordinary minimise")
-        desktop.x("xdotool", "windowactivate", window)
-        wait_for("the window restored", lambda: desktop.wm_state(window) == "Normal")
+    desktop.x("xdotool", "windowminimize", window)
+    wait_for("the window iconified", lambda: desktop.wm_state(window) == "Iconic")
+    ok("without it, minimise is an ordinary minimise")
+    desktop.x("xdotool", "windowactivate", window)
+    wait_for("the window restored", lambda: desktop.wm_state(window) == "Normal")
 
-        desktop.start_tray()
-        wait_for("the icon in the new notification area", desktop.tray_icons)
-        wait_for("the window out of the task list", lambda: SKIPS <= desktop.net_wm_state(window))
-        check(True, "a new notification area takes the icon, and the window leaves the task list")
-        desktop.x("xdotool", "windowminimize", window)
-        wait_for("the window hidden again", lambda: desktop.wm_state(window) is None)
-        check(True, "minimise hides into the new notification area")
+    desktop.start_tray()
+    wait_for("the icon in the new notification area", desktop.tray_icons)
+    wait_for("the window out of the task list", lambda: SKIPS <= desktop.net_wm_state(window))
+    ok("a new notification area takes the icon, and the window leaves the task list")
+    desktop.x("xdotool", "windowminimize", window)
+    wait_for("the window hidden again", lambda: desktop.wm_state(window) is None)
+    ok("minimise hides into the new notification area")
 
-        icon = desktop.tray_icons()[0]
-        desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
-        wait_for("the window back", lambda: desktop.geometry(window)[4] == "IsViewable")
-        status = close_by_close_box(desktop, gateway, window)
-        check(status == 0, "the gateway ends with status %d" % status)
-    finally:
-        desktop.stop()
+    icon = desktop.tray_icons()[0]
+    desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
+    wait_for("the window back", lambda: desktop.geometry(window)[4] == "IsViewable")
+    status = close_by_close_box(desktop, gateway, window)
+    check(status == 0, "the gateway ends with status %d" % status)
+
+
+# Each case with whether its desktop starts with a notification area.
+CASES = {
+    "with_notification_area": (with_notification_area, True),
+    "without_notification_area": (without_notification_area, False),
+    "notification_area_comes_and_goes": (notification_area_comes_and_goes, True),
+}
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--gateway", required=True, help="the tarnwick-gateway binary")
-    parser.add_argument("case", choices=["with_notification_area", "without_notification_area",
-                                         "notification_area_comes_and_goes"])
+    parser.add_argument("case", choices=sorted(CASES))
     arguments = parser.parse_args()
     missing = [tool for tool in TOOLS if not shutil.which(tool)]
     if missing:
         print("SKIPPED: the desktop test needs %s (scripts/setup installs them)" % ", ".join(missing))
         return SKIPPED
+    case, with_tray = CASES[arguments.case]
     try:
-        globals()[arguments.case](arguments.gateway)
+        desktop = Desktop(with_tray)
+        try:
+            case(desktop, arguments.gateway)
+        finally:
+            desktop.stop()
     except Failure as failure:
         print("FAILED:", failure)
         return 1
