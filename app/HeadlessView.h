@@ -20,8 +20,16 @@ public:
     void AppendLogParts(std::span<const std::string_view> parts) override;
     // Writes nothing: what is on standard output stays.
     void ClearLog() override {}
-    // There are no controls to switch.
-    void Toggle(bool /*stopped*/) override {}
+    // There are no controls to switch, no window to place, no icon and no About box.
+    void ToggleInputs(bool /*stopped*/) override {}
+    void ToggleButtons(bool /*stopped*/) override {}
+    void ToggleStatusBar(bool /*stopped*/) override {}
+    void ToggleMenus(bool /*stopped*/) override {}
+    void PlaceAtWorkAreaCorner() override {}
+    void AddTrayIcon() override {}
+    void RemoveTrayIcon() override {}
+    void HideFromTaskList() override {}
+    void ShowAbout(const std::string& /*applicationName*/, const std::string& /*applicationVersion*/) override {}
     // Both kinds of message go to standard error.
     void ShowMessage(const std::string& text) override;
     void ShowFatalMessage(const std::string& text) override;

@@ -53,6 +53,9 @@ void Main::Form_Load() {
         applicationVersion_ =
             core::ToText(kVersionMajor) + "." + core::ToText(kVersionMinor) + "." + core::ToText(kVersionRevision);
         bLog = true;
+        view_.PlaceAtWorkAreaCorner();
+        view_.AddTrayIcon();
+        view_.HideFromTaskList();
         Initialize();
         MakeCPop3Server();
         StartPop3Server();
@@ -69,6 +72,7 @@ void Main::Form_Unload() {
         KillCPop3Server();
         KillCSmtpServer();
         Toggle(true);
+        view_.RemoveTrayIcon();
     });
 }
 
@@ -76,6 +80,10 @@ void Main::StartMenu_Click() { StartCommand("StartMenu_Click Event"); }
 void Main::StartButton_Click() { StartCommand("StartButton_Click Event"); }
 void Main::StopMenu_Click() { StopCommand("StopMenu_Click Event"); }
 void Main::StopButton_Click() { StopCommand("StopButton_Click Event"); }
+
+void Main::AboutMenu_Click() {
+    core::Trap("AboutMenu_Click Event", [&] { view_.ShowAbout(ApplicationName(), ApplicationVersion()); });
+}
 
 void Main::StartCommand(const std::string& label) {
     core::Trap(label, [&] {
@@ -160,13 +168,43 @@ void Main::StopSmtpServer() {
     });
 }
 
+// Each step runs under its own trap, so an error names the step and the steps after it do not run.
 void Main::Toggle(bool stopped) {
-    core::Trap("Toggle Method", [&] { view_.Toggle(stopped); });
+    core::Trap("Toggle Method", [&] {
+        ToggleInputs(stopped);
+        ToggleButtons(stopped);
+        ToggleStatusBar(stopped);
+        ToggleMenus(stopped);
+    });
+}
+
+void Main::ToggleInputs(bool stopped) {
+    core::Trap("ToggleInputs Method", [&] { view_.ToggleInputs(stopped); });
+}
+
+void Main::ToggleButtons(bool stopped) {
+    core::Trap("ToggleButtons Method", [&] { view_.ToggleButtons(stopped); });
+}
+
+void Main::ToggleStatusBar(bool stopped) {
+    core::Trap("ToggleStatusBar Method", [&] { view_.ToggleStatusBar(stopped); });
+}
+
+void Main::ToggleMenus(bool stopped) {
+    core::Trap("ToggleMenus Method", [&] { view_.ToggleMenus(stopped); });
 }
 
 void Main::RunEvent(void (Main::*handler)()) {
     try {
         (this->*handler)();
+    } catch (...) {
+        EndProgram(core::CurrentError());
+    }
+}
+
+void Main::RunEvent(const std::string& label, const std::function<void()>& body) {
+    try {
+        core::Trap(label, body);
     } catch (...) {
         EndProgram(core::CurrentError());
     }

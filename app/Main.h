@@ -62,9 +62,14 @@ public:
     void StartButton_Click();
     void StopMenu_Click();
     void StopButton_Click();
+    // Help, About Tarnwick: the modal About box with the application's name and version.
+    void AboutMenu_Click();
 
     // Runs one outermost event handler; an error leaving it goes to the program-end handler.
     void RunEvent(void (Main::*handler)());
+    // The same for a handler of the window's own (minimise, notification-area icon): `body` runs under a
+    // trap labelled `label`.
+    void RunEvent(const std::string& label, const std::function<void()>& body);
     // Replaces how the program ends after such an error (default: the view's message, exit status 1).
     void SetProgramEnd(ProgramEnd programEnd);
     // The message shown before the program ends: the error's number and description.
@@ -88,6 +93,10 @@ private:
     void StopPop3Server();
     void StopSmtpServer();
     void Toggle(bool stopped);
+    void ToggleInputs(bool stopped);
+    void ToggleButtons(bool stopped);
+    void ToggleStatusBar(bool stopped);
+    void ToggleMenus(bool stopped);
     void EndProgram(const core::Error& error);
 
     IMainView& view_;

@@ -1,10 +1,9 @@
 #include "app/MainWindow.h"
 
 #include <QCloseEvent>
-#include <QGridLayout>
 #include <QGroupBox>
-#include <QHBoxLayout>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -13,64 +12,93 @@
 #include <QScrollBar>
 #include <QStatusBar>
 #include <QTextCursor>
-#include <QVBoxLayout>
+#include <QWindow>
 
+#include "app/About.h"
+#include "app/DisplayText.h"
+#include "app/MScreen.h"
 #include "app/Main.h"
+#include "app/ProgramIcon.h"
+#include "app/TaskList.h"
+#include "app/TrayIcon.h"
 
 namespace app {
 namespace {
 
 constexpr const char* kTitle = "Tarnwick Gateway";
 
-// Socket data is 8-bit text: one character per byte.
-QString FromBytes(const std::string& bytes) {
-    return QString::fromLatin1(bytes.data(), static_cast<qsizetype>(bytes.size()));
-}
+using MScreen::FromTwips;
 
 }  // namespace
 
-MainWindow::MainWindow() {
+MainWindow::MainWindow()
+    : QMainWindow(nullptr, Qt::Window | Qt::CustomizeWindowHint | Qt::WindowTitleHint | Qt::WindowSystemMenuHint |
+                               Qt::WindowMinimizeButtonHint | Qt::WindowCloseButtonHint) {
     setWindowTitle(kTitle);
+    setWindowIcon(ProgramIcon());
 
-    auto* central = new QWidget(this);
-    auto* layout = new QVBoxLayout(central);
+    // The controls are made in tab order, which is also the order keyboard focus follows. The client area
+    // lies below the menu bar, as designed.
+    client = new QWidget(this);
+    client->setFixedSize(FromTwips(0, 0, 6690, 6525).size());
 
-    auto* frame1 = new QGroupBox("Listener Configuration", central);
-    auto* grid = new QGridLayout(frame1);
-    txtListenPortPOP3 = new QLineEdit(frame1);
-    txtListenPortSMTP = new QLineEdit(frame1);
-    grid->addWidget(new QLabel("POP3 Port:", frame1), 0, 0);
-    grid->addWidget(txtListenPortPOP3, 0, 1);
-    grid->addWidget(new QLabel("SMTP Port:", frame1), 1, 0);
-    grid->addWidget(txtListenPortSMTP, 1, 1);
-    layout->addWidget(frame1);
+    StatusBar = new QStatusBar(client);
+    StatusBar->setGeometry(FromTwips(0, 6225, 6690, 300));
+    StatusBar->setSizeGripEnabled(false);
+    statusPanel = new QLabel(StatusBar);
+    StatusBar->addWidget(statusPanel, 1);
 
-    auto* buttons = new QHBoxLayout;
-    StopButton = new QPushButton("Stop", central);
-    StartButton = new QPushButton("Start", central);
-    buttons->addStretch();
-    buttons->addWidget(StopButton);
-    buttons->addWidget(StartButton);
-    layout->addLayout(buttons);
+    StopButton = new QPushButton("Stop", client);
+    StopButton->setGeometry(FromTwips(3720, 1800, 1095, 375));
+    StartButton = new QPushButton("Start", client);
+    StartButton->setGeometry(FromTwips(4920, 1800, 1095, 375));
 
-    txtData = new QPlainTextEdit(central);
+    Frame1 = new QGroupBox("Listener Configuration", client);
+    Frame1->setGeometry(FromTwips(120, 120, 3615, 1575));
+    txtListenPortPOP3 = new QLineEdit(Frame1);
+    txtListenPortPOP3->setGeometry(FromTwips(1080, 480, 2175, 375));
+    txtListenPortSMTP = new QLineEdit(Frame1);
+    txtListenPortSMTP->setGeometry(FromTwips(1080, 960, 2175, 375));
+    lblListenPortPOP3 = new QLabel("POP3 Port:", Frame1);
+    lblListenPortPOP3->setGeometry(FromTwips(120, 600, 1335, 375));
+    lblListenPortPOP3->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+    lblListenPortSMTP = new QLabel("SMTP Port:", Frame1);
+    lblListenPortSMTP->setGeometry(FromTwips(120, 960, 1335, 255));
+    lblListenPortSMTP->setAlignment(Qt::AlignLeft | Qt::AlignTop);
+
+    txtData = new QPlainTextEdit(client);
+    txtData->setGeometry(FromTwips(120, 2280, 6375, 3855));
     txtData->setVerticalScrollBarPolicy(Qt::ScrollBarAlwaysOn);
+    txtData->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     // The log can hold whole messages; an undo history of them would only double the memory.
     txtData->setUndoRedoEnabled(false);
-    layout->addWidget(txtData);
-    setCentralWidget(central);
+    setCentralWidget(client);
 
-    StatusBar = new QLabel(this);
-    statusBar()->addWidget(StatusBar, 1);
-
-    QMenu* mnuFile = menuBar()->addMenu("File");
+    // Captions without access keys, items without shortcuts.
+    mnuFile = menuBar()->addMenu("File");
     mnuStart = mnuFile->addAction("Start");
     mnuStop = mnuFile->addAction("Stop");
-    mnuFile->addSeparator();
+    mnuDivider = mnuFile->addSeparator();
     mnuExit = mnuFile->addAction("Exit");
+    mnuHelp = menuBar()->addMenu("Help");
+    mnuAbout = mnuHelp->addAction("About Tarnwick");
 
-    resize(446, 435);
+    // A fixed single border: the size the client area and the menu bar need, and no other.
+    layout()->setSizeConstraint(QLayout::SetFixedSize);
+    adjustSize();
+
+    trayIcon_ = std::make_unique<TrayIcon>(
+        ProgramIcon(), kTitle,
+        [this] {
+            if (main_) main_->RunEvent("Form_MouseMove Event", [this] { Restore(); });
+        },
+        [this](bool shown) {
+            if (main_)
+                main_->RunEvent("NotificationArea_Change Event", [this, shown] { NotificationAreaChanged(shown); });
+        });
 }
+
+MainWindow::~MainWindow() = default;
 
 void MainWindow::Attach(Main& main) {
     main_ = &main;
@@ -79,6 +107,7 @@ void MainWindow::Attach(Main& main) {
     connect(mnuStart, &QAction::triggered, this, [this] { main_->RunEvent(&Main::StartMenu_Click); });
     connect(mnuStop, &QAction::triggered, this, [this] { main_->RunEvent(&Main::StopMenu_Click); });
     connect(mnuExit, &QAction::triggered, this, [this] { close(); });
+    connect(mnuAbout, &QAction::triggered, this, [this] { main_->RunEvent(&Main::AboutMenu_Click); });
 }
 
 std::string MainWindow::ListenPortPOP3Text() const { return txtListenPortPOP3->text().toStdString(); }
@@ -96,15 +125,10 @@ void MainWindow::AppendLog(const std::string& entry) {
 }
 
 void MainWindow::AppendLogParts(std::span<const std::string_view> parts) {
-    // One text straight from the parts (socket data is 8-bit text: one character per byte), not a joined copy.
-    qsizetype length = 0;
-    for (std::string_view part : parts) length += static_cast<qsizetype>(part.size());
+    // Each part is decoded on its own: entries and their parts break at whole characters, and joining the parts
+    // first would hold a second full copy of a long entry.
     QString shown;
-    shown.reserve(length);
-    for (std::string_view part : parts)
-        shown.append(QLatin1StringView(part.data(), static_cast<qsizetype>(part.size())));
-    // The box shows line breaks, not the CR of each CR LF.
-    shown.replace("\r\n", "\n");
+    for (std::string_view part : parts) shown += DisplayText(part);
     // Inserting at the end leaves the box holding its old text followed by the entry, exactly as setting the
     // whole text again would, without laying the whole log out again for every entry: a retrieved message of
     // many megabytes is one entry, and every entry after it would otherwise take seconds.
@@ -117,20 +141,69 @@ void MainWindow::AppendLogParts(std::span<const std::string_view> parts) {
 
 void MainWindow::ClearLog() { txtData->clear(); }
 
-void MainWindow::Toggle(bool stopped) {
+void MainWindow::ToggleInputs(bool stopped) {
     txtListenPortPOP3->setEnabled(stopped);
     txtListenPortSMTP->setEnabled(stopped);
+}
+
+void MainWindow::ToggleButtons(bool stopped) {
     StopButton->setEnabled(!stopped);
     StartButton->setEnabled(stopped);
-    StatusBar->setText(stopped ? "Stopped" : "Running");
+}
+
+void MainWindow::ToggleStatusBar(bool stopped) { statusPanel->setText(stopped ? "Stopped" : "Running"); }
+
+void MainWindow::ToggleMenus(bool stopped) {
     mnuStop->setEnabled(!stopped);
     mnuStart->setEnabled(stopped);
 }
 
-void MainWindow::ShowMessage(const std::string& text) { QMessageBox::information(this, kTitle, FromBytes(text)); }
+void MainWindow::PlaceAtWorkAreaCorner() {
+    const QPoint corner = MScreen::GetWorkAreaCorner();
+    const QSize outer = frameGeometry().size();
+    const int top = corner.y() / MScreen::kTwipsPerPixel - outer.height();
+    const int left = corner.x() / MScreen::kTwipsPerPixel - outer.width();
+    move(frameGeometry().left(), top);
+    move(left, top);
+    placedFrameSize_ = outer;
+}
+
+void MainWindow::AddTrayIcon() { trayIcon_->Add(); }
+
+void MainWindow::RemoveTrayIcon() { trayIcon_->Remove(); }
+
+void MainWindow::HideFromTaskList() {
+    // Only while the icon is there: without it the task list is the only way back to a minimised window.
+    TaskList::SetListed(*this, !trayIcon_->IsShown());
+}
+
+void MainWindow::ShowAbout(const std::string& applicationName, const std::string& applicationVersion) {
+    About about(this, applicationName, applicationVersion);
+    about.exec();
+}
+
+void MainWindow::ShowMessage(const std::string& text) { QMessageBox::information(this, kTitle, DisplayText(text)); }
 
 void MainWindow::ShowFatalMessage(const std::string& text) {
-    QMessageBox::critical(isVisible() ? this : nullptr, kTitle, FromBytes(text));
+    QMessageBox::critical(isVisible() ? this : nullptr, kTitle, DisplayText(text));
+}
+
+void MainWindow::Restore() {
+    inNotificationArea_ = false;
+    setWindowState(windowState() & ~Qt::WindowMinimized);
+    // A hidden window's task-list state goes with its map request, which show() sends at once.
+    if (isHidden()) HideFromTaskList();
+    show();
+    HideFromTaskList();
+}
+
+void MainWindow::NotificationAreaChanged(bool shown) {
+    // A window hidden into a notification area that has gone would have no way back.
+    if (!shown && inNotificationArea_) {
+        Restore();
+    } else if (!isHidden()) {
+        HideFromTaskList();
+    }
 }
 
 void MainWindow::closeEvent(QCloseEvent* event) {
@@ -140,6 +213,51 @@ void MainWindow::closeEvent(QCloseEvent* event) {
         main_->RunEvent(&Main::Form_Unload);
     }
     event->accept();
+}
+
+void MainWindow::changeEvent(QEvent* event) {
+    QMainWindow::changeEvent(event);
+    if (event->type() == QEvent::WindowStateChange && isMinimized() && main_) {
+        main_->RunEvent("Form_Resize Event", [this] { Minimised(); });
+    }
+}
+
+void MainWindow::Minimised() {
+    // Hidden only where the icon can bring it back (after the state change has been handled); otherwise an
+    // ordinary minimise, and if the notification area has gone, the task list takes the window back.
+    if (trayIcon_->IsShown()) {
+        inNotificationArea_ = true;
+        QMetaObject::invokeMethod(this, &MainWindow::HideIfInNotificationArea, Qt::QueuedConnection);
+    }
+    HideFromTaskList();
+}
+
+void MainWindow::HideIfInNotificationArea() {
+    if (inNotificationArea_) hide();
+}
+
+void MainWindow::showEvent(QShowEvent* event) {
+    if (!exposeWatched_ && windowHandle()) {
+        windowHandle()->installEventFilter(this);
+        exposeWatched_ = true;
+    }
+    awaitingExpose_ = true;
+    QMainWindow::showEvent(event);
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == windowHandle() && event->type() == QEvent::Expose && awaitingExpose_ &&
+        windowHandle()->isExposed()) {
+        awaitingExpose_ = false;
+        if (!framePlacementChecked_) {
+            framePlacementChecked_ = true;
+            if (!placedFrameSize_.isEmpty() && frameGeometry().size() != placedFrameSize_) PlaceAtWorkAreaCorner();
+        }
+        // A state written while the window was withdrawn can race its map request; now that the window manager
+        // manages the window, it is asked once more.
+        HideFromTaskList();
+    }
+    return QMainWindow::eventFilter(watched, event);
 }
 
 }  // namespace app

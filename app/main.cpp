@@ -3,6 +3,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QLockFile>
+#include <QMessageBox>
 #include <QStandardPaths>
 
 #include <cstdio>
@@ -48,10 +49,13 @@ int main(int argc, char** argv) {
 
     QLockFile lock(LockFilePath());
     if (!lock.tryLock(0)) {
-        std::fprintf(stderr,
-                     "tarnwick-gateway: another instance is already running for this user (lock file %s); "
-                     "only one may run at a time.\n",
-                     qPrintable(lock.fileName()));
+        const QString message = QStringLiteral(
+                                    "Another instance of Tarnwick Gateway is already running for this user (lock "
+                                    "file %1); only one may run at a time.")
+                                    .arg(lock.fileName());
+        std::fprintf(stderr, "tarnwick-gateway: %s\n", qPrintable(message));
+        // Started from a desktop menu, standard error goes nowhere a person looks.
+        if (!options.headless) QMessageBox::warning(nullptr, "Tarnwick Gateway", message);
         return kAlreadyRunning;
     }
 

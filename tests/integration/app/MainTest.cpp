@@ -34,7 +34,21 @@ public:
     void SetListenPortSMTPText(const std::string& text) override { smtp = text; }
     void AppendLog(const std::string& entry) override { log += entry; }
     void ClearLog() override { log.clear(); }
-    void Toggle(bool isStopped) override { stopped = isStopped; }
+    void ToggleInputs(bool) override { steps.push_back("inputs"); }
+    void ToggleButtons(bool) override {
+        steps.push_back("buttons");
+        if (failButtons) core::Raise(core::ErrorNumber::kObjectNotSet);
+    }
+    void ToggleStatusBar(bool isStopped) override {
+        steps.push_back("status");
+        stopped = isStopped;
+    }
+    void ToggleMenus(bool) override { steps.push_back("menus"); }
+    void PlaceAtWorkAreaCorner() override {}
+    void AddTrayIcon() override {}
+    void RemoveTrayIcon() override {}
+    void HideFromTaskList() override {}
+    void ShowAbout(const std::string&, const std::string&) override {}
     void ShowMessage(const std::string&) override {}
     void ShowFatalMessage(const std::string& text) override { fatal.push_back(text); }
 
@@ -42,6 +56,8 @@ public:
     std::string smtp;
     std::string log;
     std::optional<bool> stopped;
+    std::vector<std::string> steps;
+    bool failButtons = false;
     std::vector<std::string> fatal;
 };
 
@@ -90,13 +106,32 @@ TEST_F(MainTest, NonNumericPop3PortStopsStartUpBeforeTheSmtpServer) {
     EXPECT_FALSE(view.stopped.has_value()) << "the running state must not be shown";
 }
 
+TEST_F(MainTest, ToggleRunsItsFourStepsInOrderAndAFailingStepStopsTheRest) {
+    RecordingView view;
+    app::Main main(view, Options(FreePort(), FreePort()));
+    std::optional<core::Error> ended;
+    main.SetProgramEnd([&](const core::Error& e) { ended = e; });
+    main.RunEvent(&app::Main::Form_Load);
+    ASSERT_FALSE(ended.has_value());
+    EXPECT_EQ(view.steps, (std::vector<std::string>{"inputs", "buttons", "status", "menus"}));
+
+    view.steps.clear();
+    view.failButtons = true;
+    main.RunEvent(&app::Main::StopMenu_Click);
+    ASSERT_TRUE(ended.has_value());
+    EXPECT_EQ(ended->Number(), 91);
+    EXPECT_EQ(ended->Source(), "ToggleButtons Method");
+    EXPECT_EQ(view.steps, (std::vector<std::string>{"inputs", "buttons"}));
+    EXPECT_EQ(view.stopped, false) << "the status panel still shows the running state";
+}
+
 TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     app::MainWindow window;
     app::Main main(window, Options(FreePort(), FreePort()));
     window.Attach(main);
     main.RunEvent(&app::Main::Form_Load);
 
-    EXPECT_EQ(window.StatusBar->text(), "Running");
+    EXPECT_EQ(window.statusPanel->text(), "Running");
     EXPECT_FALSE(window.StartButton->isEnabled());
     EXPECT_TRUE(window.StopButton->isEnabled());
     EXPECT_FALSE(window.txtListenPortPOP3->isEnabled());
@@ -107,7 +142,7 @@ TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     EXPECT_EQ(std::to_string(main.WinsockPOP3().LocalPort()), window.txtListenPortPOP3->text().toStdString());
 
     QTest::mouseClick(window.StopButton, Qt::LeftButton);
-    EXPECT_EQ(window.StatusBar->text(), "Stopped");
+    EXPECT_EQ(window.statusPanel->text(), "Stopped");
     EXPECT_TRUE(window.txtListenPortSMTP->isEnabled());
     EXPECT_EQ(main.WinsockPOP3().State(), core::ISocketControl::kClosed);
     EXPECT_EQ(main.WinsockSMTP().State(), core::ISocketControl::kClosed);
@@ -119,7 +154,7 @@ TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     main.WriteLog("before start");
     QTest::mouseClick(window.StartButton, Qt::LeftButton);
 
-    EXPECT_EQ(window.StatusBar->text(), "Running");
+    EXPECT_EQ(window.statusPanel->text(), "Running");
     EXPECT_EQ(window.txtData->toPlainText(), "") << "Start empties the log";
     EXPECT_EQ(main.Pop3ServerObject(), pop3);
     EXPECT_EQ(main.SmtpServerObject(), smtp);
@@ -137,7 +172,7 @@ TEST_F(MainTest, WindowStopThenStartRereadsBothPortBoxesWithTheSameServers) {
     window.close();
     EXPECT_EQ(main.Pop3ServerObject(), nullptr);
     EXPECT_EQ(main.WinsockSMTP().State(), core::ISocketControl::kClosed);
-    EXPECT_EQ(window.StatusBar->text(), "Stopped");
+    EXPECT_EQ(window.statusPanel->text(), "Stopped");
 }
 
 }  // namespace
