@@ -22,7 +22,15 @@ public:
     void AppendLog(const std::string& entry) override { appends.push_back(entry); }
     bool BatchesLog() const override { return batches_; }
     void ClearLog() override {}
-    void Toggle(bool) override {}
+    void ToggleInputs(bool) override {}
+    void ToggleButtons(bool) override {}
+    void ToggleStatusBar(bool) override {}
+    void ToggleMenus(bool) override {}
+    void PlaceAtWorkAreaCorner() override {}
+    void AddTrayIcon() override {}
+    void RemoveTrayIcon() override {}
+    void HideFromTaskList() override {}
+    void ShowAbout(const std::string&, const std::string&) override {}
     void ShowMessage(const std::string&) override {}
     void ShowFatalMessage(const std::string&) override {}
 
