@@ -92,7 +92,8 @@ Options:
   --domain NAME             mail domain of the store's accounts
                             (default tarnwick.local)
   --auth basic|digest|any   HTTP authentication offered (default any: both)
-  --max-message-size BYTES  largest request body accepted (default 10485760)
+  --max-message-size BYTES  largest request body accepted (default 67108864,
+                            64 MiB: room for a 25 MB attachment in base64)
   --add-user NAME PASSWORD  create the account (or set its password) and exit
   --demo                    create account "demo", password "demo", with a few
                             sample messages, if it does not exist yet

@@ -3,6 +3,7 @@
 #include <pugixml.hpp>
 
 #include "webmail/Account.h"
+#include "webmail/EncodedWords.h"
 #include "webmail/MultistatusWriter.h"
 
 namespace {
@@ -125,7 +126,7 @@ std::string PropfindReplies::messages(const ServiceUrls& urls, std::string_view 
         MultistatusWriter::addProp(prop, "D:isfolder", "0");
         MultistatusWriter::addProp(prop, "hm:read", m.entry.seen() ? "1" : "0");
         MultistatusWriter::addProp(prop, "m:to", m.summary.to);
-        MultistatusWriter::addProp(prop, "m:from", m.summary.from);
+        MultistatusWriter::addProp(prop, "m:from", EncodedWords::encode(m.summary.from));
         MultistatusWriter::addProp(prop, "h:fromaddr", m.summary.fromAddress);
         MultistatusWriter::addProp(prop, "m:subject", m.summary.subject);
         MultistatusWriter::addProp(prop, "m:date", m.summary.date);

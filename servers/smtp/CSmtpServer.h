@@ -1,7 +1,9 @@
-// The SMTP server: the shared frame with the SMTP command table, command-word and argument rules, and the
-// arrival handling that switches between command mode and message data mode.
+// The SMTP server: the shared frame with the SMTP command table, command-word and argument rules, the
+// arrival handling that switches between command mode and message data mode, and the relay of each
+// finished message through the connection's service client.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -18,13 +20,33 @@ public:
 
     // The fixed mail domain named in the greeting and in the reply to QUIT.
     static constexpr std::string_view kMailDomain = "tarnwick.local";
+    // The refusal of HELO and of the relay while the credential store holds no user name.
+    static constexpr std::string_view kCredentialsUnavailable =
+        "Tarnwick/SMTP Gateway Server Username and Password are unavailable. Please perform a 'Receive' before "
+        "sending any messages to initialize the application.";
 
-    // Whether `chunk` ends with the end-of-data mark CR LF "." CR LF.
-    static bool IsEndOfData(const std::string& chunk);
+    // Where the message data ends in `arrival`: the length of its share up to and including the first end
+    // mark CR LF "." CR LF, whose first bytes may close the text `collected` before it (the data starts at
+    // the beginning of a line); npos when the arrival holds no end mark.
+    static std::size_t FindEndOfData(std::string_view collected, std::string_view arrival);
 
 private:
     void HandleCONN(const std::string& request) override;
+    void HandleHELO(const std::string& request);
+    void HandleMAIL(const std::string& request);
+    void HandleRCPT(const std::string& request);
+    void HandleDATA(const std::string& request);
+    void HandleMESG(const std::string& request);
+    void HandleSEND(const std::string& request);
     void HandleQUIT(const std::string& request);
+
+    // Whether the host's credential store holds a user name (a mail reader has fetched mail since start).
+    bool CredentialsAvailable() const;
+    // Logs the connection's service client in with the host's credentials, once per connection; does
+    // nothing while no user name is available.
+    void ConnectToHotmail();
+    // The message/rfc821 text posted for `messageText`: envelope lines, an empty line, the text, ".".
+    std::string BuildMessage(const std::string& messageText) const;
 
     bool DispatchCommand(const std::string& request) override;
     std::string ExtractCommand(const std::string& text) const override;
@@ -34,9 +56,15 @@ private:
     void ResetConnectionState() override;
     void ResetSessionState() override;
 
-    // Every word in dispatch order; words without a handler here are answered as unrecognised.
+    // Every word in dispatch order.
     static const frame::Command<CSmtpServer> kCommands[];
 
+    // Sender and recipient as the client wrote them after the colon; kept across transactions and
+    // connections until the next MAIL or RCPT.
+    std::string MailFrom;
+    std::string RcptTo;
+    // The message text collected in the current data phase, as received.
+    std::string MailData;
     // The connection's service client has been logged in.
     bool LoggedIn = false;
     // From an accepted DATA until the end of the data: arrivals are message chunks, not commands.

@@ -115,7 +115,8 @@ class Store:
 class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports."""
 
-    def __init__(self):
+    def __init__(self, webmail_args=()):
+        self.webmail_args = list(webmail_args)
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
         self.webmail = None
@@ -150,7 +151,7 @@ class Stack:
         self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "wb")
         self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "wb")
         self.webmail = subprocess.Popen(
-            [os.environ["TARNWICK_WEBMAIL"], "--store", self.store.root, "--listen", HOST + ":0"],
+            [os.environ["TARNWICK_WEBMAIL"], "--store", self.store.root, "--listen", HOST + ":0"] + self.webmail_args,
             stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
 
         def bound():

@@ -67,6 +67,26 @@ NO_FINAL_LINE_END = (b"From: Terse <terse@example.org>\r\n"
 MIXED = [PLAIN, READ, DOTS, EIGHT_BIT, MULTIPART, NO_FINAL_LINE_END]
 UNREAD = [m for m in MIXED if m is not READ]
 
+# Sender names in raw 8-bit bytes, as some mailers still write them: Latin-1, and UTF-8 with characters of
+# two, three and four bytes. The listing must still give every message a printable ASCII unique id.
+LATIN1_NAME = (b"From: Fran\xe7ois L\xe9ger <francois@example.org>\r\n"
+               b"To: alice@example.org\r\n"
+               b"Subject: Caf\xe9 cr\xe8me\r\n"
+               b"Content-Type: text/plain; charset=iso-8859-1\r\n"
+               b"\r\n"
+               b"D\xe9j\xe0 vu.\r\n")
+
+UTF8_NAME = (b"From: \"J\xc3\xbcrgen M\xc3\xbcller \xe2\x80\x93 \xf0\x9f\x93\xab\" <juergen@example.org>\r\n"
+             b"To: alice@example.org\r\n"
+             b"Subject: Gr\xc3\xbc\xc3\x9fe\r\n"
+             b"Content-Type: text/plain; charset=utf-8\r\n"
+             b"\r\n"
+             b"Sch\xc3\xb6ne Gr\xc3\xbc\xc3\x9fe.\r\n")
+
+# What the mail readers' tests fetch: the mixed set, then the two 8-bit sender names.
+READER_MAIL = MIXED + [LATIN1_NAME, UTF8_NAME]
+READER_UNREAD = [m for m in READER_MAIL if m is not READ]
+
 
 def big_message(size):
     """A text message of about `size` bytes whose lines now and then begin with a full stop."""
@@ -77,9 +97,9 @@ def big_message(size):
     return head + b"".join(dotted if i % 997 == 0 else line for i in range(lines))
 
 
-def deliver_mixed(store, user):
-    """The mixed set into `user`'s inbox, in order; READ is marked read. Returns the messages' ids."""
-    return [store.deliver(user, m, seen=m is READ) for m in MIXED]
+def deliver_mixed(store, user, mail=MIXED):
+    """The mixed set (or `mail`) into `user`'s inbox, in order; READ is marked read. Returns the messages' ids."""
+    return [store.deliver(user, m, seen=m is READ) for m in mail]
 
 
 def stuffed(body):

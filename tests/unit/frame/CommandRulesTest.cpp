@@ -90,12 +90,34 @@ TEST_F(CommandRulesTest, TextsLongerThanSixteenBitCountsYieldEmptyResults) {
     EXPECT_EQ(pop3.GetCommand("list" + std::string(40000, 'x')), "LIST");
 }
 
-TEST_F(CommandRulesTest, EndOfDataOnlyAtTheEndOfTheChunk) {
-    EXPECT_TRUE(servers::smtp::CSmtpServer::IsEndOfData("Subject: x\r\n\r\nbody\r\n.\r\n"));
-    EXPECT_TRUE(servers::smtp::CSmtpServer::IsEndOfData("\r\n.\r\n"));
-    EXPECT_FALSE(servers::smtp::CSmtpServer::IsEndOfData(".\r\n"));
-    EXPECT_FALSE(servers::smtp::CSmtpServer::IsEndOfData("a\r\n.\r\nb\r\n"));
-    EXPECT_FALSE(servers::smtp::CSmtpServer::IsEndOfData("a\n.\n"));
+TEST_F(CommandRulesTest, EndOfDataIsTheFirstDotLineEvenAcrossArrivals) {
+    constexpr std::size_t kNone = std::string::npos;
+    struct Case {
+        std::string collected;
+        std::string arrival;
+        std::size_t end;
+    };
+    const Case cases[] = {
+        {"", "Subject: x\r\n\r\nbody\r\n.\r\n", 23},
+        {"", "body\r\n.\r\nQUIT\r\n", 9},
+        {"", "a\r\n.\r\nb\r\n.\r\n", 6},
+        // The data starts at the beginning of a line: "." alone right after DATA is an empty message.
+        {"", ".\r\n", 3},
+        {"", "..\r\n", kNone},
+        {"body\r\n", ".\r\n", 3},
+        {"body\r\n", ".\r\nQUIT\r\n", 3},
+        {"body\r\n.", "\r\n", 2},
+        {"body\r", "\n.\r\n", 4},
+        {"body", "\r\n.\r\n", 5},
+        {"body", ".\r\n", kNone},
+        {"body\r\n", "..\r\n", kNone},
+        {"body\r\n", ".x\r\n.\r\n", 7},
+        {"a", "\n.\n", kNone},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(servers::smtp::CSmtpServer::FindEndOfData(c.collected, c.arrival), c.end)
+            << "collected " << testing::PrintToString(c.collected) << ", arrival " << testing::PrintToString(c.arrival);
+    }
 }
 
 TEST_F(CommandRulesTest, CreationDefaults) {

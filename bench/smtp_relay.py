@@ -1,0 +1,153 @@
+#!/usr/bin/env python3
+"""How long the gateway takes to relay a message, against posting the same relayed text to tarnwick-webmail
+directly with one curl call.
+
+Run by hand after a build:  bench/smtp_relay.py [--build build] [--sizes-mb 1,20] [--pairs 7]
+For each size, interleaved pairs: (a) on an SMTP connection that has already relayed one small message (so
+the log-in is behind it), the time from sending DATA to the reply "250 message queued"; (b) one curl process
+posting the text the gateway posted, with the same authentication negotiation. Prints every pair, then the
+median and min-max of each side and of throughput, and the ratios last. Everything runs on 127.0.0.1; each
+process is stopped by its pid. Nothing is asserted. Goal: ratio <= 1.3 at 20 MB, and the same throughput at
+1 MB and 20 MB (the cost per chunk does not grow with the text collected so far).
+"""
+
+import argparse
+import os
+import socket
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e", "pop3"))
+
+import gateway_stack  # noqa: E402
+import messages  # noqa: E402
+
+SENDER = "bench@tarnwick.local"
+RECIPIENT = "rcpt@tarnwick.local"
+
+
+class SmtpClient:
+    """A well-behaved client: it reads every reply and waits for the relay's own."""
+
+    def __init__(self, port):
+        self.sock = socket.create_connection((gateway_stack.HOST, port), timeout=3600)
+        self.buf = b""
+        self.line()
+
+    def line(self):
+        while b"\r\n" not in self.buf:
+            chunk = self.sock.recv(1 << 16)
+            if not chunk:
+                raise RuntimeError("connection closed")
+            self.buf += chunk
+        line, self.buf = self.buf.split(b"\r\n", 1)
+        return line
+
+    def command(self, text):
+        self.sock.sendall(text + b"\r\n")
+        return self.line()
+
+    def relay(self, stuffed):
+        """Seconds from DATA to the relay's reply."""
+        start = time.monotonic()
+        assert self.command(b"MAIL FROM:<%s>" % SENDER.encode()) == b"250 ok"
+        assert self.command(b"RCPT TO:<%s>" % RECIPIENT.encode()) == b"250 ok"
+        assert self.command(b"DATA") == b"354 ok"
+        self.sock.sendall(stuffed + b".\r\n")
+        while True:
+            reply = self.line()
+            if reply != b"250 ok":
+                break
+        elapsed = time.monotonic() - start
+        if reply != b"250 message queued":
+            raise RuntimeError("relay failed: %r" % reply)
+        return elapsed
+
+    def close(self):
+        self.command(b"QUIT")
+        self.sock.close()
+
+
+def relayed_text(stuffed):
+    return b"MAIL FROM:<%s>\r\nRCPT TO:<%s>\r\n\r\n%s\r\n.\r\n" % (SENDER.encode(), RECIPIENT.encode(), stuffed)
+
+
+def curl_post(stack, path):
+    """Seconds for one curl process to post the file at `path` to the send address."""
+    url = "http://%s:%d/mail/bench/sendmsg" % (gateway_stack.HOST, stack.service_port)
+    start = time.monotonic()
+    subprocess.run(["curl", "--silent", "--show-error", "--fail", "--noproxy", "*", "--anyauth", "--user",
+                    "bench:bench", "-H", "Content-Type: message/rfc821", "-H", "Expect:", "--data-binary",
+                    "@" + path, "-o", "/dev/null", url], check=True)
+    return time.monotonic() - start
+
+
+def empty_store(stack):
+    for folder in (("rcpt", "new"), ("rcpt", "cur"), ("bench", ".Sent Items", "new"), ("bench", ".Sent Items", "cur")):
+        path = os.path.join(stack.store.root, *folder)
+        for name in os.listdir(path):
+            os.remove(os.path.join(path, name))
+
+
+def describe(values):
+    return "median %.3f s (%.3f-%.3f)" % (statistics.median(values), min(values), max(values))
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", default=os.path.join(HERE, "..", "build"))
+    parser.add_argument("--sizes-mb", default="1,20")
+    parser.add_argument("--pairs", type=int, default=7)
+    args = parser.parse_args()
+    os.environ.setdefault("TARNWICK_GATEWAY", os.path.join(args.build, "app", "tarnwick-gateway"))
+    os.environ.setdefault("TARNWICK_WEBMAIL", os.path.join(args.build, "webmail", "tarnwick-webmail"))
+
+    stack = gateway_stack.Stack()
+    results = {}
+    try:
+        stack.store.add_user("bench", "bench")
+        stack.store.add_user("rcpt", "rcpt")
+        stack.start()
+        pop = __import__("poplib").POP3(gateway_stack.HOST, stack.pop3_port, timeout=60)
+        pop.user("bench")
+        pop.pass_("bench")
+        pop.stat()
+        pop.quit()
+        pop.close()
+        for mb in (int(s) for s in args.sizes_mb.split(",")):
+            stuffed = messages.stuffed(messages.big_message(mb * 1024 * 1024))
+            with tempfile.NamedTemporaryFile(prefix="tarnwick-bench-") as f:
+                f.write(relayed_text(stuffed))
+                f.flush()
+                gateway_times, curl_times = [], []
+                for i in range(args.pairs):
+                    gateway_stack.wait_for(lambda: gateway_stack.is_listening(stack.smtp_port), 30, "SMTP")
+                    client = SmtpClient(stack.smtp_port)
+                    client.command(b"HELO bench")
+                    client.relay(b"Subject: log-in\r\n\r\nfirst\r\n")
+                    gateway_times.append(client.relay(stuffed))
+                    client.close()
+                    curl_times.append(curl_post(stack, f.name))
+                    empty_store(stack)
+                    print("%2d MB pair %d: gateway %.3f s, curl %.3f s" % (mb, i + 1, gateway_times[-1], curl_times[-1]),
+                          flush=True)
+            results[mb] = (gateway_times, curl_times, len(stuffed))
+    finally:
+        stack.stop()
+
+    print()
+    for mb, (g, c, size) in results.items():
+        print("%2d MB gateway: %s, %.0f MB/s" % (mb, describe(g), size / statistics.median(g) / 1e6))
+        print("%2d MB curl:    %s, %.0f MB/s" % (mb, describe(c), size / statistics.median(c) / 1e6))
+    for mb, (g, c, _) in results.items():
+        ratios = [a / b for a, b in zip(g, c)]
+        print("%2d MB ratio gateway/curl: median %.2f (%.2f-%.2f)" % (mb, statistics.median(ratios), min(ratios),
+                                                                    max(ratios)))
+
+
+if __name__ == "__main__":
+    main()
