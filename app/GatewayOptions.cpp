@@ -34,7 +34,9 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
                                       "output and error messages to standard error.");
     const QCommandLineOption pop3Port("pop3-port", "Port text the POP3 port box starts with (default 110).", "TEXT");
     const QCommandLineOption smtpPort("smtp-port", "Port text the SMTP port box starts with (default 25).", "TEXT");
-    const QCommandLineOption serviceUrl("service-url", "Entry address of the web mail service.", "URL");
+    const QCommandLineOption serviceUrl(
+        "service-url",
+        "Entry address of the web mail service (default http://127.0.0.1:8110/svcs/hotmail/tarnwick.asp).", "URL");
     const QCommandLineOption listenAddress("listen-address", "Address both servers listen on (default 127.0.0.1).",
                                            "ADDR");
     parser.addOptions({headless, pop3Port, smtpPort, serviceUrl, listenAddress});
