@@ -7,7 +7,12 @@
 #include <string>
 #include <string_view>
 
+#include <unistd.h>
+
+#include <filesystem>
+
 #include "fuzz/FuzzCheck.h"
+#include "webmail/MessageFile.h"
 #include "webmail/MessageSummary.h"
 
 namespace {
@@ -60,12 +65,30 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (const auto date = MessageSummary::isoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
     Check(IsCleanText(MessageSummary::cleanText(raw)), "cleanText gives clean UTF-8 without controls");
 
-    const std::string served = MessageSummary::toCrlf(raw);
-    std::size_t loneLf = 0;
-    for (std::size_t i = 0; i < raw.size(); ++i) {
-        if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) ++loneLf;
+    // Served from the file in small pieces, so that a CR LF made for a bare LF can fall on a piece's edge.
+    struct ScratchFile {
+        std::filesystem::path path =
+            std::filesystem::temp_directory_path() / ("webmail_headers_fuzzer." + std::to_string(::getpid()));
+        ~ScratchFile() { std::filesystem::remove(path); }
+    };
+    static const ScratchFile scratch;
+    const std::filesystem::path& path = scratch.path;
+    if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
+        std::fwrite(raw.data(), 1, raw.size(), f);
+        std::fclose(f);
     }
-    Check(served.size() == raw.size() + loneLf, "serving adds one CR per lone LF and nothing else");
-    Check(MessageSummary::toCrlf(served) == served, "served text has CR LF line ends only");
+    const std::optional<MessageFile> file = MessageFile::open(path);
+    Check(file.has_value(), "a regular message file opens");
+    std::string served;
+    std::uint64_t offset = 0;
+    bool lastCr = false;
+    char piece[7];
+    for (long n; (n = file->readServed(offset, lastCr, piece, sizeof piece)) > 0;) served.append(piece, n);
+    std::string expected;
+    for (std::size_t i = 0; i < raw.size(); ++i) {
+        if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) expected += '\r';
+        expected += raw[i];
+    }
+    Check(served == expected, "serving adds one CR before each bare LF and nothing else");
     return 0;
 }
