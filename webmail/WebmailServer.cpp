@@ -10,8 +10,8 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <fstream>
-#include <random>
 #include <stdexcept>
 
 #include "core/Ascii.h"
@@ -19,9 +19,11 @@
 
 namespace {
 
-// Seconds a Digest nonce stays valid, and how many nonces are tracked at once.
+// Seconds a Digest nonce stays valid, and how many nonces have their last nc remembered at once.
 constexpr unsigned kNonceTimeoutSeconds = 300;
 constexpr unsigned kNonceSlots = 1024;
+// The opaque value of the Digest challenge, echoed by clients.
+constexpr const char* kOpaque = "tarnwick";
 // Seconds an idle connection is kept.
 constexpr unsigned kConnectionTimeoutSeconds = 60;
 constexpr unsigned kWorkerThreads = 4;
@@ -125,7 +127,10 @@ struct ServerCallbacks {
 };
 
 WebmailServer::WebmailServer(MaildirStore& store, Options options)
-    : store_(store), options_(std::move(options)), service_(store, options_.domain) {}
+    : store_(store),
+      options_(std::move(options)),
+      service_(store, options_.domain),
+      digest_(kRealm, kOpaque, kNonceTimeoutSeconds, kNonceSlots) {}
 
 WebmailServer::~WebmailServer() { stop(); }
 
@@ -136,16 +141,11 @@ void WebmailServer::start() {
     if (::inet_pton(AF_INET, options_.address.c_str(), &address.sin_addr) != 1) {
         throw std::runtime_error("not an IPv4 address: " + options_.address);
     }
-    std::random_device random;
-    for (auto& byte : nonceSeed_) byte = static_cast<unsigned char>(random());
-
-    daemon_ =
-        MHD_start_daemon(MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr,
-                         &ServerCallbacks::onRequest, this, MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address),
-                         MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads, MHD_OPTION_CONNECTION_TIMEOUT,
-                         kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED, &ServerCallbacks::onCompleted, this,
-                         MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_DIGEST_AUTH_RANDOM,
-                         sizeof nonceSeed_, nonceSeed_, MHD_OPTION_NONCE_NC_SIZE, kNonceSlots, MHD_OPTION_END);
+    daemon_ = MHD_start_daemon(
+        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::onRequest, this,
+        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
+        MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+        &ServerCallbacks::onCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &keepEscapes, nullptr, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));
     }
@@ -189,7 +189,7 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
     if (pending->tooLarge) return queue(connection, DavReply::failure(413, "Request body too large"), method, url, "-");
 
     bool staleNonce = false;
-    const std::string user = authenticate(connection, staleNonce);
+    const std::string user = authenticate(connection, method, url, staleNonce);
     if (user.empty()) return queueChallenge(connection, staleNonce, method, url);
 
     DavRequest request;
@@ -205,7 +205,8 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
     return queue(connection, service_.handle(request), method, url, user);
 }
 
-std::string WebmailServer::authenticate(MHD_Connection* connection, bool& staleNonce) {
+std::string WebmailServer::authenticate(MHD_Connection* connection, const char* method, const char* url,
+                                        bool& staleNonce) {
     const std::string authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
     // Scheme names are case-insensitive (RFC 7235).
     const std::string_view scheme = BasicCredentials::scheme(authorization);
@@ -220,16 +221,11 @@ std::string WebmailServer::authenticate(MHD_Connection* connection, bool& staleN
         return accepted ? credentials->name : std::string();
     }
     if (digest && options_.auth != AuthMode::Basic) {
-        char* name = MHD_digest_auth_get_username(connection);
-        if (name == nullptr) return {};
-        std::string user = name;
-        MHD_free(name);
-        const auto expected = store_.password(user);
-        if (!expected) return {};
-        const int result = MHD_digest_auth_check2(connection, kRealm, user.c_str(), expected->c_str(),
-                                                  kNonceTimeoutSeconds, MHD_DIGEST_ALG_MD5);
-        if (result == MHD_YES) return user;
-        staleNonce = result == MHD_INVALID_NONCE;
+        const auto result = digest_.check(
+            authorization, method, url, [this](const std::string& name) { return store_.password(name); },
+            std::time(nullptr));
+        if (result.outcome == DigestAuth::Outcome::Accepted) return result.user;
+        staleNonce = result.outcome == DigestAuth::Outcome::Stale;
     }
     return {};
 }
@@ -250,8 +246,9 @@ int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, c
             MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
                                     (std::string("Basic realm=\"") + kRealm + "\"").c_str());
         }
-        queued = MHD_queue_auth_fail_response2(connection, kRealm, "tarnwick", response, staleNonce ? MHD_YES : MHD_NO,
-                                               MHD_DIGEST_ALG_MD5);
+        MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
+                                digest_.challenge(staleNonce, std::time(nullptr)).c_str());
+        queued = MHD_queue_response(connection, MHD_HTTP_UNAUTHORIZED, response);
     }
     MHD_destroy_response(response);
     logLine(method, url, 401, reply.body.size(), "-");

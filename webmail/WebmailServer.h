@@ -8,6 +8,7 @@
 #include <string>
 
 #include "webmail/DavService.h"
+#include "webmail/DigestAuth.h"
 #include "webmail/MaildirStore.h"
 
 struct MHD_Daemon;
@@ -47,7 +48,7 @@ private:
     int handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
                std::size_t* uploadSize, void** state);
     // The authenticated account, or empty when the credentials are missing or wrong.
-    std::string authenticate(MHD_Connection* connection, bool& staleNonce);
+    std::string authenticate(MHD_Connection* connection, const char* method, const char* url, bool& staleNonce);
     int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
     int queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
               const std::string& user);
@@ -60,6 +61,6 @@ private:
     DavService service_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t boundPort_ = 0;
-    unsigned char nonceSeed_[32] = {};
+    DigestAuth digest_;
     std::mutex logMutex_;
 };

@@ -1,5 +1,6 @@
 """Drives a running tarnwick-webmail on an ephemeral loopback port, with the requests the gateway sends."""
 import base64
+import hashlib
 import http.client
 import os
 import re
@@ -275,6 +276,30 @@ class DigestAuthTest(ServiceCase):
         status, headers, _ = self.svc.request("PROPFIND", ENTRY)
         self.assertEqual(status, 401)
         self.assertNotIn("Basic", " ".join(headers.get_all("WWW-Authenticate")))
+
+    def test_one_nonce_serves_every_address_and_the_scheme_in_any_case(self):
+        status, headers, _ = self.svc.request("PROPFIND", ENTRY, user=None)
+        self.assertEqual(status, 401)
+        challenge = dict(re.findall(r'(\w+)="?([^",]*)"?', headers["WWW-Authenticate"]))
+        self.assertEqual((challenge["realm"], challenge["qop"], challenge["algorithm"]), ("tarnwick-webmail", "auth", "MD5"))
+
+        def md5(text):
+            return hashlib.md5(text.encode()).hexdigest()
+
+        def digest(method, uri, nc, password="demo"):
+            ha1 = md5("demo:tarnwick-webmail:" + password)
+            response = md5(":".join((ha1, challenge["nonce"], nc, "c0ffee", "auth", md5(method + ":" + uri))))
+            return {"Authorization": 'digest username="demo", realm="tarnwick-webmail", nonce="%s", uri="%s", '
+                                     'qop=auth, nc=%s, cnonce="c0ffee", opaque="%s", response="%s"'
+                                     % (challenge["nonce"], uri, nc, challenge["opaque"], response)}
+
+        for method, uri, nc, expected in (("PROPFIND", ENTRY, "00000001", 207),
+                                          ("PROPFIND", "/mail/demo/folders/", "00000002", 207),
+                                          ("GET", "/mail/demo/folders/", "00000002", 401),  # nc replayed
+                                          ("PROPFIND", "/mail/demo/folders/INBOX/", "00000003", 207)):
+            status, headers, _ = self.svc.request(method, uri, headers=digest(method, uri, nc), user=None)
+            self.assertEqual(status, expected, (uri, nc))
+        self.assertEqual(self.svc.log_text().count(" 401 "), 2)
 
 
 class RefusalTest(ServiceCase):

@@ -1,0 +1,96 @@
+// The Digest check: RFC 2617's worked example, and the answers to right, wrong, forged and expired credentials.
+#include <gtest/gtest.h>
+
+#include "webmail/DigestAuth.h"
+
+namespace {
+
+constexpr std::int64_t kNow = 1'800'000'000;
+constexpr unsigned kLifetime = 300;
+
+TEST(DigestAuthTest, RfcExampleGivesItsResponseWhateverTheSchemeCase) {
+    for (const char* scheme : {"Digest", "digest", "DIGEST"}) {
+        const auto credentials = DigestAuth::parse(
+            std::string(scheme) +
+            R"( username="Mufasa", realm="testrealm@host.com", nonce="dcd98b7102dd2f0e8b11d0f600bfb0c093",)"
+            R"( uri="/dir/index.html", qop=auth, nc=00000001, cnonce="0a4f113b",)"
+            R"( response="6629fae49393a05397450978507c4ef1", opaque="5ccc069c403ebaf9f0171e9517f40e41")");
+        ASSERT_TRUE(credentials) << scheme;
+        EXPECT_EQ(credentials->username, "Mufasa");
+        EXPECT_EQ(DigestAuth::expectedResponse(*credentials, "GET", "Circle Of Life"), credentials->response);
+    }
+    // Quoted strings keep what their backslashes escape; a missing field or a broken list is no credential.
+    EXPECT_EQ(DigestAuth::parse(R"(Digest username="a\"b\\c",realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c)")
+                  ->username,
+              "a\"b\\c");
+    for (const char* bad : {"Digest username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1",
+                            "Digest username=\"a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
+                            "Digest username=a realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
+                            "Basic username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c"}) {
+        EXPECT_FALSE(DigestAuth::parse(bad)) << bad;
+    }
+}
+
+// An Authorization value answering challenge (its nonce) the way a client does.
+std::string answer(const std::string& challenge, const std::string& scheme, const std::string& password,
+                   const std::string& uri, const std::string& nc = "00000001") {
+    const std::size_t start = challenge.find("nonce=\"") + 7;
+    DigestAuth::Credentials c{
+        "demo", "realm", challenge.substr(start, challenge.find('"', start) - start), uri, "", "auth", nc, "0a4f113b",
+        "",     ""};
+    return scheme + " username=\"demo\", realm=\"realm\", nonce=\"" + c.nonce + "\", uri=\"" + uri +
+           "\", qop=auth, nc=" + nc + ", cnonce=\"0a4f113b\", opaque=\"op\", response=\"" +
+           DigestAuth::expectedResponse(c, "PROPFIND", password) + "\"";
+}
+
+TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
+    DigestAuth auth("realm", "op", kLifetime, 4);
+    const auto lookup = [](const std::string& user) {
+        return user == "demo" ? std::optional<std::string>("secret") : std::nullopt;
+    };
+    const std::string challenge = auth.challenge(false, kNow);
+    EXPECT_TRUE(challenge.starts_with(R"(Digest realm="realm", qop="auth", algorithm=MD5, nonce=")")) << challenge;
+    EXPECT_TRUE(challenge.ends_with(R"(", opaque="op")")) << challenge;
+    EXPECT_TRUE(auth.challenge(true, kNow).ends_with(", stale=true"));
+
+    std::string forged = answer(challenge, "Digest", "secret", "/a");
+    forged[forged.find("nonce=\"") + 10] ^= 1;  // a digit of the issue time
+    using O = DigestAuth::Outcome;
+    const struct {
+        const char* what;
+        std::string authorization;
+        std::int64_t now;
+        O outcome;
+    } cases[] = {
+        {"right", answer(challenge, "Digest", "secret", "/a"), kNow + 1, O::Accepted},
+        {"lower-case scheme, same nonce, next nc", answer(challenge, "digest", "secret", "/a", "00000002"), kNow,
+         O::Accepted},
+        {"nc replayed", answer(challenge, "Digest", "secret", "/a", "00000002"), kNow, O::Refused},
+        {"wrong password", answer(challenge, "Digest", "wrong", "/a", "00000003"), kNow, O::Refused},
+        {"uri of another request", answer(challenge, "Digest", "secret", "/b", "00000003"), kNow, O::Refused},
+        {"forged nonce", forged, kNow, O::Refused},
+        {"expired nonce", answer(challenge, "Digest", "secret", "/a", "00000003"), kNow + kLifetime + 1, O::Stale},
+        {"expired nonce, wrong password", answer(challenge, "Digest", "wrong", "/a", "00000003"), kNow + kLifetime + 1,
+         O::Refused},
+    };
+    for (const auto& c : cases) {
+        const auto result = auth.check(c.authorization, "PROPFIND", "/a", lookup, c.now);
+        EXPECT_EQ(result.outcome, c.outcome) << c.what;
+        EXPECT_EQ(result.user, c.outcome == O::Accepted ? "demo" : "") << c.what;
+    }
+    // Once more nonces are in use than are tracked, the older ones are answered stale, never replayable.
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(
+            auth.check(answer(auth.challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
+                .outcome,
+            i < 3 ? O::Accepted : O::Stale);
+    }
+    EXPECT_EQ(
+        auth.check(answer(challenge, "Digest", "secret", "/a", "00000009"), "PROPFIND", "/a", lookup, kNow).outcome,
+        O::Stale);
+    EXPECT_EQ(auth.check(answer(auth.challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
+                  .outcome,
+              O::Accepted);
+}
+
+}  // namespace
