@@ -9,39 +9,19 @@
 #include <vector>
 
 #include "app/LogBatch.h"
+#include "tests/integration/app/RecordingView.h"
 
 namespace {
 
-class BatchingView : public app::IMainView {
-public:
-    explicit BatchingView(bool batches) : batches_(batches) {}
-    std::string ListenPortPOP3Text() const override { return {}; }
-    void SetListenPortPOP3Text(const std::string&) override {}
-    std::string ListenPortSMTPText() const override { return {}; }
-    void SetListenPortSMTPText(const std::string&) override {}
-    void AppendLog(const std::string& entry) override { appends.push_back(entry); }
-    bool BatchesLog() const override { return batches_; }
-    void ClearLog() override {}
-    void ToggleInputs(bool) override {}
-    void ToggleButtons(bool) override {}
-    void ToggleStatusBar(bool) override {}
-    void ToggleMenus(bool) override {}
-    void PlaceAtWorkAreaCorner() override {}
-    void AddTrayIcon() override {}
-    void RemoveTrayIcon() override {}
-    void HideFromTaskList() override {}
-    void ShowAbout(const std::string&, const std::string&) override {}
-    void ShowMessage(const std::string&) override {}
-    void ShowFatalMessage(const std::string&) override {}
-
-    std::vector<std::string> appends;
-
-private:
-    bool batches_;
-};
+// A recording view that asks for its log in batches (a window) or entry by entry (headless).
+testing_support::RecordingView View(bool batches) {
+    testing_support::RecordingView view;
+    view.batches = batches;
+    return view;
+}
 
 TEST(LogBatchTest, WindowGetsWaitingEntriesInOneAppendInOrderAndDropLosesThem) {
-    BatchingView view(true);
+    testing_support::RecordingView view = View(true);
     app::LogBatch log(view);
     const auto response = std::make_shared<const std::string>("+OK 2 octets\r\nab\r\n.\r\n");
     log.Add("SOCKET_EVENT: OnDataArrival Fired", {}, nullptr);
@@ -61,7 +41,7 @@ TEST(LogBatchTest, WindowGetsWaitingEntriesInOneAppendInOrderAndDropLosesThem) {
 }
 
 TEST(LogBatchTest, HeadlessViewGetsEachEntryAtOnce) {
-    BatchingView view(false);
+    testing_support::RecordingView view = View(false);
     app::LogBatch log(view);
     const auto text = std::make_shared<const std::string>("abc\r\n");
     log.Add("CLIENT_REQUEST: ", *text, text);

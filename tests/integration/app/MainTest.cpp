@@ -16,50 +16,17 @@
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MErrorHandler.h"
+#include "tests/integration/app/RecordingView.h"
 
 namespace {
+
+using testing_support::RecordingView;
 
 std::string FreePort() {
     QTcpServer probe;
     probe.listen(QHostAddress::LocalHost, 0);
     return std::to_string(probe.serverPort());
 }
-
-// Records what the controller asks of its window.
-class RecordingView : public app::IMainView {
-public:
-    std::string ListenPortPOP3Text() const override { return pop3; }
-    void SetListenPortPOP3Text(const std::string& text) override { pop3 = text; }
-    std::string ListenPortSMTPText() const override { return smtp; }
-    void SetListenPortSMTPText(const std::string& text) override { smtp = text; }
-    void AppendLog(const std::string& entry) override { log += entry; }
-    void ClearLog() override { log.clear(); }
-    void ToggleInputs(bool) override { steps.push_back("inputs"); }
-    void ToggleButtons(bool) override {
-        steps.push_back("buttons");
-        if (failButtons) core::Raise(core::ErrorNumber::kObjectNotSet);
-    }
-    void ToggleStatusBar(bool isStopped) override {
-        steps.push_back("status");
-        stopped = isStopped;
-    }
-    void ToggleMenus(bool) override { steps.push_back("menus"); }
-    void PlaceAtWorkAreaCorner() override {}
-    void AddTrayIcon() override {}
-    void RemoveTrayIcon() override {}
-    void HideFromTaskList() override {}
-    void ShowAbout(const std::string&, const std::string&) override {}
-    void ShowMessage(const std::string&) override {}
-    void ShowFatalMessage(const std::string& text) override { fatal.push_back(text); }
-
-    std::string pop3;
-    std::string smtp;
-    std::string log;
-    std::optional<bool> stopped;
-    std::vector<std::string> steps;
-    bool failButtons = false;
-    std::vector<std::string> fatal;
-};
 
 class MainTest : public ::testing::Test {
 protected:

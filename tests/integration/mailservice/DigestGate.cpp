@@ -2,7 +2,7 @@
 
 #include <QCryptographicHash>
 
-#include <cstdlib>
+#include <charconv>
 
 namespace testing_support {
 namespace {
@@ -57,7 +57,10 @@ DigestGate::Verdict DigestGate::Check(const std::string& authorization, const st
     auto live = lastNc_.find(p["nonce"]);
     // A correct answer to a nonce that no longer lives (or never did) asks for a fresh one.
     if (live == lastNc_.end()) return Verdict::Stale;
-    const unsigned long nc = std::strtoul(p["nc"].c_str(), nullptr, 16);
+    // An nc that is not hex reads as 0 and so is never fresh.
+    unsigned long nc = 0;
+    const std::string& ncText = p["nc"];
+    std::from_chars(ncText.data(), ncText.data() + ncText.size(), nc, 16);
     // A replayed or reordered nc is refused, as RFC 7616 lets a server do.
     if (nc <= live->second) return Verdict::Refused;
     live->second = nc;
