@@ -34,6 +34,11 @@ def tearDownModule():
     stack.stop()
 
 
+def read(path):
+    with open(path, "rb") as f:
+        return f.read()
+
+
 def as_delivered(body):
     """A message as a reader hands it to a delivery agent: the gateway's line in front, plain LF line ends."""
     return (APP_LINE + b"\r\n" + body + b"\r\n").replace(b"\r\n", b"\n")
@@ -63,7 +68,7 @@ class Readers(unittest.TestCase):
     @staticmethod
     def delivered(home):
         out = os.path.join(home, "delivered")
-        return [open(os.path.join(out, name), "rb").read() for name in sorted(os.listdir(out))]
+        return [read(os.path.join(out, name)) for name in sorted(os.listdir(out))]
 
     def test_poplib_fetches_deletes_one_and_the_next_connection_lists_the_rest(self):
         pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
