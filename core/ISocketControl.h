@@ -12,7 +12,8 @@ class ISocketEvents;
 
 class ISocketControl {
 public:
-    // Values of State(); the frame only ever compares with kClosed.
+    // Values of State() (states, not error numbers: kError is the state of a broken connection); the frame only
+    // ever compares with kClosed.
     static constexpr std::int32_t kClosed = 0;
     static constexpr std::int32_t kListening = 2;
     static constexpr std::int32_t kConnected = 7;
