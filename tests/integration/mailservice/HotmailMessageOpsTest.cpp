@@ -68,12 +68,14 @@ TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
     EXPECT_EQ(mail_.HotmailError(), "207 listed");
 }
 
+// A body large enough that the HTTP library would add "Expect: 100-continue" of its own accord.
 TEST_F(HotmailTest, SendMailPostsTheBodyUnchangedWithOneExtraHeader) {
     std::string body =
         "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n"
         "Subject: Gr\xC3\xBC\xC3\x9F"
         "e\r\n\r\nlatin1 \xE9\xFF, a lone \n and \r.\r\n..dot\r\n.\r\n";
     body.push_back('\0');
+    body.append(2 * 1024 * 1024, 'x');
     mail_.SetOutboxURL(svc_.Url("/outbox"));
     svc_.Enqueue(DavReply("queued", 500, "500 relay later"));
     const std::string headers = mail_.SendMail(body);

@@ -1,8 +1,8 @@
-// The request layer against a recording fake service: what goes on the wire, what comes back, how it fails.
+// How the request layer fails: each cause with its own number. (What goes on the wire is checked through the
+// service client's requests.)
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
 #include "FakeWebDavService.h"
 #include "core/Error.h"
@@ -12,40 +12,10 @@
 namespace {
 
 using platform::HttpRequest;
-using testing_support::DavReply;
 using testing_support::FakeWebDavService;
 using testing_support::RaisedErrorNumber;
 using testing_support::ScriptedReply;
 namespace ErrorNumber = core::ErrorNumber;
-
-// libcurl's own additions (Accept, Expect, a form Content-Type, a length for a body-less custom method) must not
-// go out, and a header with an empty value must.
-TEST(HttpRequestTest, OnlyTheGivenHeadersGoOutInOrderAndBodiesAreSentWhole) {
-    FakeWebDavService svc;
-    svc.Enqueue(DavReply("ok"));
-    svc.Enqueue(DavReply("ok"));
-    std::string big(2 * 1024 * 1024, 'x');
-    big[0] = '\0';
-    big[1] = '\xE9';
-    HttpRequest http;
-    http.Open("PROPFIND", svc.Url("/a"));
-    http.SetRequestHeader("X-One", "1");
-    http.Send();
-    http.Open("BMOVE", svc.Url("/big"));
-    http.SetRequestHeader("Destination", "");
-    http.SetRequestHeader("Content-Type", "text/xml");
-    http.Send(big);
-
-    const auto reqs = svc.Requests();
-    ASSERT_EQ(reqs.size(), 2u);
-    EXPECT_EQ(reqs[0].method, "PROPFIND");
-    EXPECT_EQ(reqs[0].body, "");
-    EXPECT_FALSE(reqs[0].Header("Content-Length"));
-    EXPECT_EQ(reqs[0].ExtraHeaderNames(), std::vector<std::string>{"X-One"});
-    EXPECT_TRUE(reqs[1].body == big);
-    EXPECT_EQ(reqs[1].ExtraHeaderNames(), (std::vector<std::string>{"Destination", "Content-Type"}));
-    EXPECT_EQ(reqs[1].Header("Destination"), "");
-}
 
 TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
     FakeWebDavService svc;
