@@ -39,6 +39,7 @@ public:
     // Queues `data` for sending.
     virtual void SendData(const std::string& data) = 0;
     // Queues `data` for sending without copying it: the control keeps the text until it has gone out.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): a sink; overrides keep the pointer
     virtual void SendShared(std::shared_ptr<const std::string> data) { SendData(*data); }
 };
 

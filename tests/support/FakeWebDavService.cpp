@@ -45,7 +45,7 @@ ssize_t BreakOffReader(void* cls, uint64_t pos, char* buf, size_t max) {
     const auto* b = static_cast<BreakOff*>(cls);
     if (pos >= b->body.size()) return MHD_CONTENT_READER_END_WITH_ERROR;
     const size_t n = std::min<size_t>(max, b->body.size() - pos);
-    std::memcpy(buf, b->body.data() + pos, n);
+    b->body.copy(buf, n, pos);
     return static_cast<ssize_t>(n);
 }
 

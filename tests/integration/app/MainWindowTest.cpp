@@ -21,7 +21,7 @@
 namespace {
 
 // Runs `inspect` on the modal box once the next one is open (the box blocks in its own event loop).
-void WhenModalOpens(std::function<void(QWidget*)> inspect) {
+void WhenModalOpens(const std::function<void(QWidget*)>& inspect) {
     auto* poll = new QTimer;
     QObject::connect(poll, &QTimer::timeout, [poll, inspect] {
         if (QWidget* modal = QApplication::activeModalWidget()) {

@@ -75,7 +75,7 @@ TEST_F(HotmailTest, SendMailPostsTheBodyUnchangedWithOneExtraHeader) {
         "Subject: Gr\xC3\xBC\xC3\x9F"
         "e\r\n\r\nlatin1 \xE9\xFF, a lone \n and \r.\r\n..dot\r\n.\r\n";
     body.push_back('\0');
-    body.append(2 * 1024 * 1024, 'x');
+    body.append(std::size_t{2} * 1024 * 1024, 'x');
     mail_.SetOutboxURL(svc_.Url("/outbox"));
     svc_.Enqueue(DavReply("queued", 500, "500 relay later"));
     const std::string headers = mail_.SendMail(body);
