@@ -40,35 +40,41 @@ TEST_F(HotmailTest, DeleteAndMoveSendOneMoveDocumentToTheirDestination) {
     EXPECT_EQ(reqs[1].Header("Destination"), svc_.Url("/dest"));
     EXPECT_EQ(reqs[1].body,
               "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>M9</D:href></D:target></D:move>");
-    // An empty trash address still names a destination, an empty one.
+    // An empty trash address still names a destination, an empty one; no id leaves the target empty.
     EXPECT_EQ(reqs[2].ExtraHeaderNames(), (std::vector<std::string>{"Destination", "Content-Type"}));
     EXPECT_EQ(reqs[2].Header("Destination"), "");
+    EXPECT_EQ(reqs[2].body, "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target></D:target></D:move>");
 }
 
-// Read and unread differ only in the flag's value; the refusal shows only in HotmailError, and the operation
-// goes on to list the folder again.
+// The refusal shows only in HotmailError; the operation goes on to list the folder again.
 TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
-    svc_.Enqueue(DavReply("refused", 403, "403 refused"));
-    ListedMessage m;
-    m.href = svc_.Url("/msg/1");
-    svc_.Enqueue(DavReply(ListingReply({m}), 207, "207 listed"));
-    svc_.Enqueue(ScriptedReply{200, {}, "text", false});
-    mail_.FlagMailUnread(svc_.Url("/msg/1"), svc_.Url("/folder"));
-    const auto reqs = svc_.Requests();
-    ASSERT_EQ(reqs.size(), 3u);
-    EXPECT_EQ(reqs[0].method, "PROPPATCH");
-    EXPECT_EQ(reqs[0].path, "/msg/1");
-    EXPECT_EQ(reqs[0].body,
-              "<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
-              "<hm:read>0</hm:read></D:prop></D:set></D:propertyupdate>");
-    EXPECT_TRUE(reqs[0].ExtraHeaderNames().empty());
-    EXPECT_EQ(reqs[1].path, "/folder");
-    ASSERT_EQ(mail_.GetMailCollection()->Count(), 1);
-    EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody, "text");
-    EXPECT_EQ(mail_.HotmailError(), "207 listed");
+    for (const bool read : {true, false}) {
+        svc_.ClearScript();
+        svc_.Enqueue(DavReply("refused", 403, "403 refused"));
+        ListedMessage m;
+        m.href = svc_.Url("/msg/1");
+        svc_.Enqueue(DavReply(ListingReply({m}), 207, "207 listed"));
+        svc_.Enqueue(ScriptedReply{200, {}, "text", false});
+        if (read) {
+            mail_.FlagMailRead(svc_.Url("/msg/1"), svc_.Url("/folder"));
+        } else {
+            mail_.FlagMailUnread(svc_.Url("/msg/1"), svc_.Url("/folder"));
+        }
+        const auto reqs = svc_.Requests();
+        ASSERT_EQ(reqs.size(), 3u);
+        EXPECT_EQ(reqs[0].method, "PROPPATCH");
+        EXPECT_EQ(reqs[0].path, "/msg/1");
+        EXPECT_EQ(reqs[0].body, std::string("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' "
+                                            "xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop><hm:read>") +
+                                    (read ? "1" : "0") + "</hm:read></D:prop></D:set></D:propertyupdate>");
+        EXPECT_TRUE(reqs[0].ExtraHeaderNames().empty());
+        EXPECT_EQ(reqs[1].path, "/folder");
+        ASSERT_EQ(mail_.GetMailCollection()->Count(), 1);
+        EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody, "text");
+        EXPECT_EQ(mail_.HotmailError(), "207 listed");
+    }
 }
 
-// A body large enough that the HTTP library would add "Expect: 100-continue" of its own accord.
 TEST_F(HotmailTest, SendMailPostsTheBodyUnchangedWithOneExtraHeader) {
     std::string body =
         "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n"
