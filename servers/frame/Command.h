@@ -29,9 +29,11 @@ CommandTable BindCommands(Server& server,
                           std::initializer_list<std::pair<const char*, Reply (Server::*)(const Request&)>> entries) {
     CommandTable table;
     table.reserve(entries.size());
-    for (const auto& [word, member] : entries) {
-        Command command{word, {}};
-        if (member) command.handler = [&server, member](const Request& request) { return (server.*member)(request); };
+    for (const auto& entry : entries) {
+        Command command{entry.first, {}};
+        if (const auto member = entry.second) {
+            command.handler = [&server, member](const Request& request) { return (server.*member)(request); };
+        }
         table.push_back(std::move(command));
     }
     return table;

@@ -1,18 +1,19 @@
 // The frame over loopback sockets, with the POP3 server as its vehicle: dispatch by word, one client at a
-// time, the activity log entry by entry, start and stop, and a socket error.
+// time, the activity log entry by entry, start and stop, and a socket error. (The SMTP server's own log
+// entries are checked with its dialogue.)
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <QTcpServer>
 
+#include <cstdint>
 #include <string>
+#include <tuple>
 
-#include "LoopbackClient.h"
+#include "ServerTestSupport.h"
 #include "core/Error.h"
 #include "core/MErrorHandler.h"
 #include "servers/pop3/CPop3Server.h"
-#include "servers/smtp/CSmtpServer.h"
-#include "tests/support/FakeGatewayHost.h"
 
 namespace {
 
@@ -23,29 +24,9 @@ const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello";
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye";
 const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not understand the command: ";
 
-class SessionTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        core::MErrorHandler::ResetForTesting();
-        pop3.SetListenPort(port);
-    }
-    void TearDown() override {
-        pop3.StopServer();
-        smtp.StopServer();
-        EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
-    }
-    bool WaitForLog(const std::string& entry, long times = 1) {
-        return server_tests::WaitForLog(host.log, entry, times);
-    }
-
-    tests::FakeGatewayHost host;
-    servers::pop3::CPop3Server pop3{host};
-    servers::smtp::CSmtpServer smtp{host};
-    std::string port = server_tests::FreePort();
-};
+using SessionTest = server_tests::ServerTest<servers::pop3::CPop3Server>;
 
 TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
-    pop3.StartServer();
     LoopbackClient client(port);
     EXPECT_EQ(client.Line(), kHello + "\r\n");
     const std::pair<std::string, std::string> exchanges[] = {
@@ -61,15 +42,14 @@ TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
     for (const auto& [request, word] : unanswered) {
         client.Send(request);
         ASSERT_TRUE(WaitForLog("CLIENT_REQUEST: " + request));
-        EXPECT_EQ(pop3.LastCommand(), word);
+        EXPECT_EQ(server.LastCommand(), word);
     }
     EXPECT_EQ(client.Ask("QUIT\r\n"), kGoodBye + "\r\n");
-    EXPECT_EQ(pop3.LastCommand(), "QUIT");
+    EXPECT_EQ(server.LastCommand(), "QUIT");
 }
 
 TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
     host.log.push_back("left over from before");
-    pop3.StartServer();
     auto client = std::make_unique<LoopbackClient>(port);
     client->Line();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnSendComplete Fired"));
@@ -88,26 +68,10 @@ TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
                             "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: QUIT\r\n",
                             "SERVER_RESPONSE: " + kGoodBye, "SOCKET_EVENT: OnSendProgress Fired",
                             "SOCKET_EVENT: OnSendComplete Fired", "SOCKET_EVENT: OnClose Fired"));
-    EXPECT_EQ(pop3.LastCommand(), "CONN");
-}
-
-TEST_F(SessionTest, SmtpLogsTheWordAndNoSendEvents) {
-    smtp.SetListenPort(port);
-    smtp.StartServer();
-    auto client = std::make_unique<LoopbackClient>(port);
-    client->Line();
-    client->Ask("ehlo x\r\n");
-    client.reset();
-    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired", "SERVER_RESPONSE: 220 tarnwick.local",
-                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: EHLO",
-                                      "SERVER_RESPONSE: 500 Tarnwick/SMTP Gateway Server does not understand the "
-                                      "command: EHLO",
-                                      "SOCKET_EVENT: OnClose Fired"));
+    EXPECT_EQ(server.LastCommand(), "CONN");
 }
 
 TEST_F(SessionTest, OneClientAtATimeAndListeningAgainAfterClose) {
-    pop3.StartServer();
     auto first = std::make_unique<LoopbackClient>(port);
     EXPECT_EQ(first->Line(), kHello + "\r\n");
     EXPECT_TRUE(LoopbackClient(port).Refused());
@@ -119,57 +83,46 @@ TEST_F(SessionTest, OneClientAtATimeAndListeningAgainAfterClose) {
 }
 
 TEST_F(SessionTest, StartFailuresCarryNumberAndFirstLabel) {
-    pop3.SetListenPort("abc");
-    try {
-        pop3.StartServer();
-        ADD_FAILURE() << "a non-numeric port must fail";
-    } catch (const core::Error& e) {
-        EXPECT_EQ(e.Number(), 13);
-        EXPECT_EQ(e.Source(), "StartListening Method");
-        EXPECT_EQ(e.Description(), "Type mismatch");
-    }
-
-    core::MErrorHandler::ResetForTesting();
+    server.StopServer();
     QTcpServer occupant;
     ASSERT_TRUE(occupant.listen(QHostAddress::LocalHost, 0));
-    smtp.SetListenPort(std::to_string(occupant.serverPort()));
-    try {
-        smtp.StartServer();
-        ADD_FAILURE() << "a port in use must fail";
-    } catch (const core::Error& e) {
-        EXPECT_EQ(e.Number(), 10048);
-        EXPECT_EQ(e.Description(), "Address in use");
+    const std::tuple<std::string, std::int32_t, std::string> cases[] = {
+        {"abc", 13, "Type mismatch"}, {std::to_string(occupant.serverPort()), 10048, "Address in use"}};
+    for (const auto& [listenPort, number, description] : cases) {
+        core::MErrorHandler::ResetForTesting();
+        server.SetListenPort(listenPort);
+        try {
+            server.StartServer();
+            ADD_FAILURE() << "started on " << listenPort;
+        } catch (const core::Error& e) {
+            EXPECT_EQ(e.Number(), number);
+            EXPECT_EQ(e.Source(), "StartListening Method");
+            EXPECT_EQ(e.Description(), description);
+        }
     }
 }
 
-TEST_F(SessionTest, SocketErrorLeavesTheServerDeafUntilStoppedAndStarted) {
-    pop3.StartServer();
+TEST_F(SessionTest, StopAndASocketErrorLeaveNothingListeningUntilTheNextStart) {
+    server.StopServer();
+    server.StopServer();  // stopped already: nothing happens
+    EXPECT_TRUE(LoopbackClient(port).Refused());
+
+    server.StartServer();
     LoopbackClient client(port);
     EXPECT_EQ(client.Line(), kHello + "\r\n");
     EXPECT_EQ(client.Ask("QUIT\r\n"), kGoodBye + "\r\n");
     // What the socket control raises when the connection fails (a peer's orderly close is a close).
-    pop3.OnError(10053, "Software caused connection abort");
+    server.OnError(10053, "Software caused connection abort");
     EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnError Fired");
-    EXPECT_EQ(pop3.LastCommand(), "QUIT");
+    EXPECT_EQ(server.LastCommand(), "QUIT");
     EXPECT_TRUE(LoopbackClient(port).Refused());
 
-    pop3.StopServer();
-    pop3.StartServer();
-    EXPECT_EQ(pop3.LastCommand(), "CONN");
-    EXPECT_EQ(LoopbackClient(port).Line(), kHello + "\r\n");
-}
-
-TEST_F(SessionTest, StopClosesListenerAndConnection) {
-    pop3.StopServer();  // never started: nothing happens
-    pop3.StartServer();
-    pop3.StopServer();
-    EXPECT_TRUE(LoopbackClient(port).Refused());
-
-    pop3.StartServer();
-    LoopbackClient client(port);
-    EXPECT_EQ(client.Line(), kHello + "\r\n");
-    pop3.StopServer();
+    // Stopping with a client connected drops the connection.
+    server.StopServer();
     EXPECT_TRUE(client.Dropped());
+    server.StartServer();
+    EXPECT_EQ(server.LastCommand(), "CONN");
+    EXPECT_EQ(LoopbackClient(port).Line(), kHello + "\r\n");
 }
 
 }  // namespace

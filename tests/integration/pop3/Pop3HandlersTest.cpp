@@ -7,14 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "FakeWebDavService.h"
-#include "HotmailTestSupport.h"
-#include "LoopbackClient.h"
-#include "core/MErrorHandler.h"
-#include "core/MessageBox.h"
-#include "mailservice/CHotmail.h"
+#include "ServerTestSupport.h"
 #include "servers/pop3/CPop3Server.h"
-#include "tests/support/FakeGatewayHost.h"
 
 namespace {
 
@@ -37,52 +31,30 @@ const Listed kPlain{"MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\
 const Listed kRead{"MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n", true};
 const Listed kDots{"MSG-3", "Subject: Dots\r\n\r\n.\r\n.one\r\n..two\r\n\xE9\xFF\x80 8-bit"};
 
-class Pop3HandlersTest : public ::testing::Test {
+class Pop3HandlersTest : public server_tests::ServerTest<servers::pop3::CPop3Server> {
 protected:
-    void SetUp() override {
-        core::MErrorHandler::ResetForTesting();
-        core::MessageBox::SetHandler([](const std::string&) {});
-        mailservice::CHotmail::SetServiceEntryURL(svc.Url(hotmail_test::kEntryPath));
-        pop3.SetListenPort(port);
-        pop3.StartServer();
-    }
-    void TearDown() override {
-        pop3.StopServer();
-        EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
-    }
-
     // Queues the replies of one log-in and inbox load: log-in, folder listing, inbox listing, one GET each.
     void ScriptLoad(const std::vector<Listed>& messages) {
-        svc.Enqueue(DavReply(hotmail_test::LoginReply(
-            svc.Url("/base"), {svc.Url("/ad"), svc.Url("/contacts"), svc.Url("/inbox"), svc.Url("/out"),
-                               svc.Url("/sent"), svc.Url("/trash"), svc.Url("/root")})));
-        svc.Enqueue(DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
-        std::vector<hotmail_test::ListedMessage> listing;
-        for (const Listed& m : messages) {
-            hotmail_test::ListedMessage listed;
-            listed.href = svc.Url("/inbox/" + m.id);
-            listed.id = m.id;
-            listed.read = m.read ? "1" : "0";
-            listed.length = m.Size();
-            listing.push_back(listed);
+        ScriptLogIn();
+        std::vector<hotmail_test::ListedMessage> listing(messages.size());
+        for (std::size_t i = 0; i < messages.size(); ++i) {
+            listing[i].href = svc.Url("/inbox/" + messages[i].id);
+            listing[i].id = messages[i].id;
+            listing[i].read = messages[i].read ? "1" : "0";
+            listing[i].length = messages[i].Size();
         }
         svc.Enqueue(DavReply(hotmail_test::ListingReply(listing)));
         for (const Listed& m : messages) svc.Enqueue(ScriptedReply{200, {}, m.body, false});
     }
     static std::size_t LoadRequests(std::size_t messages) { return 3 + messages; }
 
-    std::unique_ptr<LoopbackClient> LogIn(const std::string& password = "ann pw") {
+    std::unique_ptr<LoopbackClient> LogIn(const std::string& password = "sam pw") {
         auto reader = std::make_unique<LoopbackClient>(port);
         EXPECT_EQ(reader->Line(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
-        EXPECT_EQ(reader->Ask("USER ann\r\n"), "+OK send password\r\n");
+        EXPECT_EQ(reader->Ask("USER sam\r\n"), "+OK send password\r\n");
         EXPECT_EQ(reader->Ask("PASS " + password + "\r\n"), "+OK send stat\r\n");
         return reader;
     }
-
-    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "ann", "ann pw"};
-    tests::FakeGatewayHost host;
-    servers::pop3::CPop3Server pop3{host};
-    std::string port = server_tests::FreePort();
 };
 
 TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
@@ -109,8 +81,7 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
     for (const auto& [request, answer] : exchanges) EXPECT_EQ(reader->AskMultiLine(request), answer) << request;
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
     // The whole RETR answer is one log entry.
-    EXPECT_TRUE(server_tests::WaitForLog(
-        host.log, "SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
+    EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
 }
 
 TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
@@ -142,7 +113,7 @@ TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
     auto reader = LogIn();
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + kDots.body.size()) + "\r\n");
     reader.reset();
-    ASSERT_TRUE(server_tests::WaitForLog(host.log, "SOCKET_EVENT: OnClose Fired"));
+    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
 
     ScriptLoad({kDots});
     reader = LogIn();
@@ -154,10 +125,10 @@ TEST_F(Pop3HandlersTest, UserAndPassKeepTheirArgumentsWholeAndFillTheCredentialS
     LoopbackClient reader(port);
     reader.Line();
     EXPECT_EQ(reader.Ask("USER John Q  Public\r\n"), "+OK send password\r\n");
-    EXPECT_EQ(pop3.UserName(), "John Q  Public");
+    EXPECT_EQ(server.UserName(), "John Q  Public");
     EXPECT_EQ(host.userName, "John Q  Public");
     EXPECT_EQ(reader.Ask("PASS  two words \r\n"), "+OK send stat\r\n");
-    EXPECT_EQ(pop3.Password(), " two words ");
+    EXPECT_EQ(server.Password(), " two words ");
     EXPECT_EQ(host.password, " two words ");
     EXPECT_EQ(reader.Ask("USER\r\n"), "+OK send password\r\n");
     EXPECT_EQ(host.userName, "");
@@ -175,7 +146,7 @@ TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachT
     EXPECT_TRUE(svc.Requests().empty());
     // The same connection with the right password now gets through.
     ScriptLoad({kPlain});
-    EXPECT_EQ(reader->Ask("PASS ann pw\r\n"), "+OK send stat\r\n");
+    EXPECT_EQ(reader->Ask("PASS sam pw\r\n"), "+OK send stat\r\n");
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 1 " + kPlain.Size() + "\r\n");
 }
 
