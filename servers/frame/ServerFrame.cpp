@@ -6,7 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include "core/Ascii.h"
 #include "core/Convert.h"
 #include "core/Error.h"
 #include "core/Trap.h"
