@@ -78,7 +78,10 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
                            "Subject: Dots\r\n\r\n..\r\n..one\r\n...two\r\n\xE9\xFF\x80 8-bit\r\n.\r\n"},
         {"QUIT\r\n", kGoodBye},
     };
-    for (const auto& [request, answer] : exchanges) EXPECT_EQ(reader->AskMultiLine(request), answer) << request;
+    for (const auto& [request, answer] : exchanges) {
+        const bool multiLine = answer.ends_with("\r\n.\r\n");
+        EXPECT_EQ(multiLine ? reader->AskMultiLine(request) : reader->Ask(request), answer) << request;
+    }
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
     // The whole RETR answer is one log entry.
     EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
