@@ -51,7 +51,8 @@ void CheckSmtp(const std::string& text) {
     const std::size_t length = space == std::string::npos ? text.size() : space;
     const std::string expectedWord =
         length > kMaxCount ? "" : WithoutCrLf(core::Ascii::UpperCase(text.substr(0, length)));
-    Check(CSmtpServer::GetCommand(text) == expectedWord, "SMTP word: before the first space, upper-cased, CR LF removed");
+    Check(CSmtpServer::GetCommand(text) == expectedWord,
+          "SMTP word: before the first space, upper-cased, CR LF removed");
 
     const std::string s = WithoutCrLf(text);
     std::string expected;

@@ -19,8 +19,7 @@ constexpr const char* kCrLf = "\r\n";
 
 }  // namespace
 
-ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands,
-                         RequestReader reader)
+ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader)
     : host_(host),
       profile_(std::move(profile)),
       commands_(std::move(commands)),
@@ -151,9 +150,9 @@ std::string ServerFrame::RemoveCrLf(std::string_view text) {
 void ServerFrame::DispatchRequest(const Request& request) {
     if (request.logged) {
         host_.WriteLog("SOCKET_EVENT: OnDataArrival Fired");
-        host_.WriteLog("CLIENT_REQUEST: " +
-                       (profile_.requestEntry == ServerProfile::RequestEntry::kReceivedText ? request.text
-                                                                                            : request.word));
+        host_.WriteLog("CLIENT_REQUEST: " + (profile_.requestEntry == ServerProfile::RequestEntry::kReceivedText
+                                                 ? request.text
+                                                 : request.word));
     }
     lastCommand_ = request.word;
     if (const Command* command = FindCommand(request.word)) {

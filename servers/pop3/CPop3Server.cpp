@@ -92,8 +92,7 @@ frame::Reply CPop3Server::HandleSTAT(const Request& /*request*/) {
 frame::Reply CPop3Server::HandleLIST(const Request& request) {
     ConnectToHotmail();
     if (request.argument.empty()) {
-        return Reply::Response(
-            R::BuildLISTResponse(Mailbox.Messages(), Mailbox.MessageCount(), Mailbox.MailboxSize()));
+        return Reply::Response(R::BuildLISTResponse(Mailbox.Messages(), Mailbox.MessageCount(), Mailbox.MailboxSize()));
     }
     return Reply::Response(R::BuildLISTItemResponse(request.argument, Mailbox.Select(request.argument)));
 }
@@ -106,8 +105,8 @@ frame::Reply CPop3Server::HandleUIDL(const Request& request) {
 
 frame::Reply CPop3Server::HandleRETR(const Request& request) {
     ConnectToHotmail();
-    return Reply::Response(R::BuildRETRResponse(Mailbox.Select(request.argument), Host().ApplicationName(),
-                                                Host().ApplicationVersion()));
+    return Reply::Response(
+        R::BuildRETRResponse(Mailbox.Select(request.argument), Host().ApplicationName(), Host().ApplicationVersion()));
 }
 
 // The loaded view stays as it is, so the message keeps its number, its place in STAT, LIST and UIDL, and its

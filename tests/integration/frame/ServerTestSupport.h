@@ -96,7 +96,9 @@ protected:
                                svc.Url("/sent"), svc.Url("/trash"), svc.Url("/root")})));
         svc.Enqueue(testing_support::DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
     }
-    bool WaitForLog(const std::string& entry, long times = 1) { return server_tests::WaitForLog(host.log, entry, times); }
+    bool WaitForLog(const std::string& entry, long times = 1) {
+        return server_tests::WaitForLog(host.log, entry, times);
+    }
 
     testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "sam", "sam pw"};
     tests::FakeGatewayHost host;

@@ -34,7 +34,8 @@ TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
     };
     for (const auto& [request, answer] : exchanges) EXPECT_EQ(client.Ask(request), answer) << request;
     // Words without a handler get no answer: the farewell is the next thing on the wire.
-    const std::pair<std::string, std::string> unanswered[] = {{"noop\r\n", "NOOP"}, {"RSET\r\n", "RSET"}, {"TOP", "TOP"}};
+    const std::pair<std::string, std::string> unanswered[] = {
+        {"noop\r\n", "NOOP"}, {"RSET\r\n", "RSET"}, {"TOP", "TOP"}};
     for (const auto& [request, word] : unanswered) {
         client.Send(request);
         ASSERT_TRUE(WaitForLog("CLIENT_REQUEST: " + request));
@@ -57,13 +58,12 @@ TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
 
     EXPECT_EQ(host.clearCount, 1);
-    EXPECT_THAT(host.log,
-                ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired", "SERVER_RESPONSE: " + kHello,
-                            "SOCKET_EVENT: OnSendProgress Fired", "SOCKET_EVENT: OnSendComplete Fired",
-                            "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: noop\r\n",
-                            "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: QUIT\r\n",
-                            "SERVER_RESPONSE: " + kGoodBye, "SOCKET_EVENT: OnSendProgress Fired",
-                            "SOCKET_EVENT: OnSendComplete Fired", "SOCKET_EVENT: OnClose Fired"));
+    EXPECT_THAT(host.log, ElementsAre("SOCKET_EVENT: OnConnectionRequest Fired", "SERVER_RESPONSE: " + kHello,
+                                      "SOCKET_EVENT: OnSendProgress Fired", "SOCKET_EVENT: OnSendComplete Fired",
+                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: noop\r\n",
+                                      "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: QUIT\r\n",
+                                      "SERVER_RESPONSE: " + kGoodBye, "SOCKET_EVENT: OnSendProgress Fired",
+                                      "SOCKET_EVENT: OnSendComplete Fired", "SOCKET_EVENT: OnClose Fired"));
     EXPECT_EQ(server.LastCommand(), "CONN");
 }
 

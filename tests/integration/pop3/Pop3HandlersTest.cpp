@@ -65,8 +65,8 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
     const std::string total = std::to_string(kPlain.body.size() + kDots.body.size());
     const std::string exchanges[][2] = {
         {"STAT 9\r\n", "+OK 2 " + total + "\r\n"},
-        {"LIST\r\n", "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.Size() + "\r\n2 " + kDots.Size() +
-                         "\r\n.\r\n"},
+        {"LIST\r\n",
+         "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.Size() + "\r\n2 " + kDots.Size() + "\r\n.\r\n"},
         {"LIST 02\r\n", "+OK 02 " + kDots.Size() + "\r\n"},
         {"LIST 3\r\n", "-ERR No such message\r\n"},
         {"LIST x\r\n", "-ERR Invalid message number\r\n"},

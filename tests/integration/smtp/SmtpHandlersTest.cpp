@@ -62,12 +62,9 @@ protected:
 TEST_F(SmtpHandlersTest, OnlyTheReducedDialogueAndHeloOnlyWithAUserName) {
     auto client = Connect();
     const std::string exchanges[][2] = {
-        {"HELO me\r\n", kUnavailable},
-        {"EHLO client.example\r\n", kUnknown + "EHLO\r\n"},
-        {"RSET\r\n", kUnknown + "RSET\r\n"},
-        {"VRFY sam\r\n", kUnknown + "VRFY\r\n"},
-        {"CONN\r\n", "220 tarnwick.local\r\n"},
-        {"Quit\r\n", "221 tarnwick.local\r\n"},
+        {"HELO me\r\n", kUnavailable},          {"EHLO client.example\r\n", kUnknown + "EHLO\r\n"},
+        {"RSET\r\n", kUnknown + "RSET\r\n"},    {"VRFY sam\r\n", kUnknown + "VRFY\r\n"},
+        {"CONN\r\n", "220 tarnwick.local\r\n"}, {"Quit\r\n", "221 tarnwick.local\r\n"},
     };
     for (const auto& [request, answer] : exchanges) EXPECT_EQ(client->Ask(request), answer) << request;
 
@@ -91,9 +88,9 @@ TEST_F(SmtpHandlersTest, ThreeChunksRelayedByteForByteAndLeftOutOfTheLog) {
     EXPECT_EQ(client->Ask("..leading dot\r\n...\r\n..\r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("\x80\xFF last line\r\n.\r\n"), kQueued);
 
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope +
-                                      "Subject: caf\xE9 \xC3\xA9t\xC3\xA9\r\n\r\n..leading dot\r\n...\r\n..\r\n"
-                                      "\x80\xFF last line\r\n\r\n.\r\n"));
+    EXPECT_THAT(Posted(),
+                ElementsAre(kEnvelope + "Subject: caf\xE9 \xC3\xA9t\xC3\xA9\r\n\r\n..leading dot\r\n...\r\n..\r\n"
+                                        "\x80\xFF last line\r\n\r\n.\r\n"));
     EXPECT_THAT(host.log,
                 ElementsAre("SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: MAIL", "SERVER_RESPONSE: 250 ok",
                             "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: RCPT", "SERVER_RESPONSE: 250 ok",
@@ -110,7 +107,8 @@ TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
     EXPECT_EQ(client->Ask("RCPT TO:  <rita@tarnwick.local> NOTIFY=NEVER  \r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("DATA\r\n"), "354 ok\r\n");
     EXPECT_EQ(client->Ask("one\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(), ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n\r\n.\r\n"));
+    EXPECT_THAT(Posted(),
+                ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n\r\n.\r\n"));
 }
 
 // Three messages on one connection, one log-in.

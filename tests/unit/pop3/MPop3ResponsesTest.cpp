@@ -73,8 +73,8 @@ TEST(Pop3Responses, RetrCarriesTheBodyDotStuffedAfterTheSizeAndApplicationLines)
 }
 
 TEST(Pop3Mailbox, MessageNumbersAreSixteenBitAndNameALoadedRecord) {
-    const std::pair<std::string, std::int16_t> accepted[] = {{"1", 1}, {"02", 2}, {"  7  ", 7}, {"1.5", 2},
-                                                              {"2.5", 2}, {"32767", 32767}};
+    const std::pair<std::string, std::int16_t> accepted[] = {{"1", 1},   {"02", 2},  {"  7  ", 7},
+                                                             {"1.5", 2}, {"2.5", 2}, {"32767", 32767}};
     for (const auto& [argument, n] : accepted) EXPECT_EQ(CPop3Mailbox::ParseMessageNumber(argument, 32767), n);
 
     struct Refused {
@@ -83,8 +83,8 @@ TEST(Pop3Mailbox, MessageNumbersAreSixteenBitAndNameALoadedRecord) {
         std::string description;
     };
     const Refused refused[] = {
-        {"", 5, "Message number required"}, {"0", 9, "No such message"},     {"0.5", 9, "No such message"},
-        {"-1", 9, "No such message"},       {"3", 9, "No such message"},     {"32768", 9, "No such message"},
+        {"", 5, "Message number required"},    {"0", 9, "No such message"},           {"0.5", 9, "No such message"},
+        {"-1", 9, "No such message"},          {"3", 9, "No such message"},           {"32768", 9, "No such message"},
         {"abc", 13, "Invalid message number"}, {"1 2", 13, "Invalid message number"},
     };
     for (const Refused& r : refused) {
