@@ -34,9 +34,7 @@ std::int32_t SumMessageSizes(const CPop3Mailbox::MessageList& messages) {
 
 }  // namespace
 
-void CPop3Mailbox::Load(mailservice::CHotmail& hotmail, const std::string& userName, const std::string& password) {
-    hotmail.SetUserName(userName);
-    hotmail.SetPassword(password);
+void CPop3Mailbox::Load(mailservice::CHotmail& hotmail) {
     hotmail.Connect();
     const std::string inbox = hotmail.InboxURL();
     hotmail.ParseMailboxInfo(inbox);

@@ -17,10 +17,10 @@ public:
 
     // Whether the inbox has been loaded for this connection.
     bool MailboxLoaded() const { return mailboxLoaded_; }
-    // Logs `hotmail` in with `userName` and `password` and loads its inbox. The log-in's own result is not
+    // Logs `hotmail` in with the credentials it holds and loads its inbox. The log-in's own result is not
     // examined: a refused log-in leaves no inbox address, and listing that fails. On an error the mailbox
     // stays unloaded, and the next Load tries again.
-    void Load(mailservice::CHotmail& hotmail, const std::string& userName, const std::string& password);
+    void Load(mailservice::CHotmail& hotmail);
 
     // Number and total size of the loaded records (32767 records at most).
     std::int16_t MessageCount() const { return messageCount_; }

@@ -80,7 +80,11 @@ frame::Reply CPop3Server::HandlePASS(const Request& request) {
 
 void CPop3Server::ConnectToHotmail() {
     core::Trap("ConnectToHotmail Method", [&] {
-        if (!Mailbox.MailboxLoaded()) Mailbox.Load(ConnectionHotmail(), UserName(), Password());
+        if (Mailbox.MailboxLoaded()) return;
+        mailservice::CHotmail& hotmail = ConnectionHotmail();
+        hotmail.SetUserName(UserName());
+        hotmail.SetPassword(Password());
+        Mailbox.Load(hotmail);
     });
 }
 
