@@ -68,7 +68,7 @@ protected:
     // request has been handled).
     using RequestReader = std::function<Request(std::string& arrival)>;
 
-    // `commands` must hold a "CONN" entry: it greets every accepted client. Without a `reader`, every arrival
+    // The "CONN" entry of `commands` greets every accepted client. Without a `reader`, every arrival
     // is one request read by ReadCommand.
     ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader = {});
 
