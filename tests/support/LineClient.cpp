@@ -38,6 +38,22 @@ std::string LineClient::Ask(const std::string& request) {
     return ReceiveLine();
 }
 
+std::string LineClient::AskMultiLine(const std::string& request) {
+    std::string answer = Ask(request);
+    if (answer.starts_with("-ERR")) return answer;
+    for (std::string line = ReceiveLine(); !line.empty(); line = ReceiveLine()) {
+        answer += line;
+        if (line == ".\r\n") break;
+    }
+    return answer;
+}
+
+bool LineClient::Dropped() {
+    return QTest::qWaitFor([&] { return socket.state() == QAbstractSocket::UnconnectedState; }, kTimeoutMs);
+}
+
+bool LineClient::Refused() { return Dropped() && socket.error() == QAbstractSocket::ConnectionRefusedError; }
+
 void LineClient::Close() { socket.disconnectFromHost(); }
 
 }  // namespace testing_support

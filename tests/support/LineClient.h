@@ -12,6 +12,9 @@ namespace testing_support {
 
 class LineClient {
 public:
+    LineClient() = default;
+    // Connects at once; see Refused for a connection nothing accepted.
+    explicit LineClient(const std::string& port) { (void)Connect(port); }
     // Connects to 127.0.0.1:`port` and waits for the connection; false when it was refused.
     bool Connect(const std::string& port);
     void Send(const std::string& bytes);
@@ -21,6 +24,11 @@ public:
     std::string Receive(std::size_t count);
     // Sends `request` and returns the reply line.
     std::string Ask(const std::string& request);
+    // Sends `request` and returns a multi-line answer up to its "." line, or the one line of an "-ERR" answer.
+    std::string AskMultiLine(const std::string& request);
+    // Whether the connection was refused (nothing listened), or has been dropped by the server.
+    bool Refused();
+    bool Dropped();
     void Close();
 
     QTcpSocket socket;

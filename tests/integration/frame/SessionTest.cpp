@@ -24,7 +24,7 @@ using SessionTest = server_tests::ServerTest<servers::pop3::CPop3Server>;
 
 TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
     LoopbackClient client(port);
-    EXPECT_EQ(client.Line(), kHello + "\r\n");
+    EXPECT_EQ(client.ReceiveLine(), kHello + "\r\n");
     const std::pair<std::string, std::string> exchanges[] = {
         {"US", kUnknown + "US\r\n"},
         // "TOP " is not the bare "TOP" entry.
@@ -48,7 +48,7 @@ TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
 TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
     host.log.push_back("left over from before");
     auto client = std::make_unique<LoopbackClient>(port);
-    client->Line();
+    client->ReceiveLine();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnSendComplete Fired"));
     client->Send("noop\r\n");
     ASSERT_TRUE(WaitForLog("CLIENT_REQUEST: noop\r\n"));
@@ -69,13 +69,13 @@ TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
 
 TEST_F(SessionTest, OneClientAtATimeAndListeningAgainAfterClose) {
     auto first = std::make_unique<LoopbackClient>(port);
-    EXPECT_EQ(first->Line(), kHello + "\r\n");
+    EXPECT_EQ(first->ReceiveLine(), kHello + "\r\n");
     EXPECT_TRUE(LoopbackClient(port).Refused());
 
     first.reset();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
     LoopbackClient second(port);
-    EXPECT_EQ(second.Line(), kHello + "\r\n");
+    EXPECT_EQ(second.ReceiveLine(), kHello + "\r\n");
 }
 
 // The program's own message for a bad port is checked with the gateway process; here the label it starts from.
@@ -98,7 +98,7 @@ TEST_F(SessionTest, StopAndASocketErrorLeaveNothingListeningUntilTheNextStart) {
 
     server.StartServer();
     LoopbackClient client(port);
-    EXPECT_EQ(client.Line(), kHello + "\r\n");
+    EXPECT_EQ(client.ReceiveLine(), kHello + "\r\n");
     EXPECT_EQ(client.Ask("QUIT\r\n"), kGoodBye + "\r\n");
     // What the socket control raises when the connection fails (a peer's orderly close is a close).
     server.OnError(10053, "Software caused connection abort");
@@ -111,7 +111,7 @@ TEST_F(SessionTest, StopAndASocketErrorLeaveNothingListeningUntilTheNextStart) {
     EXPECT_TRUE(client.Dropped());
     server.StartServer();
     EXPECT_EQ(server.LastCommand(), "CONN");
-    EXPECT_EQ(LoopbackClient(port).Line(), kHello + "\r\n");
+    EXPECT_EQ(LoopbackClient(port).ReceiveLine(), kHello + "\r\n");
 }
 
 }  // namespace

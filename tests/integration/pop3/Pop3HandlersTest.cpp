@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "ServerTestSupport.h"
+#include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
 
 namespace {
@@ -17,7 +18,7 @@ using testing_support::DavReply;
 using testing_support::ScriptedReply;
 
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
-const std::string kAppLine = "X-Application: Tarnwick Gateway - 0.2.0\r\n";
+const std::string kAppLine = std::string("X-Application: Tarnwick Gateway - ") + core::Version::kText + "\r\n";
 
 // One message as the service lists it, with the text a GET of its address returns.
 struct Listed {
@@ -50,7 +51,7 @@ protected:
 
     std::unique_ptr<LoopbackClient> LogIn(const std::string& password = "sam pw") {
         auto reader = std::make_unique<LoopbackClient>(port);
-        EXPECT_EQ(reader->Line(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
+        EXPECT_EQ(reader->ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
         EXPECT_EQ(reader->Ask("USER sam\r\n"), "+OK send password\r\n");
         EXPECT_EQ(reader->Ask("PASS " + password + "\r\n"), "+OK send stat\r\n");
         return reader;
@@ -126,7 +127,7 @@ TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
 
 TEST_F(Pop3HandlersTest, UserAndPassFillTheCredentialStoreWithoutReachingTheService) {
     LoopbackClient reader(port);
-    reader.Line();
+    reader.ReceiveLine();
     EXPECT_EQ(reader.Ask("USER John Q  Public\r\n"), "+OK send password\r\n");
     EXPECT_EQ(reader.Ask("PASS  two words \r\n"), "+OK send stat\r\n");
     EXPECT_EQ(server.UserName(), "John Q  Public");

@@ -48,7 +48,7 @@ protected:
     }
     std::unique_ptr<LoopbackClient> Connect() {
         auto client = std::make_unique<LoopbackClient>(port);
-        EXPECT_EQ(client->Line(), "220 tarnwick.local\r\n");
+        EXPECT_EQ(client->ReceiveLine(), "220 tarnwick.local\r\n");
         return client;
     }
     // Envelope and DATA, each answered as it must be.
@@ -119,8 +119,8 @@ TEST_F(SmtpHandlersTest, EndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
     // The QUIT of a client that read an early "250 ok" as its end-of-data reply, in one arrival with the mark.
     Begin(*client);
     client->Send("first\r\n.\r\nQUIT\r\n");
-    EXPECT_EQ(client->Line(), kQueued);
-    EXPECT_EQ(client->Line(), "221 tarnwick.local\r\n");
+    EXPECT_EQ(client->ReceiveLine(), kQueued);
+    EXPECT_EQ(client->ReceiveLine(), "221 tarnwick.local\r\n");
     // The "." line sent on its own after a text that ends with its line break.
     Begin(*client);
     EXPECT_EQ(client->Ask("second\r\n"), "250 ok\r\n");
