@@ -8,18 +8,20 @@ import os
 import poplib
 import re
 import shutil
-import signal
-import socket
 import statistics
 import subprocess
+import sys
 import tempfile
 import time
 
-HOST = "127.0.0.1"
-SERVICE_PATH = "/svcs/hotmail/tarnwick.asp"
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+sys.path.insert(0, os.path.join(ROOT, "tests", "support"))
+# Ports, listening sockets and stopping processes by pid, as the tests do them.
+from tarnwick_testing import HOST, SERVICE_PATH, free_port, is_listening, wait_for  # noqa: E402,F401
+from tarnwick_testing import stop_process as stop  # noqa: E402
+
 USER = "bench"
 PASSWORD = "bench"
-ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 
 
 def default_binaries(build):
@@ -41,41 +43,6 @@ def binaries(args):
         if not os.access(b, os.X_OK):
             raise SystemExit("not an executable: %s (build first, or give --build / --gateway / --webmail)" % b)
     return gateway, webmail
-
-
-def free_port():
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
-        s.bind((HOST, 0))
-        return s.getsockname()[1]
-
-
-def is_listening(port):
-    """Read from /proc, so that no probe connection becomes the gateway's one client."""
-    wanted = "0100007F:%04X" % port
-    with open("/proc/net/tcp") as f:
-        next(f)
-        return any(fields[1] == wanted and fields[3] == "0A" for fields in map(str.split, f))
-
-
-def wait_for(predicate, timeout, what):
-    deadline = time.monotonic() + timeout
-    while time.monotonic() < deadline:
-        if predicate():
-            return
-        time.sleep(0.01)
-    raise RuntimeError("timed out waiting for " + what)
-
-
-def stop(proc):
-    """Stops one process we started, by its pid."""
-    if proc is None or proc.poll() is not None:
-        return
-    os.kill(proc.pid, signal.SIGTERM)
-    try:
-        proc.wait(timeout=10)
-    except subprocess.TimeoutExpired:
-        os.kill(proc.pid, signal.SIGKILL)
-        proc.wait(timeout=10)
 
 
 def peak_rss_mb(pid):

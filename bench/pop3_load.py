@@ -14,9 +14,9 @@ import sys
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e", "pop3"))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 
-import gateway_stack  # noqa: E402
+import tarnwick_testing as T  # noqa: E402
 
 
 def small_message(i):
@@ -31,7 +31,7 @@ def big_message(size):
 
 
 def with_stack(fill, measure):
-    stack = gateway_stack.Stack()
+    stack = T.Stack()
     try:
         stack.store.add_user("bench", "bench")
         fill(stack.store)
@@ -42,7 +42,7 @@ def with_stack(fill, measure):
 
 
 def first_stat(stack):
-    pop = poplib.POP3(gateway_stack.HOST, stack.pop3_port, timeout=3600)
+    pop = poplib.POP3(T.HOST, stack.pop3_port, timeout=3600)
     pop.user("bench")
     pop.pass_("bench")
     start = time.monotonic()
@@ -53,7 +53,7 @@ def first_stat(stack):
 
 
 def retr_big(stack):
-    pop = poplib.POP3(gateway_stack.HOST, stack.pop3_port, timeout=3600)
+    pop = poplib.POP3(T.HOST, stack.pop3_port, timeout=3600)
     pop.user("bench")
     pop.pass_("bench")
     start = time.monotonic()

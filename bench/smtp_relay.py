@@ -13,7 +13,6 @@ process is stopped by its pid. Nothing is asserted. Goal: ratio <= 1.3 at 20 MB,
 
 import argparse
 import os
-import socket
 import statistics
 import subprocess
 import sys
@@ -21,55 +20,41 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "tests", "e2e", "pop3"))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 
-import gateway_stack  # noqa: E402
+import tarnwick_testing as T  # noqa: E402
 import messages  # noqa: E402
 
 SENDER = "bench@tarnwick.local"
 RECIPIENT = "rcpt@tarnwick.local"
 
 
-class SmtpClient:
+class SmtpClient(T.LineClient):
     """A well-behaved client: it reads every reply and waits for the relay's own."""
 
     def __init__(self, port):
-        self.sock = socket.create_connection((gateway_stack.HOST, port), timeout=3600)
-        self.buf = b""
+        super().__init__(port, timeout=3600)
         self.line()
-
-    def line(self):
-        while b"\r\n" not in self.buf:
-            chunk = self.sock.recv(1 << 16)
-            if not chunk:
-                raise RuntimeError("connection closed")
-            self.buf += chunk
-        line, self.buf = self.buf.split(b"\r\n", 1)
-        return line
-
-    def command(self, text):
-        self.sock.sendall(text + b"\r\n")
-        return self.line()
 
     def relay(self, stuffed):
         """Seconds from DATA to the relay's reply."""
         start = time.monotonic()
-        assert self.command(b"MAIL FROM:<%s>" % SENDER.encode()) == b"250 ok"
-        assert self.command(b"RCPT TO:<%s>" % RECIPIENT.encode()) == b"250 ok"
-        assert self.command(b"DATA") == b"354 ok"
+        assert self.command("MAIL FROM:<%s>" % SENDER) == b"250 ok\r\n"
+        assert self.command("RCPT TO:<%s>" % RECIPIENT) == b"250 ok\r\n"
+        assert self.command("DATA") == b"354 ok\r\n"
         self.sock.sendall(stuffed + b".\r\n")
         while True:
             reply = self.line()
-            if reply != b"250 ok":
+            if reply != b"250 ok\r\n":
                 break
         elapsed = time.monotonic() - start
-        if reply != b"250 message queued":
+        if reply != b"250 message queued\r\n":
             raise RuntimeError("relay failed: %r" % reply)
         return elapsed
 
     def close(self):
-        self.command(b"QUIT")
-        self.sock.close()
+        self.command("QUIT")
+        super().close()
 
 
 def relayed_text(stuffed):
@@ -78,7 +63,7 @@ def relayed_text(stuffed):
 
 def curl_post(stack, path):
     """Seconds for one curl process to post the file at `path` to the send address."""
-    url = "http://%s:%d/mail/bench/sendmsg" % (gateway_stack.HOST, stack.service_port)
+    url = "http://%s:%d/mail/bench/sendmsg" % (T.HOST, stack.service_port)
     start = time.monotonic()
     subprocess.run(["curl", "--silent", "--show-error", "--fail", "--noproxy", "*", "--anyauth", "--user",
                     "bench:bench", "-H", "Content-Type: message/rfc821", "-H", "Expect:", "--data-binary",
@@ -106,13 +91,13 @@ def main():
     os.environ.setdefault("TARNWICK_GATEWAY", os.path.join(args.build, "app", "tarnwick-gateway"))
     os.environ.setdefault("TARNWICK_WEBMAIL", os.path.join(args.build, "webmail", "tarnwick-webmail"))
 
-    stack = gateway_stack.Stack()
+    stack = T.Stack()
     results = {}
     try:
         stack.store.add_user("bench", "bench")
         stack.store.add_user("rcpt", "rcpt")
         stack.start()
-        pop = __import__("poplib").POP3(gateway_stack.HOST, stack.pop3_port, timeout=60)
+        pop = __import__("poplib").POP3(T.HOST, stack.pop3_port, timeout=60)
         pop.user("bench")
         pop.pass_("bench")
         pop.stat()
@@ -125,9 +110,9 @@ def main():
                 f.flush()
                 gateway_times, curl_times = [], []
                 for i in range(args.pairs):
-                    gateway_stack.wait_for(lambda: gateway_stack.is_listening(stack.smtp_port), 30, "SMTP")
+                    T.wait_for(lambda: T.is_listening(stack.smtp_port), 30, "SMTP")
                     client = SmtpClient(stack.smtp_port)
-                    client.command(b"HELO bench")
+                    client.command("HELO bench")
                     client.relay(b"Subject: log-in\r\n\r\nfirst\r\n")
                     gateway_times.append(client.relay(stuffed))
                     client.close()

@@ -1,6 +1,6 @@
 """The four SMTP clients of the end-to-end tests, each run as a mail reader's user would configure it against a
-plain SMTP server without authentication, and the POP3 fetch that must come first (the gateway relays with
-the credentials its POP3 server last received)."""
+plain SMTP server without authentication, the POP3 fetch that must come first (the gateway relays with the
+credentials its POP3 server last received), and the messages they send."""
 
 import base64
 import poplib
@@ -8,7 +8,7 @@ import subprocess
 import sys
 import tempfile
 
-from gateway_stack import HOST, is_listening, wait_for
+from tarnwick_testing import HOST
 
 CLIENT_TIMEOUT = 300
 TRACE_LIMIT = 1 << 20
@@ -25,23 +25,14 @@ class Sent:
         return "Sent(ok=%r, output=%r)" % (self.ok, self.output[-1500:])
 
 
-def wait_smtp_listening(stack):
-    """The gateway listens again only after the previous client's close has been handled."""
-    wait_for(lambda: is_listening(stack.smtp_port), 30, "the SMTP server to listen again")
-
-
 def fetch_once(stack, user, password):
     """A mail reader's first fetch: it fills the gateway's credential store."""
-    wait_for(lambda: is_listening(stack.pop3_port), 30, "the POP3 server to listen again")
+    stack.wait_listening(stack.pop3_port)
     pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
-    try:
-        pop.user(user)
-        pop.pass_(password)
-        count, _ = pop.stat()
-        pop.quit()
-        return count
-    finally:
-        pop.close()
+    pop.user(user)
+    pop.pass_(password)
+    pop.stat()
+    pop.quit()
 
 
 def _run(args, data=None):
@@ -85,7 +76,7 @@ CLIENTS = {"msmtp": with_msmtp, "curl": with_curl, "smtplib": with_smtplib, "swa
 
 
 def send(stack, client, sender, recipient, message):
-    wait_smtp_listening(stack)
+    stack.wait_listening(stack.smtp_port)
     return CLIENTS[client](stack, sender, recipient, message)
 
 

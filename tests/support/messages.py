@@ -1,4 +1,5 @@
-"""The messages the end-to-end tests put into the store: several kinds, each as the bytes of its file."""
+"""The messages the end-to-end tests and benchmarks put into the store: several kinds, each as the bytes of its
+file."""
 
 PLAIN = (b"From: Ann Example <ann@example.org>\r\n"
          b"To: alice@example.org\r\n"
@@ -63,10 +64,6 @@ NO_FINAL_LINE_END = (b"From: Terse <terse@example.org>\r\n"
                      b"\r\n"
                      b"last line")
 
-# In delivery order; READ is delivered already read.
-MIXED = [PLAIN, READ, DOTS, EIGHT_BIT, MULTIPART, NO_FINAL_LINE_END]
-UNREAD = [m for m in MIXED if m is not READ]
-
 # Sender names in raw 8-bit bytes, as some mailers still write them: Latin-1, and UTF-8 with characters of
 # two, three and four bytes. The listing must still give every message a printable ASCII unique id.
 LATIN1_NAME = (b"From: Fran\xe7ois L\xe9ger <francois@example.org>\r\n"
@@ -83,9 +80,9 @@ UTF8_NAME = (b"From: \"J\xc3\xbcrgen M\xc3\xbcller \xe2\x80\x93 \xf0\x9f\x93\xab
              b"\r\n"
              b"Sch\xc3\xb6ne Gr\xc3\xbc\xc3\x9fe.\r\n")
 
-# What the mail readers' tests fetch: the mixed set, then the two 8-bit sender names.
-READER_MAIL = MIXED + [LATIN1_NAME, UTF8_NAME]
-READER_UNREAD = [m for m in READER_MAIL if m is not READ]
+# What the mail readers fetch, in delivery order; READ is delivered already read and no reader may see it.
+MAIL = [PLAIN, READ, DOTS, EIGHT_BIT, MULTIPART, NO_FINAL_LINE_END, LATIN1_NAME, UTF8_NAME]
+UNREAD = [m for m in MAIL if m is not READ]
 
 
 def big_message(size):
@@ -95,11 +92,6 @@ def big_message(size):
     dotted = b"." + b"y" * 75 + b"\r\n"
     lines = (size - len(head)) // len(line)
     return head + b"".join(dotted if i % 997 == 0 else line for i in range(lines))
-
-
-def deliver_mixed(store, user, mail=MIXED):
-    """The mixed set (or `mail`) into `user`'s inbox, in order; READ is marked read. Returns the messages' ids."""
-    return [store.deliver(user, m, seen=m is READ) for m in mail]
 
 
 def stuffed(body):

@@ -1,7 +1,9 @@
-"""One tarnwick-webmail on a temporary Maildir store and one headless tarnwick-gateway pointed at it.
+"""What the Python tests and the benchmarks share: free ports and listening sockets on 127.0.0.1, processes
+stopped by their pid, one tarnwick-webmail on a temporary Maildir store with one headless tarnwick-gateway
+pointed at it (or at another service), and one line-by-line POP3/SMTP client over a plain socket.
 
-The binaries come from the environment (TARNWICK_GATEWAY, TARNWICK_WEBMAIL; CTest sets them). Everything
-listens on 127.0.0.1 only; every process started here is stopped by its pid.
+The binaries come from the environment (TARNWICK_GATEWAY, TARNWICK_WEBMAIL; CTest sets them), else from the
+build folder at the top of the tree. Everything listens on 127.0.0.1 only.
 """
 
 import os
@@ -16,7 +18,23 @@ import time
 HOST = "127.0.0.1"
 SERVICE_PATH = "/svcs/hotmail/tarnwick.asp"
 TRASH_FOLDER = "Deleted Items"
-APP_LINE = "X-Application: Tarnwick Gateway - " + os.environ.get("TARNWICK_VERSION", "0.2.0")
+ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
+
+
+def _project_version():
+    """The version CTest passes on, or (for a run by hand) the one the top CMakeLists.txt declares."""
+    if os.environ.get("TARNWICK_VERSION"):
+        return os.environ["TARNWICK_VERSION"]
+    with open(os.path.join(ROOT, "CMakeLists.txt")) as f:
+        return re.search(r"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
+
+
+def binary(variable, build_path):
+    return os.environ.get(variable) or os.path.join(ROOT, "build", build_path)
+
+
+# The line the gateway puts in front of every message it serves.
+APP_LINE = b"X-Application: Tarnwick Gateway - " + _project_version().encode()
 START_TIMEOUT = 20.0
 
 # tarnwick-webmail writes one line per HTTP request it serves on standard error.
@@ -113,10 +131,12 @@ class Store:
 
 
 class Stack:
-    """The running pair: webmail on an ephemeral port, the gateway headless on two free ports."""
+    """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
+    `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=()):
+    def __init__(self, webmail_args=(), service_url=None):
         self.webmail_args = list(webmail_args)
+        self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
         self.webmail = None
@@ -129,7 +149,8 @@ class Stack:
 
     def start(self):
         try:
-            self._start_webmail()
+            if self._service_url is None:
+                self._start_webmail()
             self._start_gateway()
         except BaseException:
             self.stop()
@@ -151,7 +172,8 @@ class Stack:
         self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "wb")
         self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "wb")
         self.webmail = subprocess.Popen(
-            [os.environ["TARNWICK_WEBMAIL"], "--store", self.store.root, "--listen", HOST + ":0"] + self.webmail_args,
+            [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", self.store.root,
+             "--listen", HOST + ":0"] + self.webmail_args,
             stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
 
         def bound():
@@ -174,7 +196,7 @@ class Stack:
                 continue
             self._gateway_out = open(os.path.join(self.dir, "gateway.out"), "wb")
             self.gateway = subprocess.Popen(
-                [os.environ["TARNWICK_GATEWAY"], "--headless",
+                [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
                  "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
                  "--service-url", self.service_url()],
                 stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
@@ -198,7 +220,7 @@ class Stack:
             return b""
 
     def service_url(self):
-        return "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
+        return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
 
     def webmail_output(self):
         return (self._read("webmail.out") + self._read("webmail.err")).decode("latin-1")
@@ -210,30 +232,39 @@ class Stack:
         """How many requests the webmail has served so far."""
         return sum(1 for line in self._read("webmail.err").splitlines() if REQUEST_LINE.search(line))
 
-    def wait_pop3_listening(self):
+    def wait_listening(self, port):
         """The gateway listens again only after the previous client's close has been handled."""
-        wait_for(lambda: is_listening(self.pop3_port), 10, "the POP3 server to listen again")
+        wait_for(lambda: is_listening(port), 30, "the gateway to listen again on %d" % port)
+
+    def client(self, port):
+        """A LineClient on one of the gateway's ports (pop3_port or smtp_port), its greeting not yet read."""
+        self.wait_listening(port)
+        return LineClient(port)
 
 
-class RawClient:
-    """A POP3 client over a plain socket, for exact bytes: one command per send, as a mail reader does."""
+class LineClient:
+    """A POP3 or SMTP client over a plain socket, for exact bytes: one command per send, as a mail reader does."""
 
     def __init__(self, port, timeout=60):
         self.sock = socket.create_connection((HOST, port), timeout=timeout)
-        self.buf = b""
+        self.buf = bytearray()
 
-    def read_until(self, end):
-        while end not in self.buf:
+    def _until(self, end):
+        """The received bytes up to and including the first `end`, read from the socket as far as needed."""
+        start = 0
+        while (found := self.buf.find(end, start)) < 0:
+            start = max(0, len(self.buf) - len(end) + 1)
             chunk = self.sock.recv(1 << 20)
             if not chunk:
-                raise AssertionError("connection closed; had %r" % self.buf[-200:])
+                raise AssertionError("connection closed; had %r" % bytes(self.buf[-200:]))
             self.buf += chunk
-        i = self.buf.index(end) + len(end)
-        out, self.buf = self.buf[:i], self.buf[i:]
+        out = bytes(self.buf[:found + len(end)])
+        del self.buf[:found + len(end)]
         return out
 
     def line(self):
-        return self.read_until(b"\r\n")
+        """The next reply line, with its CR LF."""
+        return self._until(b"\r\n")
 
     def command(self, text, multiline=False):
         """Sends one command; returns the whole response, up to and including its "." line if multiline."""
@@ -241,16 +272,8 @@ class RawClient:
         first = self.line()
         if not (multiline and first.startswith(b"+OK")):
             return first
-        rest = bytearray(self.buf)
-        self.buf = b""
-        while not (rest.startswith(b".\r\n") or rest.find(b"\r\n.\r\n") >= 0):
-            chunk = self.sock.recv(1 << 20)
-            if not chunk:
-                raise AssertionError("connection closed inside a multi-line response")
-            rest += chunk
-        end = 3 if rest.startswith(b".\r\n") else rest.find(b"\r\n.\r\n") + 5
-        self.buf = bytes(rest[end:])
-        return first + bytes(rest[:end])
+        self.buf[:0] = b"\r\n"  # the first line's end, so that a "." line right after it is found too
+        return first + self._until(b"\r\n.\r\n")[2:]
 
     def close(self):
         self.sock.close()

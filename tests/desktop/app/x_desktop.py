@@ -1,0 +1,245 @@
+"""A real X11 desktop for the gateway's window: Xvfb on a display of its own, the openbox window manager and,
+when asked, the trayer notification area; the gateway driven with xdotool and read with xwininfo and xprop.
+The desktop test and scripts/screenshots use it. Every process it starts is stopped by its process id."""
+
+import os
+import random
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
+from tarnwick_testing import free_port  # noqa: E402
+
+TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
+SCREEN = (1024, 768)
+TRAY_HEIGHT = 24
+TIMEOUT = 20.0
+# A check that something does NOT happen can only wait a while: longer than any double-click interval.
+QUIET_TIME = 1.5
+# The window states that keep a window out of the task list and the pager.
+SKIPS = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
+
+
+class Failure(Exception):
+    pass
+
+
+def wait_for(what, predicate, timeout=TIMEOUT):
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            raise Failure("timed out waiting for " + what)
+        time.sleep(0.05)
+
+
+class Desktop:
+    """An X display of its own with a window manager and, if asked, a notification area."""
+
+    def __init__(self, with_tray):
+        self.processes = []
+        self.folder = tempfile.mkdtemp(prefix="tarnwick-desktop-")
+        self.log = open(os.path.join(self.folder, "desktop.log"), "w+")
+        self.env = dict(os.environ, QT_QPA_PLATFORM="xcb", XDG_RUNTIME_DIR=self.folder, HOME=self.folder)
+        self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
+        self.tray = None
+        try:
+            self.start_display()
+            openbox = self.start(["openbox", "--sm-disable"], self.log)
+            try:
+                wait_for("the window manager",
+                         lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
+            except Failure as failure:
+                raise Failure("%s on %s (openbox %s): %s" % (failure, self.env["DISPLAY"], openbox.poll(),
+                                                            self.log_text()))
+            if with_tray:
+                self.start_tray()
+        except BaseException:
+            self.stop()
+            raise
+
+    def start_display(self):
+        # A display number of our own, found by trying: the server takes a number only through its lock file
+        # /tmp/.X<n>-lock, created atomically, so two servers never share one (-displayfd does not lock).
+        for attempt in range(20):
+            number = str(random.randint(100, 999))
+            xvfb = subprocess.Popen(["Xvfb", ":" + number, "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp",
+                                     "-noreset"],
+                                    stdout=self.log, stderr=self.log)
+            self.processes.append(xvfb)
+            self.env["DISPLAY"] = ":" + number
+            try:
+                wait_for("the X server", lambda: xvfb.poll() is not None or self.owns_display(xvfb, number) and
+                         subprocess.run(["xprop", "-root", "_NET_WORKAREA"], env=self.env,
+                                        capture_output=True).returncode == 0, 10)
+            except Failure:
+                pass
+            if xvfb.poll() is None and self.owns_display(xvfb, number):
+                return
+            if xvfb.poll() is None:
+                xvfb.kill()
+            xvfb.wait()
+        raise Failure("Xvfb did not start: " + self.log_text())
+
+    @staticmethod
+    def owns_display(xvfb, number):
+        try:
+            with open("/tmp/.X%s-lock" % number) as lock:
+                return lock.read().strip() == str(xvfb.pid)
+        except OSError:
+            return False
+
+    def log_text(self):
+        self.log.flush()
+        with open(self.log.name) as log:
+            return log.read()
+
+    def start_tray(self):
+        self.tray = self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
+                                "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
+        wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
+
+    def stop_tray(self):
+        self.tray.terminate()
+        self.tray.wait(5)
+        self.tray = None
+
+    def start(self, command, log=subprocess.DEVNULL):
+        process = subprocess.Popen(command, env=self.env, stdout=log, stderr=log)
+        self.processes.append(process)
+        return process
+
+    def stop(self):
+        for process in reversed(self.processes):
+            if process.poll() is None:
+                process.terminate()
+                try:
+                    process.wait(5)
+                except subprocess.TimeoutExpired:
+                    process.kill()
+                    process.wait()
+        self.log.close()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def x(self, *command):
+        return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
+
+    def work_area(self):
+        values = re.findall(r"\d+", self.x("xprop", "-root", "_NET_WORKAREA").partition("=")[2])
+        return tuple(int(v) for v in values[:4]) if len(values) >= 4 else (0, 0, 0, 0)
+
+    def windows_named(self, name):
+        return self.x("xdotool", "search", "--name", "^%s$" % re.escape(name)).split()
+
+    def geometry(self, window):
+        """(x, y, width, height, map state) of a window's client area."""
+        info = self.x("xwininfo", "-id", window)
+        number = lambda label: int(re.search(label + r":\s+(-?\d+)", info).group(1))
+        state = re.search(r"Map State:\s+(\w+)", info).group(1)
+        return (number("Absolute upper-left X"), number("Absolute upper-left Y"), number("Width"),
+                number("Height"), state)
+
+    def frame_extents(self, window):
+        values = re.findall(r"\d+", self.x("xprop", "-id", window, "_NET_FRAME_EXTENTS").partition("=")[2])
+        return tuple(int(v) for v in values) if len(values) == 4 else (0, 0, 0, 0)
+
+    def wm_state(self, window):
+        """Normal, Iconic, or None once the window is withdrawn."""
+        match = re.search(r"window state:\s+(\w+)", self.x("xprop", "-id", window, "WM_STATE"))
+        return match.group(1) if match else None
+
+    def net_wm_state(self, window):
+        return set(re.findall(r"_NET_WM_STATE_\w+", self.x("xprop", "-id", window, "_NET_WM_STATE")))
+
+    def tray_icons(self):
+        """The gateway's windows embedded in the trayer panel."""
+        icons, inside_trayer_depth = [], None
+        for line in self.x("xwininfo", "-root", "-tree").splitlines():
+            match = re.match(r"(\s*)(0x[0-9a-f]+) (.*)", line)
+            if not match:
+                continue
+            depth = len(match.group(1))
+            if inside_trayer_depth is not None and depth <= inside_trayer_depth:
+                inside_trayer_depth = None
+            # The panel may sit in trayer's own top-level window or in a dock frame of the window manager.
+            if re.search(r'"(trayer|Trayer)"\)', match.group(3)):
+                inside_trayer_depth = depth
+            elif inside_trayer_depth is not None and '"tarnwick-gateway")' in match.group(3):
+                icons.append(match.group(2))
+        return icons
+
+
+class Gateway:
+    def __init__(self, desktop, binary, extra=()):
+        self.desktop = desktop
+        self.pop3_port = free_port()
+        self.process = desktop.start([binary, "--pop3-port", str(self.pop3_port), "--smtp-port", str(free_port()),
+                                      *extra])
+
+    def main_window(self):
+        """The main window, once it is mapped."""
+        def mapped():
+            for window in self.desktop.windows_named("Tarnwick Gateway"):
+                if self.desktop.geometry(window)[4] == "IsViewable":
+                    return window
+            return None
+        return wait_for("the main window", mapped)
+
+    def exit_status(self):
+        try:
+            return self.process.wait(TIMEOUT)
+        except subprocess.TimeoutExpired:
+            raise Failure("the gateway did not end")
+
+
+def outer_corner(desktop, window):
+    x, y, width, height, _ = desktop.geometry(window)
+    left, right, top, bottom = desktop.frame_extents(window)
+    return (x + width + right, y + height + bottom)
+
+
+def settles_at(desktop, window, position):
+    """Whether the window comes to rest at `position` (openbox animates a window back from the icon)."""
+    try:
+        return wait_for("the window at %s" % (position,), lambda: desktop.geometry(window)[:2] == position, 5)
+    except Failure:
+        print("the window is at", desktop.geometry(window)[:2])
+        return False
+
+
+def click_close_box(desktop, window):
+    """Clicks the close button at the right end of the window manager's title bar."""
+    x, y, width, _, _ = desktop.geometry(window)
+    left, right, top, bottom = desktop.frame_extents(window)
+    desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
+
+
+def close_by_close_box(desktop, gateway, window):
+    """Closes the window with its close box; returns the gateway's exit status."""
+    # Now and then openbox lets a click on a window just restored from its icon go by (the window is mapped and
+    # at its place, but the button takes no press yet); the click is then given again.
+    for attempt in range(3):
+        click_close_box(desktop, window)
+        try:
+            return gateway.process.wait(5)
+        except subprocess.TimeoutExpired:
+            print("the close box took no click (window %s, frame %s); clicking again" % (
+                desktop.geometry(window), desktop.frame_extents(window)))
+    return gateway.exit_status()
+
+
+def open_file_menu_and_exit(desktop, window):
+    x, y, _, _, _ = desktop.geometry(window)
+    desktop.x("xdotool", "mousemove", "--sync", str(x + 15), str(y + 9), "click", "1")
+    wait_for("the File menu", lambda: any(desktop.geometry(w)[4] == "IsViewable"
+                                          for w in desktop.x("xdotool", "search", "--class", "tarnwick-gateway").split()
+                                          if w not in desktop.windows_named("Tarnwick Gateway") and
+                                          desktop.geometry(w)[2] > 40))
+    # Up from the top of the menu wraps to its last item, Exit (Start is disabled while running).
+    desktop.x("xdotool", "key", "Up", "Return")
