@@ -26,6 +26,9 @@ namespace app {
 namespace {
 
 constexpr const char* kTitle = "Tarnwick Gateway";
+// The log box keeps this many lines in one paragraph: a paragraph costs the document more to add than a line,
+// but is laid out whole whenever any of it is shown.
+constexpr int kLogLinesPerBlock = 8;
 
 using MScreen::FromTwips;
 
@@ -127,8 +130,14 @@ void MainWindow::AppendLog(const std::string& entry) {
 void MainWindow::AppendLogParts(std::span<const std::string_view> parts) {
     // Each part is decoded on its own: entries and their parts break at whole characters, and joining the parts
     // first would hold a second full copy of a long entry.
+    qsizetype size = 0;
+    for (std::string_view part : parts) size += static_cast<qsizetype>(part.size());
     QString shown;
-    for (std::string_view part : parts) shown += DisplayText(part);
+    shown.reserve(size);
+    int sinceBlock = 0;
+    for (std::string_view part : parts) AppendDisplayText(shown, part, kLogLinesPerBlock, sinceBlock);
+    // The append ends its last paragraph, so that the next one starts a paragraph of its own.
+    if (!shown.isEmpty() && shown.back() == QChar::LineSeparator) shown.back() = u'\n';
     // Inserting at the end leaves the box holding its old text followed by the entry, exactly as setting the
     // whole text again would, without laying the whole log out again for every entry: a retrieved message of
     // many megabytes is one entry, and every entry after it would otherwise take seconds.
