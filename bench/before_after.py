@@ -38,12 +38,15 @@ def run(script, extra, gateway, webmail, log):
     for line in out.splitlines():
         m = RATIO.match(line)
         if m:
-            found[m.group(1)] = (float(m.group(2)), float(m.group(3)), float(m.group(4)), m.group(5).strip(), "x")
+            goal = re.search(r"\[goal ([^\]]*)\]", m.group(5))
+            found[m.group(1)] = (float(m.group(2)), float(m.group(3)), float(m.group(4)), goal.group(1) if goal else "",
+                                 "x")
             continue
         m = MEMORY.match(line) or PER_COMMAND.match(line)
         if m:
             value = float(m.group(2))
-            goal = m.group(3).strip() if m.re is MEMORY else ""
+            goal = re.search(r"\[goal ([^\]]*)\]", m.group(3)) if m.re is MEMORY else None
+            goal = goal.group(1) if goal else ""
             found[m.group(1)] = (value, value, value, goal, "MB" if m.re is MEMORY else "ms")
     return found
 
@@ -93,8 +96,7 @@ def main():
     print("|---|---|---|---|")
     for n in names:
         goal = next((r[n][3] for r in results["after"] + results["before"] if n in r and r[n][3]), "")
-        print("| %s | %s | %s | %s |" % (n, summary(results["before"], n), summary(results["after"], n),
-                                         goal.strip("[] ")))
+        print("| %s | %s | %s | %s |" % (n, summary(results["before"], n), summary(results["after"], n), goal))
 
 
 if __name__ == "__main__":
