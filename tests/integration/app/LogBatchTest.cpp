@@ -54,10 +54,12 @@ TEST(LogBatchTest, HeadlessViewGetsEachEntryAtOnce) {
 }
 
 TEST(LogBatchTest, WindowBoxGivesBackEveryLineOfALongEntryAndOfTheEntriesAfterIt) {
-    // Forty lines, with every kind of line end and characters on both sides of the decoder's fast path.
-    std::string message = "+OK 40 lines\r\n";
+    // Lines with every kind of line end and characters on both sides of the decoder's fast path, in an entry of
+    // some megabytes, which goes into the box in slices.
+    std::string message = "+OK\r\n";
     const char* const ends[] = {"\r\n", "\n", "\r"};
-    for (int i = 0; i < 39; ++i) message += "line " + std::to_string(i) + " Sch\xC3\xB6n \xF6\t" + ends[i % 3];
+    const std::string mail = "\xF0\x9F\x93\xA7";
+    for (int i = 0; i < 130000; ++i) message += mail + mail + mail + mail + "Sch\xC3\xB6n\xF6\t" + ends[i % 3];
     message += ".";
     app::MainWindow window;
     const std::string_view first[] = {"SERVER_RESPONSE: ", message, "\r\n"};
