@@ -58,8 +58,8 @@ TEST(LogBatchTest, WindowBoxGivesBackEveryLineOfALongEntryAndOfTheEntriesAfterIt
     // some megabytes, which goes into the box in slices.
     std::string message = "+OK\r\n";
     const char* const ends[] = {"\r\n", "\n", "\r"};
-    const std::string mail = "\xF0\x9F\x93\xA7";
-    for (int i = 0; i < 130000; ++i) message += mail + mail + mail + mail + "Sch\xC3\xB6n\xF6\t" + ends[i % 3];
+    const std::string line = "\xF0\x9F\x93\xA7\xF0\x9F\x93\xA7\xF0\x9F\x93\xA7\xF0\x9F\x93\xA7Sch\xC3\xB6n\xF6\t";
+    for (int i = 0; i < 130000; ++i) message.append(line).append(ends[i % 3]);
     message += ".";
     app::MainWindow window;
     const std::string_view first[] = {"SERVER_RESPONSE: ", message, "\r\n"};
