@@ -42,30 +42,65 @@ std::size_t Utf8Sequence(std::string_view bytes, std::size_t at, char32_t* code)
     return length;
 }
 
-}  // namespace
-
-QString DisplayText(std::string_view bytes) {
-    QString text;
-    text.reserve(static_cast<qsizetype>(bytes.size()));
+// Decodes `bytes` onto the end of `text`; each line end is written as `lineEnd(shown)`, where `shown` is what
+// DisplayText shows for it ('\n' for CR LF, else the lone CR or LF). The text never needs more than one UTF-16
+// unit per byte (a four-byte sequence gives two), so it is sized once and written through a pointer: a long
+// entry is many megabytes.
+template <typename LineEnd>
+void Decode(QString& text, std::string_view bytes, LineEnd lineEnd) {
+    const qsizetype start = text.size();
+    text.resize(start + static_cast<qsizetype>(bytes.size()));
+    char16_t* const begin = reinterpret_cast<char16_t*>(text.data());
+    char16_t* out = begin + start;
     std::size_t at = 0;
     while (at < bytes.size()) {
         const auto byte = static_cast<unsigned char>(bytes[at]);
+        if (byte >= 0x20 && byte < 0x80) {
+            *out++ = byte;
+            ++at;
+            continue;
+        }
         if (byte == '\r' && at + 1 < bytes.size() && bytes[at + 1] == '\n') {
-            text += QChar('\n');
+            *out++ = lineEnd(u'\n');
             at += 2;
+            continue;
+        }
+        if (byte == '\r' || byte == '\n') {
+            *out++ = lineEnd(static_cast<char16_t>(byte));
+            ++at;
             continue;
         }
         char32_t code = 0;
         const std::size_t length = byte < 0x80 ? 0 : Utf8Sequence(bytes, at, &code);
         if (length == 0) {
-            text += QChar(static_cast<char16_t>(byte));
+            *out++ = static_cast<char16_t>(byte);
             ++at;
+        } else if (code < 0x10000) {
+            *out++ = static_cast<char16_t>(code);
+            at += length;
         } else {
-            text += QString::fromUcs4(&code, 1);
+            *out++ = QChar::highSurrogate(code);
+            *out++ = QChar::lowSurrogate(code);
             at += length;
         }
     }
+    text.truncate(out - begin);
+}
+
+}  // namespace
+
+QString DisplayText(std::string_view bytes) {
+    QString text;
+    Decode(text, bytes, [](char16_t shown) { return shown; });
     return text;
+}
+
+void AppendDisplayText(QString& text, std::string_view bytes, int linesPerBlock, int& sinceBlock) {
+    Decode(text, bytes, [&](char16_t /*shown*/) -> char16_t {
+        if (++sinceBlock < linesPerBlock) return QChar::LineSeparator;
+        sinceBlock = 0;
+        return u'\n';
+    });
 }
 
 }  // namespace app

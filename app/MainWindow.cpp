@@ -26,6 +26,11 @@ namespace app {
 namespace {
 
 constexpr const char* kTitle = "Tarnwick Gateway";
+// The log box keeps this many lines in one paragraph: a paragraph costs the document more to add than a line,
+// but is laid out whole whenever any of it is shown.
+constexpr int kLogLinesPerBlock = 8;
+// The most bytes of an append decoded at once (a slice ends at the next line feed after this many).
+constexpr std::size_t kLogSliceBytes = std::size_t{1} << 20;
 
 using MScreen::FromTwips;
 
@@ -125,15 +130,33 @@ void MainWindow::AppendLog(const std::string& entry) {
 }
 
 void MainWindow::AppendLogParts(std::span<const std::string_view> parts) {
-    // Each part is decoded on its own: entries and their parts break at whole characters, and joining the parts
-    // first would hold a second full copy of a long entry.
-    QString shown;
-    for (std::string_view part : parts) shown += DisplayText(part);
     // Inserting at the end leaves the box holding its old text followed by the entry, exactly as setting the
     // whole text again would, without laying the whole log out again for every entry: a retrieved message of
     // many megabytes is one entry, and every entry after it would otherwise take seconds.
     QTextCursor end(txtData->document());
     end.movePosition(QTextCursor::End);
+    // Each part is decoded on its own (entries and their parts break at whole characters), a slice at a time into
+    // one buffer that goes into the box whenever it is full: a long entry is never held a second time, whole, as
+    // decoded text. A slice ends after a line feed, so that no character and no CR LF is cut in two.
+    QString shown;
+    int sinceBlock = 0;
+    for (std::string_view part : parts) {
+        while (!part.empty()) {
+            if (static_cast<std::size_t>(shown.size()) >= kLogSliceBytes) {
+                end.insertText(shown);
+                shown.resize(0);
+            }
+            std::size_t cut = part.size();
+            if (cut > kLogSliceBytes) {
+                const std::size_t lineFeed = part.find('\n', kLogSliceBytes - 1);
+                if (lineFeed != std::string_view::npos) cut = lineFeed + 1;
+            }
+            AppendDisplayText(shown, part.substr(0, cut), kLogLinesPerBlock, sinceBlock);
+            part.remove_prefix(cut);
+        }
+    }
+    // The append ends its last paragraph, so that the next one starts a paragraph of its own.
+    if (!shown.isEmpty() && shown.back() == QChar::LineSeparator) shown.back() = u'\n';
     end.insertText(shown);
     txtData->moveCursor(QTextCursor::End);
     txtData->verticalScrollBar()->setValue(txtData->verticalScrollBar()->maximum());

@@ -1,7 +1,8 @@
 // Mailbox listing.
 #include <algorithm>
-#include <map>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "core/Convert.h"
 #include "core/Trap.h"
@@ -13,24 +14,38 @@ namespace mailservice {
 namespace {
 
 // The i-th element of each property name, counted over the whole reply. "//" searches the whole document
-// whatever node it starts from, so the search from property list i finds the same elements for every i:
-// it runs once per name, on first use. Property list i must still exist for entry i to get a value, exactly
-// as if the search had started from it.
+// whatever node it starts from, so the search from property list i finds the same elements for every i. One
+// walk over every element of the reply ("//*", in document order) sorts them by name into all the columns at
+// once: a listing of many messages is not walked again for each name. Property list i must still exist for
+// entry i to get a value, exactly as if the search had started from it.
 class PropertyColumns {
 public:
     explicit PropertyColumns(const platform::XmlNodeList& propLists) : propLists_(propLists) {}
 
+    // `pattern` is "//" followed by an element name as written in the reply ("//D:id").
     std::string NthValue(std::int32_t i, const std::string& pattern) {
         const platform::XmlNode propList = propLists_.item(i);
         (void)propList.nodeName();  // raises when entry i has no property list
-        auto found = columns_.find(pattern);
-        if (found == columns_.end()) found = columns_.emplace(pattern, propList.selectNodes(pattern)).first;
-        return found->second.item(i).text();
+        if (!sorted_) {
+            const platform::XmlNodeList elements = propList.selectNodes("//*");
+            for (std::int32_t k = 0; k < elements.length(); ++k) {
+                platform::XmlNode element = elements.item(k);
+                columns_[element.nodeName()].push_back(std::move(element));
+            }
+            sorted_ = true;
+        }
+        const auto found = columns_.find(pattern.substr(2));
+        if (found == columns_.end() || static_cast<std::size_t>(i) >= found->second.size()) {
+            return platform::XmlNode().text();  // raises, as the search's missing i-th element would
+        }
+        return found->second[static_cast<std::size_t>(i)].text();
     }
 
 private:
     const platform::XmlNodeList& propLists_;
-    std::map<std::string, platform::XmlNodeList> columns_;
+    bool sorted_ = false;
+    // Every element of the reply, by name, in document order.
+    std::unordered_map<std::string, std::vector<platform::XmlNode>> columns_;
 };
 
 }  // namespace

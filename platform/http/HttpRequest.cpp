@@ -166,7 +166,10 @@ void HttpRequest::Perform(const std::string* body) {
     Slist list;
     for (const auto& [name, value] : headers_) {
         // libcurl drops "Name:" with nothing after it; "Name;" is its way of sending a header with an empty value.
-        Append(list, value.empty() ? name + ";" : name + ": " + value);
+        std::string line = name;
+        line += value.empty() ? ";" : ": ";
+        line += value;
+        Append(list, line);
     }
     // Headers libcurl would add on its own; "Name:" with no value tells it to leave them out.
     Append(list, "Accept:");
