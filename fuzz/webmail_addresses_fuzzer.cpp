@@ -7,10 +7,10 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/MessageSummary.h"
-#include "webmail/ServiceUrls.h"
-#include "webmail/Submission.h"
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/ListedMessage.h"
+#include "webmail/dav/ServiceUrls.h"
+#include "webmail/store/Submission.h"
+#include "webmail/dav/UrlCodec.h"
 
 namespace {
 
@@ -59,6 +59,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     Check(text.find(Submission::envelopeAddress(text)) != std::string::npos,
           "an envelope address is cut from its line");
-    (void)MessageSummary::addressOf(text);
+    (void)ListedMessage::addressOf(text);
     return 0;
 }

@@ -12,8 +12,8 @@
 #include <filesystem>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/MessageFile.h"
-#include "webmail/MessageSummary.h"
+#include "webmail/store/MessageFile.h"
+#include "webmail/dav/ListedMessage.h"
 
 namespace {
 
@@ -57,13 +57,13 @@ bool IsIsoTime(const std::string& t) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string raw(reinterpret_cast<const char*>(data), size);
-    const MessageSummary summary = MessageSummary::parse(raw, 1'000'000'000);
+    const ListedMessage summary = ListedMessage::parse(raw, 1'000'000'000);
     for (const std::string* field : {&summary.subject, &summary.from, &summary.to, &summary.fromAddress}) {
         Check(IsCleanText(*field), "listed header texts are clean UTF-8 without controls");
     }
     Check(IsIsoTime(summary.date), "the listed date is YYYY-MM-DDTHH:MM:SS");
-    if (const auto date = MessageSummary::isoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
-    Check(IsCleanText(MessageSummary::cleanText(raw)), "cleanText gives clean UTF-8 without controls");
+    if (const auto date = ListedMessage::isoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
+    Check(IsCleanText(ListedMessage::cleanText(raw)), "cleanText gives clean UTF-8 without controls");
 
     // Served from the file in small pieces, so that a CR LF made for a bare LF can fall on a piece's edge.
     struct ScratchFile {

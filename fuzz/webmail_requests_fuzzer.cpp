@@ -19,9 +19,9 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/DavService.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/Submission.h"
+#include "webmail/dav/Router.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/store/Submission.h"
 
 namespace fs = std::filesystem;
 
@@ -63,7 +63,7 @@ public:
     }
 
     // A fresh store whenever a request has moved or flagged ann's mail.
-    DavService& Service() {
+    Router& Service() {
         if (CountFiles(Store() / "ann") != 2 || CountFiles(Store() / "ann" / ".Deleted Items") != 0 ||
             !fs::exists(Store() / "ann" / "new" / kAnnMessages[0]) ||
             !fs::exists(Store() / "ann" / "new" / kAnnMessages[1])) {
@@ -95,13 +95,13 @@ private:
         for (const char* name : kAnnMessages) WriteFile(Store() / "ann" / "new" / name, kMessageText);
         WriteFile(Store() / "bob" / "new" / kBobMessage, kMessageText);
         passwd_ = ReadFile(Store() / "passwd");
-        service_ = std::make_unique<DavService>(*store_, "tarnwick.local");
+        service_ = std::make_unique<Router>(*store_, "tarnwick.local");
     }
 
     fs::path top_;
     std::string passwd_;
     std::unique_ptr<MaildirStore> store_;
-    std::unique_ptr<DavService> service_;
+    std::unique_ptr<Router> service_;
 };
 
 }  // namespace

@@ -61,11 +61,11 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
         } else if (arg == "--auth") {
             const std::string& mode = value("basic, digest or any");
             if (mode == "basic") {
-                line.server.auth = WebmailServer::AuthMode::Basic;
+                line.server.auth = HttpServer::AuthMode::Basic;
             } else if (mode == "digest") {
-                line.server.auth = WebmailServer::AuthMode::Digest;
+                line.server.auth = HttpServer::AuthMode::Digest;
             } else if (mode == "any") {
-                line.server.auth = WebmailServer::AuthMode::Any;
+                line.server.auth = HttpServer::AuthMode::Any;
             } else {
                 throw std::invalid_argument("--auth: expected basic, digest or any, got \"" + mode + "\"");
             }

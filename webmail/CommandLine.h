@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "webmail/WebmailServer.h"
+#include "webmail/dav/HttpServer.h"
 
 struct CommandLine {
     std::string store;                   // --store DIR (required)
-    WebmailServer::Options server;       // --listen, --domain, --auth, --max-message-size
+    HttpServer::Options server;       // --listen, --domain, --auth, --max-message-size
     std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
     std::string addUserPassword;         //                           password
     bool demo = false;                   // --demo

@@ -6,9 +6,9 @@
 #include <stdexcept>
 
 #include "webmail/CommandLine.h"
-#include "webmail/DemoMail.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/WebmailServer.h"
+#include "webmail/store/DemoMail.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/dav/HttpServer.h"
 
 int main(int argc, char** argv) {
     CommandLine line;
@@ -41,7 +41,7 @@ int main(int argc, char** argv) {
         sigaddset(&stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-        WebmailServer server(store, line.server);
+        HttpServer server(store, line.server);
         server.start();
         std::cout << "listening on " << line.server.address << ":" << std::to_string(server.port()) << std::endl;
         int received = 0;

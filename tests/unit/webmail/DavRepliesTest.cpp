@@ -4,9 +4,9 @@
 #include <pugixml.hpp>
 
 #include "tests/unit/webmail/TempDir.h"
-#include "webmail/DavService.h"
-#include "webmail/DemoMail.h"
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/Router.h"
+#include "webmail/store/DemoMail.h"
+#include "webmail/dav/UrlCodec.h"
 
 namespace {
 
@@ -77,7 +77,7 @@ protected:
 
     TempDir dir;
     MaildirStore store{dir.path()};
-    DavService service{store, "tarnwick.local"};
+    Router service{store, "tarnwick.local"};
 };
 
 TEST_F(DavServiceTest, LoginAddressesByPositionLeadToWorkingResources) {

@@ -1,7 +1,7 @@
 // The Digest check: RFC 2617's worked example, and the answers to right, wrong, forged and expired credentials.
 #include <gtest/gtest.h>
 
-#include "webmail/DigestAuth.h"
+#include "webmail/dav/DigestAuth.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 
 #include <algorithm>
 
-#include "webmail/EncodedWords.h"
-#include "webmail/MessageSummary.h"
+#include "webmail/dav/EncodedWords.h"
+#include "webmail/dav/ListedMessage.h"
 
 namespace {
 
@@ -90,7 +90,7 @@ TEST(EncodedWordsTest, FromTextBecomesPrintableAsciiThatDecodesToTheSameText) {
             EXPECT_LE(i - wordStart, EncodedWords::kMaxWordLength) << c.name << ": " << got;
             wordStart = i + 1;
         }
-        EXPECT_EQ(decoded(got), decoded(MessageSummary::cleanText(c.from))) << c.name << ": " << got;
+        EXPECT_EQ(decoded(got), decoded(ListedMessage::cleanText(c.from))) << c.name << ": " << got;
     }
 }
 

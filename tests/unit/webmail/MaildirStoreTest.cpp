@@ -7,11 +7,11 @@
 #include <sstream>
 
 #include "tests/unit/webmail/TempDir.h"
-#include "webmail/Account.h"
-#include "webmail/MailDelivery.h"
-#include "webmail/MaildirFolder.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/PasswordFile.h"
+#include "webmail/store/Account.h"
+#include "webmail/store/MailDelivery.h"
+#include "webmail/store/MaildirFolder.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/store/PasswordFile.h"
 
 namespace fs = std::filesystem;
 

@@ -6,7 +6,7 @@
 #include <fstream>
 
 #include "tests/unit/webmail/TempDir.h"
-#include "webmail/MessageFile.h"
+#include "webmail/store/MessageFile.h"
 
 namespace fs = std::filesystem;
 

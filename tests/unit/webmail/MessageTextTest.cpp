@@ -3,11 +3,11 @@
 
 #include <tuple>
 
-#include "webmail/BasicCredentials.h"
-#include "webmail/MessageSummary.h"
-#include "webmail/ServiceUrls.h"
-#include "webmail/Submission.h"
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/BasicCredentials.h"
+#include "webmail/dav/ListedMessage.h"
+#include "webmail/dav/ServiceUrls.h"
+#include "webmail/store/Submission.h"
+#include "webmail/dav/UrlCodec.h"
 
 namespace {
 
@@ -121,14 +121,14 @@ TEST(MessageSummaryTest, ReadsHeaderFieldsForTheListing) {
     const std::string raw =
         "Received: by x\r\nFROM: \"Ann Smith\"\r\n <ann@x.org>\r\nto: bob@y.org\r\nSubject: Hello\r\n\tworld\r\n"
         "Date: Tue, 14 May 2002 10:21:13 +0200\r\nContent-Type: multipart/mixed; boundary=b\r\n\r\nSubject: not me\r\n";
-    const auto s = MessageSummary::parse(raw, 0);
+    const auto s = ListedMessage::parse(raw, 0);
     EXPECT_EQ(s.from, "\"Ann Smith\" <ann@x.org>");
     EXPECT_EQ(s.fromAddress, "ann@x.org");
     EXPECT_EQ(s.to, "bob@y.org");
     EXPECT_EQ(s.subject, "Hello world");
     EXPECT_EQ(s.date, "2002-05-14T08:21:13");
     EXPECT_TRUE(s.hasAttachment);
-    const auto bare = MessageSummary::parse("Subject: only\n\nbody\n", 1021371673);
+    const auto bare = ListedMessage::parse("Subject: only\n\nbody\n", 1021371673);
     EXPECT_EQ(bare.date, "2002-05-14T10:21:13");  // from the fallback time
     EXPECT_EQ(bare.from, "");
     EXPECT_FALSE(bare.hasAttachment);
@@ -141,24 +141,24 @@ TEST(MessageSummaryTest, DatesInTheirCommonShapes) {
         {"Fri, 1 Feb 02 23:30 GMT", "2002-02-01T23:30:00"},
         {"Wed, 31 Dec 2003 20:00:00 EST", "2004-01-01T01:00:00"},
     };
-    for (const auto& [text, iso] : cases) EXPECT_EQ(MessageSummary::isoDate(text), iso) << text;
+    for (const auto& [text, iso] : cases) EXPECT_EQ(ListedMessage::isoDate(text), iso) << text;
     for (const char* bad : {"", "yesterday", "Tue, 14 Foo 2002 10:21:13", "14 May 2002", "14 May 2002 25:00:00"}) {
-        EXPECT_FALSE(MessageSummary::isoDate(bad)) << bad;
+        EXPECT_FALSE(ListedMessage::isoDate(bad)) << bad;
     }
 }
 
 TEST(MessageSummaryTest, CleanTextIsValidUtf8WithoutControls) {
-    EXPECT_EQ(MessageSummary::cleanText(" Gr\xC3\xBC\xC3\x9F"
+    EXPECT_EQ(ListedMessage::cleanText(" Gr\xC3\xBC\xC3\x9F"
                                         "e "),
               "Gr\xC3\xBC\xC3\x9F"
               "e");
-    EXPECT_EQ(MessageSummary::cleanText("Caf\xE9"), "Caf\xC3\xA9");  // Latin-1 byte
-    EXPECT_EQ(MessageSummary::cleanText("a\x01"
+    EXPECT_EQ(ListedMessage::cleanText("Caf\xE9"), "Caf\xC3\xA9");  // Latin-1 byte
+    EXPECT_EQ(ListedMessage::cleanText("a\x01"
                                         "b\x7F"
                                         "c"),
               "a b c");                                                                // controls
-    EXPECT_EQ(MessageSummary::cleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // encoded surrogate
-    EXPECT_EQ(MessageSummary::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
+    EXPECT_EQ(ListedMessage::cleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // encoded surrogate
+    EXPECT_EQ(ListedMessage::cleanText("\xC3"), "\xC3\x83");                          // cut-off sequence
 }
 
 TEST(BasicCredentialsTest, SchemeInAnyCaseStrictBase64AndNoControlCharacters) {

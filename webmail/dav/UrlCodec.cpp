@@ -1,4 +1,4 @@
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/UrlCodec.h"
 
 namespace UrlCodec {
 namespace {

@@ -1,4 +1,4 @@
-#include "webmail/MaildirFolder.h"
+#include "webmail/store/MaildirFolder.h"
 
 #include <fcntl.h>
 #include <sys/time.h>

@@ -1,4 +1,4 @@
-#include "webmail/MailDelivery.h"
+#include "webmail/store/MailDelivery.h"
 
 #include <stdexcept>
 

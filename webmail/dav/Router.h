@@ -3,15 +3,15 @@
 
 #include <string>
 
-#include "webmail/DavExchange.h"
-#include "webmail/MailDelivery.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/ServiceUrls.h"
+#include "webmail/dav/DavRequest.h"
+#include "webmail/store/MailDelivery.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/dav/ServiceUrls.h"
 
-class DavService {
+class Router {
 public:
     // A service over store for the given mail domain.
-    DavService(MaildirStore& store, std::string domain);
+    Router(MaildirStore& store, std::string domain);
 
     // Carries out one request; never throws (store failures become 500 replies). Holds the store lock.
     DavReply handle(const DavRequest& request);

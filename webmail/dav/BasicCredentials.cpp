@@ -1,4 +1,4 @@
-#include "webmail/BasicCredentials.h"
+#include "webmail/dav/BasicCredentials.h"
 
 #include <algorithm>
 

@@ -1,10 +1,10 @@
-#include "webmail/PropfindReplies.h"
+#include "webmail/dav/PropfindReplies.h"
 
 #include <pugixml.hpp>
 
-#include "webmail/Account.h"
-#include "webmail/EncodedWords.h"
-#include "webmail/MultistatusWriter.h"
+#include "webmail/store/Account.h"
+#include "webmail/dav/EncodedWords.h"
+#include "webmail/dav/MultistatusWriter.h"
 
 namespace {
 

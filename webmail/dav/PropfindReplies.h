@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "webmail/MaildirFolder.h"
-#include "webmail/MessageSummary.h"
-#include "webmail/ServiceUrls.h"
+#include "webmail/store/MaildirFolder.h"
+#include "webmail/dav/ListedMessage.h"
+#include "webmail/dav/ServiceUrls.h"
 
 class PropfindReplies {
 public:
@@ -27,7 +27,7 @@ public:
     // One message as the mailbox listing shows it.
     struct Message {
         MaildirEntry entry;
-        MessageSummary summary;
+        ListedMessage summary;
         std::size_t size = 0;  // bytes a GET of the message returns
     };
 

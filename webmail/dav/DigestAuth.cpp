@@ -1,4 +1,4 @@
-#include "webmail/DigestAuth.h"
+#include "webmail/dav/DigestAuth.h"
 
 #include <nettle/md5.h>
 #include <sys/random.h>

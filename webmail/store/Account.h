@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "webmail/MaildirFolder.h"
+#include "webmail/store/MaildirFolder.h"
 
 class Account {
 public:

@@ -1,4 +1,4 @@
-#include "webmail/MessageSummary.h"
+#include "webmail/dav/ListedMessage.h"
 
 #include <algorithm>
 #include <array>
@@ -144,9 +144,9 @@ bool readNumber(std::string_view text, int& value) {
 
 }  // namespace
 
-MessageSummary MessageSummary::parse(std::string_view raw, std::time_t fallbackTime) {
+ListedMessage ListedMessage::parse(std::string_view raw, std::time_t fallbackTime) {
     const std::vector<HeaderField> fields = readHeader(raw);
-    MessageSummary summary;
+    ListedMessage summary;
     summary.subject = cleanText(fieldValue(fields, "Subject"));
     summary.from = cleanText(fieldValue(fields, "From"));
     summary.to = cleanText(fieldValue(fields, "To"));
@@ -159,7 +159,7 @@ MessageSummary MessageSummary::parse(std::string_view raw, std::time_t fallbackT
     return summary;
 }
 
-std::string MessageSummary::cleanText(std::string_view text) {
+std::string ListedMessage::cleanText(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     for (std::size_t i = 0; i < text.size();) {
@@ -182,7 +182,7 @@ std::string MessageSummary::cleanText(std::string_view text) {
     return std::string(trim(out));
 }
 
-std::string MessageSummary::addressOf(std::string_view text) {
+std::string ListedMessage::addressOf(std::string_view text) {
     const std::size_t open = text.rfind('<');
     if (open != std::string_view::npos) {
         const std::size_t close = text.find('>', open);
@@ -195,7 +195,7 @@ std::string MessageSummary::addressOf(std::string_view text) {
     return all.empty() ? std::string() : std::string(all.front());
 }
 
-std::optional<std::string> MessageSummary::isoDate(std::string_view text) {
+std::optional<std::string> ListedMessage::isoDate(std::string_view text) {
     std::vector<std::string_view> parts = words(text);
     if (!parts.empty() && monthNumber(parts.front()) == 0 && !IsDigit(parts.front()[0])) {
         parts.erase(parts.begin());  // day of the week
@@ -231,7 +231,7 @@ std::optional<std::string> MessageSummary::isoDate(std::string_view text) {
     return isoTime(local - offset);
 }
 
-std::string MessageSummary::isoTime(std::time_t time) {
+std::string ListedMessage::isoTime(std::time_t time) {
     std::tm tm{};
     ::gmtime_r(&time, &tm);
     char buffer[96];

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "webmail/MaildirStore.h"
+#include "webmail/store/MaildirStore.h"
 
 class DemoMail {
 public:

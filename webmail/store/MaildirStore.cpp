@@ -1,4 +1,4 @@
-#include "webmail/MaildirStore.h"
+#include "webmail/store/MaildirStore.h"
 
 #include <stdexcept>
 

@@ -7,14 +7,14 @@
 #include <mutex>
 #include <string>
 
-#include "webmail/DavService.h"
-#include "webmail/DigestAuth.h"
-#include "webmail/MaildirStore.h"
+#include "webmail/dav/Router.h"
+#include "webmail/dav/DigestAuth.h"
+#include "webmail/store/MaildirStore.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
 
-class WebmailServer {
+class HttpServer {
 public:
     enum class AuthMode { Basic, Digest, Any };
 
@@ -30,10 +30,10 @@ public:
     static constexpr const char* kRealm = "tarnwick-webmail";
 
     // A server for store; nothing listens until start().
-    WebmailServer(MaildirStore& store, Options options);
-    ~WebmailServer();
-    WebmailServer(const WebmailServer&) = delete;
-    WebmailServer& operator=(const WebmailServer&) = delete;
+    HttpServer(MaildirStore& store, Options options);
+    ~HttpServer();
+    HttpServer(const HttpServer&) = delete;
+    HttpServer& operator=(const HttpServer&) = delete;
 
     // Starts listening on worker threads; throws std::runtime_error when the address cannot be bound.
     void start();
@@ -58,7 +58,7 @@ private:
 
     MaildirStore& store_;
     Options options_;
-    DavService service_;
+    Router service_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t boundPort_ = 0;
     DigestAuth digest_;

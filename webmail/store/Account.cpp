@@ -1,4 +1,4 @@
-#include "webmail/Account.h"
+#include "webmail/store/Account.h"
 
 #include <algorithm>
 

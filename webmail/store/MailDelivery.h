@@ -8,9 +8,9 @@
 #include <string_view>
 #include <vector>
 
-#include "webmail/Account.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/Submission.h"
+#include "webmail/store/Account.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/store/Submission.h"
 
 class MailDelivery {
 public:

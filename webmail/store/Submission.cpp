@@ -1,4 +1,4 @@
-#include "webmail/Submission.h"
+#include "webmail/store/Submission.h"
 
 #include <unordered_set>
 

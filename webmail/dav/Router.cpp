@@ -1,4 +1,4 @@
-#include "webmail/DavService.h"
+#include "webmail/dav/Router.h"
 
 #include <algorithm>
 #include <filesystem>
@@ -8,11 +8,11 @@
 #include <pugixml.hpp>
 
 #include "core/Ascii.h"
-#include "webmail/MessageFile.h"
-#include "webmail/MultistatusWriter.h"
-#include "webmail/PropfindReplies.h"
-#include "webmail/Submission.h"
-#include "webmail/UrlCodec.h"
+#include "webmail/store/MessageFile.h"
+#include "webmail/dav/MultistatusWriter.h"
+#include "webmail/dav/PropfindReplies.h"
+#include "webmail/store/Submission.h"
+#include "webmail/dav/UrlCodec.h"
 
 namespace fs = std::filesystem;
 using Kind = ServiceTarget::Kind;
@@ -64,9 +64,9 @@ std::string idOfHref(const std::string& href) {
 
 }  // namespace
 
-DavService::DavService(MaildirStore& store, std::string domain) : store_(store), delivery_(store, std::move(domain)) {}
+Router::Router(MaildirStore& store, std::string domain) : store_(store), delivery_(store, std::move(domain)) {}
 
-DavReply DavService::handle(const DavRequest& request) {
+DavReply Router::handle(const DavRequest& request) {
     const ServiceTarget target = ServiceTarget::parse(request.path);
     std::lock_guard lock(store_.mutex());
     try {
@@ -76,7 +76,7 @@ DavReply DavService::handle(const DavRequest& request) {
     }
 }
 
-DavReply DavService::route(const DavRequest& request, const ServiceTarget& target) {
+DavReply Router::route(const DavRequest& request, const ServiceTarget& target) {
     const std::string& method = request.method;
     if (target.kind == Kind::Unknown) return DavReply::failure(404, "No such address");
     ServiceUrls urls{request.baseUrl, request.user};
@@ -126,7 +126,7 @@ DavReply DavService::route(const DavRequest& request, const ServiceTarget& targe
     }
 }
 
-DavReply DavService::folderRoot(const DavRequest& request, const Account& account, const ServiceUrls& urls) {
+DavReply Router::folderRoot(const DavRequest& request, const Account& account, const ServiceUrls& urls) {
     std::string error;
     const auto asked = PropfindReplies::requested(request.body, error);
     if (!error.empty()) return DavReply::failure(400, error);
@@ -144,7 +144,7 @@ DavReply DavService::folderRoot(const DavRequest& request, const Account& accoun
     return multistatus(PropfindReplies::folders(urls, folders, asked.value_or(PropfindReplies::defaultFolderProps())));
 }
 
-DavReply DavService::folderPropfind(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+DavReply Router::folderPropfind(const DavRequest& request, const Account& account, const ServiceUrls& urls,
                                     const std::string& folderName) {
     std::string error;
     const auto asked = PropfindReplies::requested(request.body, error);
@@ -164,14 +164,14 @@ DavReply DavService::folderPropfind(const DavRequest& request, const Account& ac
         const auto file = MessageFile::open(entry.path);
         if (!file) continue;
         const MessageFile::Facts facts = file->facts();
-        MessageSummary summary = MessageSummary::parse(file->header(), file->modified());
+        ListedMessage summary = ListedMessage::parse(file->header(), file->modified());
         summary.hasAttachment = summary.hasAttachment || facts.attachmentLine;
         messages.push_back({entry, std::move(summary), facts.servedSize});
     }
     return multistatus(PropfindReplies::messages(urls, folderName, messages));
 }
 
-DavReply DavService::getMessage(const Account& account, const ServiceTarget& target) {
+DavReply Router::getMessage(const Account& account, const ServiceTarget& target) {
     const auto entry = account.folder(target.folder)->find(target.id);
     auto file = entry ? MessageFile::open(entry->path) : std::nullopt;
     if (!file) return DavReply::failure(404, "No such message");
@@ -181,7 +181,7 @@ DavReply DavService::getMessage(const Account& account, const ServiceTarget& tar
     return reply;
 }
 
-DavReply DavService::patchMessage(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+DavReply Router::patchMessage(const DavRequest& request, const Account& account, const ServiceUrls& urls,
                                   const ServiceTarget& target) {
     pugi::xml_document doc;
     if (!doc.load_buffer(request.body.data(), request.body.size())) {
@@ -218,7 +218,7 @@ DavReply DavService::patchMessage(const DavRequest& request, const Account& acco
     return multistatus(writer.str());
 }
 
-DavReply DavService::moveMessages(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+DavReply Router::moveMessages(const DavRequest& request, const Account& account, const ServiceUrls& urls,
                                   const std::string& folderName) {
     const std::string type = mediaType(request.contentType);
     if (!type.empty() && type != "text/xml" && type != "application/xml") {
@@ -264,7 +264,7 @@ DavReply DavService::moveMessages(const DavRequest& request, const Account& acco
     return multistatus(writer.str(), davError);
 }
 
-DavReply DavService::sendMessage(const DavRequest& request, const Account& account) {
+DavReply Router::sendMessage(const DavRequest& request, const Account& account) {
     if (mediaType(request.contentType) != "message/rfc821") {
         return DavReply::failure(415, "Content-Type must be message/rfc821");
     }

@@ -1,6 +1,6 @@
-#include "webmail/ServiceUrls.h"
+#include "webmail/dav/ServiceUrls.h"
 
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/UrlCodec.h"
 
 std::string ServiceUrls::account() const { return base + "/mail/" + UrlCodec::encodeSegment(user) + "/"; }
 

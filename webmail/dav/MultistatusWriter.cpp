@@ -1,4 +1,4 @@
-#include "webmail/MultistatusWriter.h"
+#include "webmail/dav/MultistatusWriter.h"
 
 MultistatusWriter::MultistatusWriter() {
     auto decl = doc_.append_child(pugi::node_declaration);

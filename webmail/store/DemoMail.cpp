@@ -1,4 +1,4 @@
-#include "webmail/DemoMail.h"
+#include "webmail/store/DemoMail.h"
 
 #include <chrono>
 #include <filesystem>

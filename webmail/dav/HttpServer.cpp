@@ -1,4 +1,4 @@
-#include "webmail/WebmailServer.h"
+#include "webmail/dav/HttpServer.h"
 
 #include <arpa/inet.h>
 #include <microhttpd.h>
@@ -15,7 +15,7 @@
 #include <stdexcept>
 
 #include "core/Ascii.h"
-#include "webmail/BasicCredentials.h"
+#include "webmail/dav/BasicCredentials.h"
 
 namespace {
 
@@ -111,7 +111,7 @@ std::string clientAddress(MHD_Connection* connection) {
 struct ServerCallbacks {
     static MHD_Result onRequest(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
                                 const char* uploadData, size_t* uploadSize, void** state) {
-        auto* server = static_cast<WebmailServer*>(cls);
+        auto* server = static_cast<HttpServer*>(cls);
         try {
             return server->handle(connection, url, method, uploadData, uploadSize, state) ? MHD_YES : MHD_NO;
         } catch (const std::exception& e) {
@@ -126,15 +126,15 @@ struct ServerCallbacks {
     }
 };
 
-WebmailServer::WebmailServer(MaildirStore& store, Options options)
+HttpServer::HttpServer(MaildirStore& store, Options options)
     : store_(store),
       options_(std::move(options)),
       service_(store, options_.domain),
       digest_(kRealm, kOpaque, kNonceTimeoutSeconds, kNonceSlots) {}
 
-WebmailServer::~WebmailServer() { stop(); }
+HttpServer::~HttpServer() { stop(); }
 
-void WebmailServer::start() {
+void HttpServer::start() {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_port = htons(options_.port);
@@ -153,14 +153,14 @@ void WebmailServer::start() {
     boundPort_ = info != nullptr ? info->port : options_.port;
 }
 
-void WebmailServer::stop() {
+void HttpServer::stop() {
     if (daemon_ != nullptr) {
         MHD_stop_daemon(daemon_);
         daemon_ = nullptr;
     }
 }
 
-int WebmailServer::handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+int HttpServer::handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
                           std::size_t* uploadSize, void** state) {
     if (*state == nullptr) {
         auto* pending = new Pending;
@@ -205,7 +205,7 @@ int WebmailServer::handle(MHD_Connection* connection, const char* url, const cha
     return queue(connection, service_.handle(request), method, url, user);
 }
 
-std::string WebmailServer::authenticate(MHD_Connection* connection, const char* method, const char* url,
+std::string HttpServer::authenticate(MHD_Connection* connection, const char* method, const char* url,
                                         bool& staleNonce) {
     const std::string authorization = header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
     // Scheme names are case-insensitive (RFC 7235).
@@ -230,7 +230,7 @@ std::string WebmailServer::authenticate(MHD_Connection* connection, const char* 
     return {};
 }
 
-int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
+int HttpServer::queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
                                   const std::string& url) {
     const DavReply reply = DavReply::failure(401, "Authentication required");
     MHD_Response* response =
@@ -255,7 +255,7 @@ int WebmailServer::queueChallenge(MHD_Connection* connection, bool staleNonce, c
     return queued;
 }
 
-int WebmailServer::queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
+int HttpServer::queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
                          const std::string& user) {
     std::uint64_t bytes = reply.body.size();
     MHD_Response* response = nullptr;
@@ -280,7 +280,7 @@ int WebmailServer::queue(MHD_Connection* connection, DavReply reply, const std::
     return queued;
 }
 
-std::string WebmailServer::baseUrl(MHD_Connection* connection) const {
+std::string HttpServer::baseUrl(MHD_Connection* connection) const {
     const std::string host = header(connection, MHD_HTTP_HEADER_HOST).value_or("");
     const bool usable = !host.empty() && host.size() < 256 &&
                         host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-:[]") ==
@@ -289,7 +289,7 @@ std::string WebmailServer::baseUrl(MHD_Connection* connection) const {
     return "http://" + options_.address + ":" + std::to_string(boundPort_);
 }
 
-void WebmailServer::logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
+void HttpServer::logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                             const std::string& user) {
     std::lock_guard lock(logMutex_);
     std::fprintf(stderr, "%s %s %u %s %s\n", printable(method).c_str(), printable(url).c_str(), status,

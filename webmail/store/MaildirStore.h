@@ -6,8 +6,8 @@
 #include <optional>
 #include <string>
 
-#include "webmail/Account.h"
-#include "webmail/PasswordFile.h"
+#include "webmail/store/Account.h"
+#include "webmail/store/PasswordFile.h"
 
 class MaildirStore {
 public:

@@ -1,9 +1,9 @@
-#include "webmail/EncodedWords.h"
+#include "webmail/dav/EncodedWords.h"
 
 #include <vector>
 
 #include "core/Ascii.h"
-#include "webmail/MessageSummary.h"
+#include "webmail/dav/ListedMessage.h"
 
 namespace {
 
@@ -86,7 +86,7 @@ std::size_t wordEnd(std::string_view text, std::size_t start) {
 }  // namespace
 
 std::string EncodedWords::encode(std::string_view text) {
-    const std::string clean = MessageSummary::cleanText(text);
+    const std::string clean = ListedMessage::cleanText(text);
     const std::string_view rest(clean);
 
     struct Word {

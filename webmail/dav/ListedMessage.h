@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-struct MessageSummary {
+struct ListedMessage {
     std::string subject;         // Subject header, unfolded, as clean UTF-8
     std::string from;            // From header as displayed
     std::string to;              // To header as displayed
@@ -16,7 +16,7 @@ struct MessageSummary {
 
     // Reads the header of raw (a message, or only its header); fallbackTime gives the date when the Date
     // header is missing or unreadable.
-    static MessageSummary parse(std::string_view raw, std::time_t fallbackTime);
+    static ListedMessage parse(std::string_view raw, std::time_t fallbackTime);
     // Text fit for XML: valid UTF-8 (bytes that are not UTF-8 are read as Latin-1), controls turned to
     // spaces, surrounding white space trimmed.
     static std::string cleanText(std::string_view text);

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "webmail/MessageFile.h"
+#include "webmail/store/MessageFile.h"
 
 struct DavRequest {
     std::string method;                         // HTTP method, as sent

@@ -1,4 +1,4 @@
-#include "webmail/MessageFile.h"
+#include "webmail/store/MessageFile.h"
 
 #include <fcntl.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-#include "webmail/PasswordFile.h"
+#include "webmail/store/PasswordFile.h"
 
 #include <sys/stat.h>
 
