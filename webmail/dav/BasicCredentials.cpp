@@ -3,16 +3,13 @@
 #include <algorithm>
 
 #include "core/Ascii.h"
+#include "webmail/text/Lines.h"
+
+namespace webmail::dav {
 
 namespace {
 
-std::string_view trimmed(std::string_view text) {
-    while (!text.empty() && (text.front() == ' ' || text.front() == '\t')) text.remove_prefix(1);
-    while (!text.empty() && (text.back() == ' ' || text.back() == '\t')) text.remove_suffix(1);
-    return text;
-}
-
-int base64Value(char c) {
+int Base64Value(char c) {
     if (core::Ascii::IsUpper(c)) return c - 'A';
     if (core::Ascii::IsLower(c)) return c - 'a' + 26;
     if (core::Ascii::IsDigit(c)) return c - '0' + 52;
@@ -22,7 +19,7 @@ int base64Value(char c) {
 }
 
 // Standard base64 with its padding; nullopt for anything else.
-std::optional<std::string> decodeBase64(std::string_view token) {
+std::optional<std::string> DecodeBase64(std::string_view token) {
     if (token.empty() || token.size() % 4 != 0) return std::nullopt;
     std::size_t padding = 0;
     while (padding < 2 && token.size() > padding && token[token.size() - 1 - padding] == '=') ++padding;
@@ -30,7 +27,7 @@ std::optional<std::string> decodeBase64(std::string_view token) {
     unsigned bits = 0;
     int count = 0;
     for (std::size_t i = 0; i < token.size() - padding; ++i) {
-        const int value = base64Value(token[i]);
+        const int value = Base64Value(token[i]);
         if (value < 0) return std::nullopt;
         bits = (bits << 6) | static_cast<unsigned>(value);
         count += 6;
@@ -44,18 +41,20 @@ std::optional<std::string> decodeBase64(std::string_view token) {
 
 }  // namespace
 
-std::string_view BasicCredentials::scheme(std::string_view authorization) {
-    authorization = trimmed(authorization);
+std::string_view BasicCredentials::Scheme(std::string_view authorization) {
+    authorization = text::TrimBlanks(authorization);
     return authorization.substr(0, authorization.find_first_of(" \t"));
 }
 
-std::optional<BasicCredentials> BasicCredentials::parse(std::string_view authorization) {
-    const std::string_view name = scheme(authorization);
+std::optional<BasicCredentials> BasicCredentials::Parse(std::string_view authorization) {
+    const std::string_view name = Scheme(authorization);
     if (!core::Ascii::EqualsIgnoreCase(name, "Basic")) return std::nullopt;
-    const std::string_view token = trimmed(trimmed(authorization).substr(name.size()));
-    auto text = decodeBase64(token);
+    const std::string_view token = text::TrimBlanks(text::TrimBlanks(authorization).substr(name.size()));
+    auto text = DecodeBase64(token);
     if (!text || std::any_of(text->begin(), text->end(), core::Ascii::IsControl)) return std::nullopt;
     const std::size_t colon = text->find(':');
     if (colon == std::string::npos) return std::nullopt;
     return BasicCredentials{text->substr(0, colon), text->substr(colon + 1)};
 }
+
+}  // namespace webmail::dav

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <unordered_map>
 
+namespace webmail::dav {
+
 class DigestAuth {
 public:
     // The fields of an "Authorization: Digest ..." value that the check uses.
@@ -30,27 +32,27 @@ public:
     DigestAuth(std::string realm, std::string opaque, unsigned lifetimeSeconds, std::size_t maxTracked);
 
     // The WWW-Authenticate value with a new nonce issued at now (seconds since the epoch).
-    std::string challenge(bool stale, std::int64_t now);
+    std::string Challenge(bool stale, std::int64_t now);
     // Checks an Authorization value for a request with method and target (as received). Stale: the
     // response is right but its nonce has expired, so the client should retry with a new one.
-    Result check(std::string_view authorization, std::string_view method, std::string_view target,
+    Result Check(std::string_view authorization, std::string_view method, std::string_view target,
                  const PasswordLookup& password, std::int64_t now);
 
     // The fields of a Digest Authorization value (scheme in any case); nullopt when it is not one or a field
     // a qop=auth response needs is missing.
-    static std::optional<Credentials> parse(std::string_view authorization);
+    static std::optional<Credentials> Parse(std::string_view authorization);
     // MD5(HA1:nonce:nc:cnonce:qop:HA2) in lower-case hex for credentials sent with method and password.
-    static std::string expectedResponse(const Credentials& credentials, std::string_view method,
+    static std::string ExpectedResponse(const Credentials& credentials, std::string_view method,
                                         std::string_view password);
 
 private:
     struct Nonce {
         std::uint64_t issued = 0, serial = 0;
     };
-    std::string nonceText(Nonce nonce) const;
-    std::optional<Nonce> readNonce(std::string_view text) const;
+    std::string NonceText(Nonce nonce) const;
+    std::optional<Nonce> ReadNonce(std::string_view text) const;
     // Records nc for nonce; false when it does not increase on the last one seen.
-    bool advance(const std::string& nonce, std::uint32_t nc, std::int64_t now);
+    bool Advance(const std::string& nonce, std::uint32_t nc, std::int64_t now);
 
     const std::string realm_, opaque_;
     const unsigned lifetime_;
@@ -62,3 +64,5 @@ private:
     std::uint64_t firstTracked_ = 0;
     std::unordered_map<std::string, std::uint32_t> lastNc_;
 };
+
+}  // namespace webmail::dav

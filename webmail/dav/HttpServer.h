@@ -7,12 +7,14 @@
 #include <mutex>
 #include <string>
 
-#include "webmail/dav/Router.h"
 #include "webmail/dav/DigestAuth.h"
+#include "webmail/dav/Router.h"
 #include "webmail/store/MaildirStore.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
+
+namespace webmail::dav {
 
 class HttpServer {
 public:
@@ -29,38 +31,40 @@ public:
     // Realm named in the authentication challenges.
     static constexpr const char* kRealm = "tarnwick-webmail";
 
-    // A server for store; nothing listens until start().
-    HttpServer(MaildirStore& store, Options options);
+    // A server for store; nothing listens until Start().
+    HttpServer(store::MaildirStore& store, Options options);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;
 
     // Starts listening on worker threads; throws std::runtime_error when the address cannot be bound.
-    void start();
+    void Start();
     // Stops listening and waits for the workers.
-    void stop();
+    void Stop();
     // The port actually bound (the chosen one when the options asked for 0).
-    std::uint16_t port() const { return boundPort_; }
+    std::uint16_t Port() const { return boundPort_; }
 
 private:
     friend struct ServerCallbacks;
 
-    int handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+    int Handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
                std::size_t* uploadSize, void** state);
     // The authenticated account, or empty when the credentials are missing or wrong.
-    std::string authenticate(MHD_Connection* connection, const char* method, const char* url, bool& staleNonce);
-    int queueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
-    int queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
+    std::string Authenticate(MHD_Connection* connection, const char* method, const char* url, bool& staleNonce);
+    int QueueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
+    int Queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
               const std::string& user);
-    std::string baseUrl(MHD_Connection* connection) const;
-    void logLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
+    std::string BaseUrl(MHD_Connection* connection) const;
+    void LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                  const std::string& user);
 
-    MaildirStore& store_;
+    store::MaildirStore& store_;
     Options options_;
-    Router service_;
+    Router router_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t boundPort_ = 0;
     DigestAuth digest_;
     std::mutex logMutex_;
 };
+
+}  // namespace webmail::dav

@@ -1,30 +1,27 @@
-// What the mailbox listing shows of one message, read from its header.
+// One message as the mailbox listing shows it, read from its file.
 #pragma once
 
-#include <ctime>
-#include <optional>
+#include <cstdint>
 #include <string>
-#include <string_view>
+
+#include "webmail/store/MaildirEntry.h"
+#include "webmail/store/MessageFile.h"
+
+namespace webmail::dav {
 
 struct ListedMessage {
-    std::string subject;         // Subject header, unfolded, as clean UTF-8
-    std::string from;            // From header as displayed
-    std::string to;              // To header as displayed
+    std::string id;
+    bool read = false;
+    std::string subject;         // Subject header, unfolded, as clean UTF-8 (text::CleanText)
+    std::string from;            // From header as clean UTF-8
+    std::string to;              // To header as clean UTF-8
     std::string fromAddress;     // the bare address of the From header
-    std::string date;            // "YYYY-MM-DDTHH:MM:SS" in UTC
-    bool hasAttachment = false;  // from the header alone: a multipart/mixed message
+    std::string date;            // "YYYY-MM-DDTHH:MM:SS" in UTC: the Date header, else the file's time
+    std::uint64_t size = 0;      // bytes a GET of the message serves
+    bool hasAttachment = false;  // a multipart/mixed message, or one with a line declaring an attachment
 
-    // Reads the header of raw (a message, or only its header); fallbackTime gives the date when the Date
-    // header is missing or unreadable.
-    static ListedMessage parse(std::string_view raw, std::time_t fallbackTime);
-    // Text fit for XML: valid UTF-8 (bytes that are not UTF-8 are read as Latin-1), controls turned to
-    // spaces, surrounding white space trimmed.
-    static std::string cleanText(std::string_view text);
-    // The address inside "<...>" if present, otherwise the first word holding an "@", otherwise the
-    // first word.
-    static std::string addressOf(std::string_view text);
-    // An RFC 5322 date ("Tue, 14 May 2002 10:21:13 +0200") as "2002-05-14T08:21:13" (UTC).
-    static std::optional<std::string> isoDate(std::string_view text);
-    // A time as "YYYY-MM-DDTHH:MM:SS" in UTC.
-    static std::string isoTime(std::time_t time);
+    // What the listing shows of the message of `entry`, open as `file`.
+    static ListedMessage Read(const store::MaildirEntry& entry, const store::MessageFile& file);
 };
+
+}  // namespace webmail::dav

@@ -1,5 +1,7 @@
 #include "webmail/dav/MultistatusWriter.h"
 
+namespace webmail::dav {
+
 MultistatusWriter::MultistatusWriter() {
     auto decl = doc_.append_child(pugi::node_declaration);
     decl.append_attribute("version") = "1.0";
@@ -11,28 +13,28 @@ MultistatusWriter::MultistatusWriter() {
     root_.append_attribute("xmlns:m") = kMailHeaderNs;
 }
 
-pugi::xml_node MultistatusWriter::addResponse(std::string_view href, std::string_view status) {
+pugi::xml_node MultistatusWriter::AddResponse(std::string_view href, std::string_view status) {
     auto response = root_.append_child("D:response");
-    addProp(response, "D:href", href);
+    AddProp(response, "D:href", href);
     auto propstat = response.append_child("D:propstat");
     auto prop = propstat.append_child("D:prop");
-    addProp(propstat, "D:status", status);
+    AddProp(propstat, "D:status", status);
     return prop;
 }
 
-void MultistatusWriter::addStatus(std::string_view href, std::string_view status) {
+void MultistatusWriter::AddStatus(std::string_view href, std::string_view status) {
     auto response = root_.append_child("D:response");
-    addProp(response, "D:href", href);
-    addProp(response, "D:status", status);
+    AddProp(response, "D:href", href);
+    AddProp(response, "D:status", status);
 }
 
-pugi::xml_node MultistatusWriter::addProp(pugi::xml_node prop, std::string_view name, std::string_view text) {
+pugi::xml_node MultistatusWriter::AddProp(pugi::xml_node prop, std::string_view name, std::string_view text) {
     auto element = prop.append_child(std::string(name).c_str());
     if (!text.empty()) element.text().set(std::string(text).c_str());
     return element;
 }
 
-std::string MultistatusWriter::str() const {
+std::string MultistatusWriter::Text() const {
     struct StringWriter : pugi::xml_writer {
         std::string text;
         void write(const void* data, std::size_t size) override { text.append(static_cast<const char*>(data), size); }
@@ -40,3 +42,5 @@ std::string MultistatusWriter::str() const {
     doc_.save(out, "", pugi::format_raw, pugi::encoding_utf8);
     return std::move(out.text);
 }
+
+}  // namespace webmail::dav

@@ -6,6 +6,8 @@
 
 #include <pugixml.hpp>
 
+namespace webmail::dav {
+
 class MultistatusWriter {
 public:
     static constexpr const char* kDavNs = "DAV:";
@@ -18,17 +20,19 @@ public:
     MultistatusWriter();
 
     // Appends a D:response holding D:href, then D:propstat holding an empty D:prop and D:status;
-    // returns the D:prop, for addProp.
-    pugi::xml_node addResponse(std::string_view href, std::string_view status = kOkStatus);
+    // returns the D:prop, for AddProp.
+    pugi::xml_node AddResponse(std::string_view href, std::string_view status = kOkStatus);
     // Appends a D:response holding only D:href and D:status.
-    void addStatus(std::string_view href, std::string_view status);
+    void AddStatus(std::string_view href, std::string_view status);
     // Appends <name>text</name> to prop; an empty text gives an empty element (never a text node).
-    static pugi::xml_node addProp(pugi::xml_node prop, std::string_view name, std::string_view text);
+    static pugi::xml_node AddProp(pugi::xml_node prop, std::string_view name, std::string_view text);
 
     // The document as one line without white space between elements, with an XML declaration.
-    std::string str() const;
+    std::string Text() const;
 
 private:
     pugi::xml_document doc_;
     pugi::xml_node root_;
 };
+
+}  // namespace webmail::dav

@@ -3,31 +3,37 @@
 
 #include <string>
 
+#include "webmail/dav/DavReply.h"
 #include "webmail/dav/DavRequest.h"
+#include "webmail/dav/ServiceTarget.h"
+#include "webmail/dav/ServiceUrls.h"
 #include "webmail/store/MailDelivery.h"
 #include "webmail/store/MaildirStore.h"
-#include "webmail/dav/ServiceUrls.h"
+
+namespace webmail::dav {
 
 class Router {
 public:
-    // A service over store for the given mail domain.
-    Router(MaildirStore& store, std::string domain);
+    // A router over store for the given mail domain.
+    Router(store::MaildirStore& store, std::string domain);
 
     // Carries out one request; never throws (store failures become 500 replies). Holds the store lock.
-    DavReply handle(const DavRequest& request);
+    DavReply Handle(const DavRequest& request);
 
 private:
-    DavReply route(const DavRequest& request, const ServiceTarget& target);
-    DavReply folderRoot(const DavRequest& request, const Account& account, const ServiceUrls& urls);
-    DavReply folderPropfind(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+    DavReply Route(const DavRequest& request, const ServiceTarget& target);
+    DavReply FolderRoot(const DavRequest& request, const store::Account& account, const ServiceUrls& urls);
+    DavReply FolderPropfind(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
                             const std::string& folderName);
-    DavReply getMessage(const Account& account, const ServiceTarget& target);
-    DavReply patchMessage(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+    DavReply GetMessage(const store::Account& account, const ServiceTarget& target);
+    DavReply PatchMessage(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
                           const ServiceTarget& target);
-    DavReply moveMessages(const DavRequest& request, const Account& account, const ServiceUrls& urls,
+    DavReply MoveMessages(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
                           const std::string& folderName);
-    DavReply sendMessage(const DavRequest& request, const Account& account);
+    DavReply SendMessage(const DavRequest& request, const store::Account& account);
 
-    MaildirStore& store_;
-    MailDelivery delivery_;
+    store::MaildirStore& store_;
+    store::MailDelivery delivery_;
 };
+
+}  // namespace webmail::dav

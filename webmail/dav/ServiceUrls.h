@@ -1,10 +1,10 @@
-// The service's address scheme for one account, and its parsing.
+// The service's address scheme for one account.
 #pragma once
 
-#include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
+
+namespace webmail::dav {
 
 // Addresses, below the base "http://host:port":
 //   /svcs/hotmail/tarnwick.asp            entry address (log-in)
@@ -20,31 +20,21 @@ struct ServiceUrls {
     static constexpr const char* kEntryPath = "/svcs/hotmail/tarnwick.asp";
 
     // Entry address.
-    std::string entry() const { return base + kEntryPath; }
+    std::string Entry() const { return base + kEntryPath; }
     // Prefix of every address of the account.
-    std::string account() const;
+    std::string AccountPrefix() const;
     // Folder root address.
-    std::string folderRoot() const { return account() + "folders/"; }
+    std::string FolderRoot() const { return AccountPrefix() + "folders/"; }
     // Address of a folder.
-    std::string folder(std::string_view name) const;
+    std::string Folder(std::string_view name) const;
     // Address of a message in a folder.
-    std::string message(std::string_view folderName, std::string_view id) const;
+    std::string Message(std::string_view folderName, std::string_view id) const;
     // Send address.
-    std::string sendMessage() const { return account() + "sendmsg"; }
+    std::string SendMessage() const { return AccountPrefix() + "sendmsg"; }
     // Contacts address.
-    std::string contacts() const { return account() + "contacts"; }
+    std::string Contacts() const { return AccountPrefix() + "contacts"; }
     // Ad bar address.
-    std::string adbar() const { return account() + "adbar"; }
+    std::string AdBar() const { return AccountPrefix() + "adbar"; }
 };
 
-// What a request path addresses.
-struct ServiceTarget {
-    enum class Kind { Entry, FolderRoot, Folder, Message, SendMessage, Contacts, AdBar, Unknown };
-    Kind kind = Kind::Unknown;
-    std::string user;    // account named by the path (empty for the entry address)
-    std::string folder;  // folder name, for Folder and Message
-    std::string id;      // message id, for Message
-
-    // Reads a raw request path; anything malformed or unknown gives Kind::Unknown.
-    static ServiceTarget parse(std::string_view rawPath);
-};
+}  // namespace webmail::dav

@@ -1,39 +1,32 @@
 #include "webmail/dav/UrlCodec.h"
 
-namespace UrlCodec {
+#include "webmail/text/Hex.h"
+
+namespace webmail::dav::UrlCodec {
 namespace {
 
-int hexValue(char c) {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-}
-
-bool isUnreserved(unsigned char c) {
+bool IsUnreserved(unsigned char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '.' ||
            c == '_' || c == '~';
 }
 
 }  // namespace
 
-std::string encodeSegment(std::string_view text) {
-    static constexpr char kHex[] = "0123456789ABCDEF";
+std::string EncodeSegment(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     for (unsigned char c : text) {
-        if (isUnreserved(c)) {
+        if (IsUnreserved(c)) {
             out += static_cast<char>(c);
         } else {
             out += '%';
-            out += kHex[c >> 4];
-            out += kHex[c & 0x0F];
+            text::AppendHex(out, c, true);
         }
     }
     return out;
 }
 
-std::optional<std::string> decode(std::string_view text) {
+std::optional<std::string> Decode(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -42,8 +35,8 @@ std::optional<std::string> decode(std::string_view text) {
             continue;
         }
         if (i + 2 >= text.size()) return std::nullopt;
-        const int hi = hexValue(text[i + 1]);
-        const int lo = hexValue(text[i + 2]);
+        const int hi = text::HexValue(text[i + 1]);
+        const int lo = text::HexValue(text[i + 2]);
         if (hi < 0 || lo < 0) return std::nullopt;
         out += static_cast<char>(hi * 16 + lo);
         i += 2;
@@ -51,7 +44,7 @@ std::optional<std::string> decode(std::string_view text) {
     return out;
 }
 
-std::optional<std::vector<std::string>> splitPath(std::string_view rawPath) {
+std::optional<std::vector<std::string>> SplitPath(std::string_view rawPath) {
     if (rawPath.empty() || rawPath.front() != '/') return std::nullopt;
     std::string_view rest = rawPath.substr(1);
     if (!rest.empty() && rest.back() == '/') rest.remove_suffix(1);
@@ -61,7 +54,7 @@ std::optional<std::vector<std::string>> splitPath(std::string_view rawPath) {
     while (true) {
         const std::size_t slash = rest.find('/', start);
         const std::string_view raw = rest.substr(start, slash == std::string_view::npos ? slash : slash - start);
-        auto segment = decode(raw);
+        auto segment = Decode(raw);
         if (!segment || segment->empty() || *segment == "." || *segment == "..") return std::nullopt;
         if (segment->find_first_of(std::string_view("/\\\0", 3)) != std::string::npos) return std::nullopt;
         segments.push_back(std::move(*segment));
@@ -71,7 +64,7 @@ std::optional<std::vector<std::string>> splitPath(std::string_view rawPath) {
     return segments;
 }
 
-std::optional<std::string> pathOfUrl(std::string_view url) {
+std::optional<std::string> PathOfUrl(std::string_view url) {
     if (!url.empty() && url.front() == '/') return std::string(url);
     const std::size_t scheme = url.find("://");
     if (scheme == std::string_view::npos) return std::nullopt;
@@ -83,4 +76,4 @@ std::optional<std::string> pathOfUrl(std::string_view url) {
     return std::string(path);
 }
 
-}  // namespace UrlCodec
+}  // namespace webmail::dav::UrlCodec

@@ -6,21 +6,21 @@
 #include <string_view>
 #include <vector>
 
-namespace UrlCodec {
+namespace webmail::dav::UrlCodec {
 
 // Encodes every byte outside the URL's unreserved set as %HH, so the result is safe as one path segment.
-std::string encodeSegment(std::string_view text);
+std::string EncodeSegment(std::string_view text);
 
 // Decodes %HH sequences; nullopt when a "%" is not followed by two hex digits.
-std::optional<std::string> decode(std::string_view text);
+std::optional<std::string> Decode(std::string_view text);
 
 // Splits a raw (still encoded) absolute path into decoded segments. Refuses (nullopt) anything that
 // could step outside the addressed tree: empty inner segments, ".", "..", and segments that decode to
 // a slash, a backslash or a NUL byte. One trailing slash is allowed.
-std::optional<std::vector<std::string>> splitPath(std::string_view rawPath);
+std::optional<std::vector<std::string>> SplitPath(std::string_view rawPath);
 
 // The path part of an absolute URL ("http://host:port/a/b" gives "/a/b"), or the text itself when it
 // already starts with "/"; nullopt for anything else.
-std::optional<std::string> pathOfUrl(std::string_view url);
+std::optional<std::string> PathOfUrl(std::string_view url);
 
-}  // namespace UrlCodec
+}  // namespace webmail::dav::UrlCodec

@@ -2,26 +2,28 @@
 
 #include <algorithm>
 
+namespace webmail::store {
+
 namespace fs = std::filesystem;
 
 Account::Account(std::string name, fs::path root) : name_(std::move(name)), root_(std::move(root)) {}
 
-void Account::create(const fs::path& root) {
-    MaildirFolder::create(root);
+void Account::Create(const fs::path& root) {
+    MaildirFolder::Create(root);
     for (const char* folder : {kSentItems, kDeletedItems, kOutbox}) {
-        MaildirFolder::create(root / (std::string(".") + folder));
+        MaildirFolder::Create(root / (std::string(".") + folder));
     }
 }
 
-std::vector<std::string> Account::folderNames() const {
+std::vector<std::string> Account::FolderNames() const {
     std::vector<std::string> names;
-    if (MaildirFolder::isMaildir(root_)) names.push_back(kInbox);
+    if (MaildirFolder::IsMaildir(root_)) names.push_back(kInbox);
     std::vector<std::string> others;
     std::error_code ec;
     for (const auto& item : fs::directory_iterator(root_, ec)) {
         const std::string dirName = item.path().filename().string();
         if (dirName.size() < 2 || dirName[0] != '.' || dirName[1] == '.') continue;
-        if (!item.is_directory(ec) || item.is_symlink(ec) || !MaildirFolder::isMaildir(item.path())) continue;
+        if (!item.is_directory(ec) || item.is_symlink(ec) || !MaildirFolder::IsMaildir(item.path())) continue;
         others.push_back(dirName.substr(1));
     }
     std::sort(others.begin(), others.end());
@@ -35,13 +37,15 @@ std::vector<std::string> Account::folderNames() const {
     return names;
 }
 
-std::optional<MaildirFolder> Account::folder(std::string_view name) const {
+std::optional<MaildirFolder> Account::Folder(std::string_view name) const {
     if (name == kInbox) {
-        if (!MaildirFolder::isMaildir(root_)) return std::nullopt;
+        if (!MaildirFolder::IsMaildir(root_)) return std::nullopt;
         return MaildirFolder(root_);
     }
-    for (const std::string& known : folderNames()) {
+    for (const std::string& known : FolderNames()) {
         if (known == name && known != kInbox) return MaildirFolder(root_ / ("." + known));
     }
     return std::nullopt;
 }
+
+}  // namespace webmail::store

@@ -9,6 +9,8 @@
 
 #include "webmail/store/MaildirFolder.h"
 
+namespace webmail::store {
+
 class Account {
 public:
     // Folder names as the service shows them; the on-disk name of any folder but INBOX is "." + name.
@@ -21,19 +23,21 @@ public:
     Account(std::string name, std::filesystem::path root);
 
     // Creates root as an INBOX with the three standard folders; existing parts are kept.
-    static void create(const std::filesystem::path& root);
+    static void Create(const std::filesystem::path& root);
 
     // The account's name.
-    const std::string& name() const { return name_; }
+    const std::string& Name() const { return name_; }
     // The account's root folder.
-    const std::filesystem::path& root() const { return root_; }
+    const std::filesystem::path& Root() const { return root_; }
 
     // Every folder present: INBOX, then the standard folders, then the others in name order.
-    std::vector<std::string> folderNames() const;
-    // The folder of this name, found among folderNames() only (never a path built from the name).
-    std::optional<MaildirFolder> folder(std::string_view name) const;
+    std::vector<std::string> FolderNames() const;
+    // The folder of this name, found among FolderNames() only (never a path built from the name).
+    std::optional<MaildirFolder> Folder(std::string_view name) const;
 
 private:
     std::string name_;
     std::filesystem::path root_;
 };
+
+}  // namespace webmail::store

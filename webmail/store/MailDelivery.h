@@ -4,6 +4,7 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -12,6 +13,8 @@
 #include "webmail/store/MaildirStore.h"
 #include "webmail/store/Submission.h"
 
+namespace webmail::store {
+
 class MailDelivery {
 public:
     // What one delivery did.
@@ -19,30 +22,28 @@ public:
         std::vector<std::string> local;   // account names that received the message
         std::vector<std::string> queued;  // recipients queued in the Outbox
     };
-
-    // Delivers for the given store and mail domain (compared without regard to case).
-    MailDelivery(const MaildirStore& store, std::string domain);
-
     // Where and when a submission came in: the client's IP address (may be empty) and the time.
     struct Origin {
         std::string clientAddress;
         std::time_t time = 0;
     };
 
+    // Delivers for the given store and mail domain (compared without regard to case).
+    MailDelivery(const MaildirStore& store, std::string domain);
+
     // Stores the message; throws std::runtime_error or std::filesystem::filesystem_error on a store failure.
-    Result deliver(const Account& sender, const Submission& submission, const Origin& origin) const;
+    Result Deliver(const Account& sender, const Submission& submission, const Origin& origin) const;
     // The Received: field for one copy posted by account, folded over three lines, each ended by eol:
     // "from [ADDRESS] (authenticated account NAME)", "by tarnwick-webmail (DOMAIN) with HTTP", then
-    // "for <RECIPIENT>" when the copy is for one recipient, and the date in RFC 5322 form (UTC, English names
-    // whatever the locale).
-    std::string traceField(const std::string& account, const Origin& origin, const std::string* recipient,
+    // "for <RECIPIENT>" when the copy is for one recipient, and the date (text::Rfc5322Date).
+    std::string TraceField(const std::string& account, const Origin& origin, const std::string* recipient,
                            std::string_view eol) const;
-    // A date as "Mon, 23 Nov 2026 09:13:38 +0000".
-    static std::string rfc5322Date(std::time_t time);
     // The account a recipient address names, when it is of this domain and exists.
-    std::optional<Account> localAccount(const std::string& address) const;
+    std::optional<Account> LocalAccount(const std::string& address) const;
 
 private:
     const MaildirStore& store_;
     std::string domain_;
 };
+
+}  // namespace webmail::store

@@ -12,6 +12,10 @@
 #include <stdexcept>
 #include <unordered_set>
 
+#include "webmail/text/Hex.h"
+
+namespace webmail::store {
+
 namespace fs = std::filesystem;
 
 namespace {
@@ -24,7 +28,7 @@ struct SplitName {
 };
 
 // Splits a file name into its unique part and its sorted flags.
-SplitName splitName(const std::string& fileName) {
+SplitName SplitFileName(const std::string& fileName) {
     const std::size_t info = fileName.find(kInfoSeparator);
     if (info == std::string::npos) return {fileName, ""};
     std::string flags = fileName.substr(info + kInfoSeparator.size());
@@ -33,41 +37,41 @@ SplitName splitName(const std::string& fileName) {
 }
 
 // The unique part of an entry's file name (its id may be a shortened form of it).
-std::string uniquePart(const MaildirEntry& entry) { return splitName(entry.path.filename().string()).id; }
+std::string UniquePart(const MaildirEntry& entry) { return SplitFileName(entry.path.filename().string()).id; }
 
 // Letters kept from a long unique part in front of its hash.
 constexpr std::size_t kIdPrefixLength = MaildirFolder::kMaxIdLength - 17;
 
 // Whether a unique part has the shape of an id made from a longer one: prefix, "~", 16 lower-case hex digits.
-bool looksShortened(std::string_view unique) {
+bool LooksShortened(std::string_view unique) {
     if (unique.size() != MaildirFolder::kMaxIdLength || unique[kIdPrefixLength] != '~') return false;
     return std::all_of(unique.begin() + kIdPrefixLength + 1, unique.end(),
                        [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
 }
 
 // A directory entry that is what it says without following a link (d_type; lstat where the type is unknown).
-bool isPlainFile(const fs::directory_entry& item) {
+bool IsPlainFile(const fs::directory_entry& item) {
     std::error_code ec;
     return !item.is_symlink(ec) && item.is_regular_file(ec);
 }
-bool isPlainFile(const fs::path& path) {
+bool IsPlainFile(const fs::path& path) {
     std::error_code ec;
     return fs::symlink_status(path, ec).type() == fs::file_type::regular;
 }
-bool isPlainDirectory(const fs::path& path) {
+bool IsPlainDirectory(const fs::path& path) {
     std::error_code ec;
     return fs::symlink_status(path, ec).type() == fs::file_type::directory;
 }
 
 // The entry for a file of sub/ whose name can serve, when it is a plain file.
-std::optional<MaildirEntry> entryOf(const fs::directory_entry& item) {
+std::optional<MaildirEntry> EntryOf(const fs::directory_entry& item) {
     const std::string name = item.path().filename().string();
-    if (!MaildirFolder::isUsableName(name) || !isPlainFile(item)) return std::nullopt;
-    SplitName split = splitName(name);
-    return MaildirEntry{MaildirFolder::idOf(split.id), item.path(), std::move(split.flags)};
+    if (!MaildirFolder::IsUsableName(name) || !IsPlainFile(item)) return std::nullopt;
+    SplitName split = SplitFileName(name);
+    return MaildirEntry{MaildirFolder::IdOf(split.id), item.path(), std::move(split.flags)};
 }
 
-std::string hostPart() {
+std::string HostPart() {
     char host[256] = {};
     if (::gethostname(host, sizeof host - 1) != 0 || host[0] == '\0') return "localhost";
     std::string out;
@@ -80,7 +84,7 @@ std::string hostPart() {
     return out;
 }
 
-void writeAll(int fd, std::string_view bytes, const fs::path& path) {
+void WriteAll(int fd, std::string_view bytes, const fs::path& path) {
     while (!bytes.empty()) {
         const ssize_t n = ::write(fd, bytes.data(), bytes.size());
         if (n < 0) {
@@ -95,18 +99,18 @@ void writeAll(int fd, std::string_view bytes, const fs::path& path) {
 
 MaildirFolder::MaildirFolder(fs::path dir) : dir_(std::move(dir)) {}
 
-void MaildirFolder::create(const fs::path& dir) {
+void MaildirFolder::Create(const fs::path& dir) {
     for (const char* sub : {"cur", "new", "tmp"}) fs::create_directories(dir / sub);
 }
 
-bool MaildirFolder::isMaildir(const fs::path& dir) {
-    return isPlainDirectory(dir) && isPlainDirectory(dir / "cur") && isPlainDirectory(dir / "new") &&
-           isPlainDirectory(dir / "tmp");
+bool MaildirFolder::IsMaildir(const fs::path& dir) {
+    return IsPlainDirectory(dir) && IsPlainDirectory(dir / "cur") && IsPlainDirectory(dir / "new") &&
+           IsPlainDirectory(dir / "tmp");
 }
 
-std::string MaildirFolder::uniqueName() {
+std::string MaildirFolder::UniqueName() {
     static std::atomic<unsigned long> counter{0};
-    static const std::string host = hostPart();
+    static const std::string host = HostPart();
     timeval now{};
     ::gettimeofday(&now, nullptr);
     const std::string name = std::to_string(now.tv_sec) + ".M" + std::to_string(now.tv_usec) + "P" +
@@ -115,29 +119,28 @@ std::string MaildirFolder::uniqueName() {
     return name + host.substr(0, kMaxIdLength > name.size() ? kMaxIdLength - name.size() : 0);
 }
 
-std::string MaildirFolder::idOf(std::string_view unique) {
-    if (unique.size() <= kMaxIdLength && !looksShortened(unique)) return std::string(unique);
+std::string MaildirFolder::IdOf(std::string_view unique) {
+    if (unique.size() <= kMaxIdLength && !LooksShortened(unique)) return std::string(unique);
     std::uint64_t hash = 14695981039346656037ull;  // 64-bit FNV-1a
     for (char c : unique) hash = (hash ^ static_cast<unsigned char>(c)) * 1099511628211ull;
-    static constexpr char kHex[] = "0123456789abcdef";
     std::string id(unique.substr(0, kIdPrefixLength));
     id += '~';
-    for (int shift = 60; shift >= 0; shift -= 4) id += kHex[(hash >> shift) & 0x0F];
+    for (int shift = 56; shift >= 0; shift -= 8) text::AppendHex(id, static_cast<unsigned char>(hash >> shift), false);
     return id;
 }
 
-bool MaildirFolder::isUsableName(std::string_view name) {
+bool MaildirFolder::IsUsableName(std::string_view name) {
     if (name.empty() || name.front() == '.') return false;
     return std::all_of(name.begin(), name.end(), [](char c) { return c > 0x20 && c < 0x7F && c != '/'; });
 }
 
-std::vector<MaildirEntry> MaildirFolder::list() const {
+std::vector<MaildirEntry> MaildirFolder::List() const {
     std::error_code ec;
-    if (!isMaildir(dir_)) return {};
+    if (!IsMaildir(dir_)) return {};
     for (const auto& item : fs::directory_iterator(dir_ / "new", ec)) {
         const std::string name = item.path().filename().string();
-        if (!isUsableName(name) || !isPlainFile(item)) continue;
-        const SplitName split = splitName(name);
+        if (!IsUsableName(name) || !IsPlainFile(item)) continue;
+        const SplitName split = SplitFileName(name);
         fs::rename(item.path(), dir_ / "cur" / (split.id + std::string(kInfoSeparator) + split.flags), ec);
     }
     struct Sortable {
@@ -146,7 +149,7 @@ std::vector<MaildirEntry> MaildirFolder::list() const {
     };
     std::vector<Sortable> found;
     for (const auto& item : fs::directory_iterator(dir_ / "cur", ec)) {
-        if (auto entry = entryOf(item)) found.push_back({std::move(*entry), fs::last_write_time(item.path(), ec)});
+        if (auto entry = EntryOf(item)) found.push_back({std::move(*entry), fs::last_write_time(item.path(), ec)});
     }
     std::sort(found.begin(), found.end(), [](const Sortable& a, const Sortable& b) {
         if (a.time != b.time) return a.time < b.time;
@@ -163,61 +166,61 @@ std::vector<MaildirEntry> MaildirFolder::list() const {
     return entries;
 }
 
-std::optional<MaildirEntry> MaildirFolder::find(std::string_view id) const {
-    if (!isUsableName(id) || id.size() > kMaxIdLength || !isMaildir(dir_)) return std::nullopt;
+std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
+    if (!IsUsableName(id) || id.size() > kMaxIdLength || !IsMaildir(dir_)) return std::nullopt;
     std::error_code ec;
     // Nearly every message is unflagged or only seen and has its unique part as id: try those names before
     // reading a whole folder, so that fetching each message of a large folder does not read it once each.
     const std::string wanted(id);
-    if (wanted.find(kInfoSeparator) == std::string::npos && idOf(wanted) == wanted) {
+    if (wanted.find(kInfoSeparator) == std::string::npos && IdOf(wanted) == wanted) {
         for (const char* flags : {"", "S"}) {
             const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
-            if (isPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
+            if (IsPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
         }
-        if (const fs::path fresh = dir_ / "new" / wanted; isPlainFile(fresh)) return MaildirEntry{wanted, fresh, ""};
+        if (const fs::path fresh = dir_ / "new" / wanted; IsPlainFile(fresh)) return MaildirEntry{wanted, fresh, ""};
     }
     for (const char* sub : {"cur", "new"}) {
         for (const auto& item : fs::directory_iterator(dir_ / sub, ec)) {
-            auto entry = entryOf(item);
+            auto entry = EntryOf(item);
             if (entry && entry->id == id) return entry;
         }
     }
     return std::nullopt;
 }
 
-bool MaildirFolder::setSeen(std::string_view id, bool seen) const {
-    auto entry = find(id);
+bool MaildirFolder::SetSeen(std::string_view id, bool seen) const {
+    auto entry = Find(id);
     if (!entry) return false;
     std::string flags = entry->flags;
     std::erase(flags, 'S');
     if (seen) flags += 'S';
     std::sort(flags.begin(), flags.end());
-    const fs::path target = dir_ / "cur" / (uniquePart(*entry) + std::string(kInfoSeparator) + flags);
+    const fs::path target = dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + flags);
     if (target == entry->path) return true;
     std::error_code ec;
     fs::rename(entry->path, target, ec);
     return !ec;
 }
 
-bool MaildirFolder::moveTo(std::string_view id, const MaildirFolder& dest) const {
-    auto entry = find(id);
+bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const {
+    auto entry = Find(id);
     if (!entry) return false;
     std::error_code ec;
     if (fs::equivalent(dir_, dest.dir_, ec)) return true;
-    if (dest.find(id)) return false;
-    fs::rename(entry->path, dest.dir_ / "cur" / (uniquePart(*entry) + std::string(kInfoSeparator) + entry->flags), ec);
+    if (dest.Find(id)) return false;
+    fs::rename(entry->path, dest.dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + entry->flags), ec);
     return !ec;
 }
 
-std::string MaildirFolder::deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
-    const std::string id = uniqueName();
+std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
+    const std::string id = UniqueName();
     const fs::path temp = dir_ / "tmp" / id;
-    if (!isMaildir(dir_)) throw std::runtime_error(dir_.string() + " is not a Maildir of its own (a link?)");
+    if (!IsMaildir(dir_)) throw std::runtime_error(dir_.string() + " is not a Maildir of its own (a link?)");
     // O_EXCL refuses a name that exists in any form, a symbolic link included.
     const int fd = ::open(temp.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) throw std::runtime_error("cannot create " + temp.string() + ": " + std::strerror(errno));
     try {
-        writeAll(fd, bytes, temp);
+        WriteAll(fd, bytes, temp);
         if (::fsync(fd) != 0) throw std::runtime_error("cannot sync " + temp.string());
     } catch (...) {
         ::close(fd);
@@ -230,3 +233,5 @@ std::string MaildirFolder::deliver(std::string_view bytes, bool intoNew, std::st
     fs::rename(temp, target);
     return id;
 }
+
+}  // namespace webmail::store

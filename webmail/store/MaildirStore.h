@@ -9,25 +9,29 @@
 #include "webmail/store/Account.h"
 #include "webmail/store/PasswordFile.h"
 
+namespace webmail::store {
+
 class MaildirStore {
 public:
     // A store rooted at root; reads the password file (throws std::runtime_error when it is malformed).
     explicit MaildirStore(std::filesystem::path root);
 
     // The store's root folder.
-    const std::filesystem::path& root() const { return root_; }
+    const std::filesystem::path& Root() const { return root_; }
     // The password of an account, if the account exists.
-    std::optional<std::string> password(const std::string& name) const;
+    std::optional<std::string> Password(const std::string& name) const;
     // The account of this name, if it exists in the password file.
-    std::optional<Account> account(const std::string& name) const;
+    std::optional<Account> FindAccount(const std::string& name) const;
     // Creates (or re-creates missing parts of) an account tree and sets its password; saves the file.
-    Account addUser(const std::string& name, const std::string& password);
+    Account AddUser(const std::string& name, const std::string& password);
 
     // Serialises every change to the store between server threads.
-    std::mutex& mutex() const { return mutex_; }
+    std::mutex& Mutex() const { return mutex_; }
 
 private:
     std::filesystem::path root_;
     PasswordFile passwords_;
     mutable std::mutex mutex_;
 };
+
+}  // namespace webmail::store

@@ -12,6 +12,8 @@
 
 #include "core/Ascii.h"
 
+namespace webmail::store {
+
 namespace {
 
 // Bytes read at a time when a whole file is scanned.
@@ -44,13 +46,13 @@ struct FileKeyHash {
 
 class FactsCache {
 public:
-    std::optional<MessageFile::Facts> find(const FileKey& key) {
+    std::optional<MessageFile::Facts> Find(const FileKey& key) {
         std::lock_guard lock(mutex_);
         const auto it = facts_.find(key);
         if (it == facts_.end()) return std::nullopt;
         return it->second;
     }
-    void store(const FileKey& key, const MessageFile::Facts& facts) {
+    void Store(const FileKey& key, const MessageFile::Facts& facts) {
         std::lock_guard lock(mutex_);
         if (facts_.size() >= kCacheEntries) facts_.clear();
         facts_[key] = facts;
@@ -61,13 +63,13 @@ private:
     std::unordered_map<FileKey, MessageFile::Facts, FileKeyHash> facts_;
 };
 
-FactsCache& cache() {
+FactsCache& FactsCacheInstance() {
     static FactsCache instance;
     return instance;
 }
 
 // Reads up to `length` bytes at `offset`; -1 on an error.
-long readAt(int fd, char* into, std::size_t length, std::uint64_t offset) {
+long ReadAt(int fd, char* into, std::size_t length, std::uint64_t offset) {
     while (true) {
         const ssize_t n = ::pread(fd, into, length, static_cast<off_t>(offset));
         if (n >= 0 || errno != EINTR) return static_cast<long>(n);
@@ -77,7 +79,7 @@ long readAt(int fd, char* into, std::size_t length, std::uint64_t offset) {
 // Walks `data` as the served text sees it: text(piece) for each run of bytes without an LF, then lf(bare)
 // for the LF that ends it, where bare says it lacks its CR. lastCr carries the byte before `data`.
 template <typename Text, typename Lf>
-void walkLines(std::string_view data, bool& lastCr, Text text, Lf lf) {
+void WalkLines(std::string_view data, bool& lastCr, Text text, Lf lf) {
     std::size_t i = 0;
     while (i < data.size()) {
         const std::size_t found = data.find('\n', i);
@@ -92,7 +94,7 @@ void walkLines(std::string_view data, bool& lastCr, Text text, Lf lf) {
 }
 
 // Whether a line that begins with `head` declares an attachment ("Content-Disposition: attachment").
-bool isAttachmentLine(std::string_view head) {
+bool IsAttachmentLine(std::string_view head) {
     constexpr std::string_view kField = "content-disposition:";
     if (!core::Ascii::EqualsIgnoreCase(head.substr(0, kField.size()), kField)) return false;
     head.remove_prefix(std::min(head.size(), kField.size()));
@@ -102,7 +104,7 @@ bool isAttachmentLine(std::string_view head) {
 
 // Where the header of `text` ends (just after its empty line), or npos when no empty line is in it yet.
 // Walks the lines from the start, so it stops at the header's end rather than searching the whole text.
-std::size_t headerEnd(std::string_view text) {
+std::size_t HeaderEnd(std::string_view text) {
     std::size_t line = 0;
     while (true) {
         const std::string_view rest = text.substr(line);
@@ -116,7 +118,7 @@ std::size_t headerEnd(std::string_view text) {
 
 }  // namespace
 
-std::optional<MessageFile> MessageFile::open(const std::filesystem::path& path) {
+std::optional<MessageFile> MessageFile::Open(const std::filesystem::path& path) {
     // O_NONBLOCK: opening a FIFO put in place of a message must not wait for a writer.
     const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
@@ -144,21 +146,15 @@ MessageFile::~MessageFile() {
     if (fd_ >= 0) ::close(fd_);
 }
 
-int MessageFile::release() {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
-std::string MessageFile::header() const {
+std::string MessageFile::Header() const {
     std::string text;
     while (text.size() < kHeaderLimit) {
         const std::size_t before = text.size();
         text.resize(std::min(kHeaderLimit, before + kHeaderBlock));
-        const long n = readAt(fd_, text.data() + before, text.size() - before, before);
+        const long n = ReadAt(fd_, text.data() + before, text.size() - before, before);
         text.resize(before + static_cast<std::size_t>(std::max(n, 0L)));
         // Looked for from the start again: the empty line may straddle two reads.
-        const std::size_t end = headerEnd(text);
+        const std::size_t end = HeaderEnd(text);
         if (end != std::string::npos) {
             text.resize(end);
             break;
@@ -168,15 +164,15 @@ std::string MessageFile::header() const {
     return text;
 }
 
-MessageFile::Facts MessageFile::facts() const {
+MessageFile::Facts MessageFile::ReadFacts() const {
     const FileKey key{info_.st_dev, info_.st_ino, info_.st_size, info_.st_mtim.tv_sec, info_.st_mtim.tv_nsec};
-    if (auto known = cache().find(key)) return *known;
-    const Facts found = scan();
-    cache().store(key, found);
+    if (auto known = FactsCacheInstance().Find(key)) return *known;
+    const Facts found = Scan();
+    FactsCacheInstance().Store(key, found);
     return found;
 }
 
-MessageFile::Facts MessageFile::scan() const {
+MessageFile::Facts MessageFile::Scan() const {
     Facts facts;
     std::uint64_t bareLfs = 0;
     std::string block(kScanBlock, '\0');
@@ -185,37 +181,37 @@ MessageFile::Facts MessageFile::scan() const {
     bool lastCr = false;
     std::uint64_t offset = 0;
     while (true) {
-        const long n = readAt(fd_, block.data(), block.size(), offset);
+        const long n = ReadAt(fd_, block.data(), block.size(), offset);
         if (n <= 0) break;
         offset += static_cast<std::uint64_t>(n);
-        walkLines(
+        WalkLines(
             std::string_view(block.data(), static_cast<std::size_t>(n)), lastCr,
             [&](std::string_view text) {
                 if (lineHead.size() < kHeadBytes) lineHead.append(text.substr(0, kHeadBytes - lineHead.size()));
             },
             [&](bool bare) {
                 if (bare) ++bareLfs;
-                facts.attachmentLine = facts.attachmentLine || isAttachmentLine(lineHead);
+                facts.attachmentLine = facts.attachmentLine || IsAttachmentLine(lineHead);
                 lineHead.clear();
             });
     }
-    facts.attachmentLine = facts.attachmentLine || isAttachmentLine(lineHead);
+    facts.attachmentLine = facts.attachmentLine || IsAttachmentLine(lineHead);
     facts.bareLf = bareLfs > 0;
     facts.servedSize = offset + bareLfs;
     return facts;
 }
 
-long MessageFile::readServed(std::uint64_t& offset, bool& lastCr, char* out, std::size_t capacity) const {
+long MessageFile::ReadServed(std::uint64_t& offset, bool& lastCr, char* out, std::size_t capacity) const {
     char in[16 * 1024];
     std::size_t written = 0;
     while (capacity - written >= 2) {
         // Each input byte makes at most two output bytes, so whatever is read fits.
         const std::size_t want = std::min(sizeof in, (capacity - written) / 2);
-        const long n = readAt(fd_, in, want, offset);
+        const long n = ReadAt(fd_, in, want, offset);
         if (n < 0) return -1;
         if (n == 0) break;
         offset += static_cast<std::uint64_t>(n);
-        walkLines(
+        WalkLines(
             std::string_view(in, static_cast<std::size_t>(n)), lastCr,
             [&](std::string_view text) {
                 std::memcpy(out + written, text.data(), text.size());
@@ -228,3 +224,5 @@ long MessageFile::readServed(std::uint64_t& offset, bool& lastCr, char* out, std
     }
     return static_cast<long>(written);
 }
+
+}  // namespace webmail::store

@@ -6,7 +6,11 @@
 #include <iterator>
 #include <stdexcept>
 
-bool PasswordFile::isValidName(std::string_view name) {
+#include "webmail/text/Lines.h"
+
+namespace webmail::store {
+
+bool PasswordFile::IsValidName(std::string_view name) {
     if (name.empty() || name.size() > 64 || name.front() == '.') return false;
     // The password file and its temporary copy live beside the account folders.
     if (name == kFileName || name == std::string(kFileName) + ".new") return false;
@@ -18,12 +22,12 @@ bool PasswordFile::isValidName(std::string_view name) {
     return true;
 }
 
-bool PasswordFile::isValidPassword(std::string_view password) {
+bool PasswordFile::IsValidPassword(std::string_view password) {
     return !password.empty() && password.size() <= 256 &&
            password.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
 }
 
-PasswordFile PasswordFile::load(const std::filesystem::path& file) {
+PasswordFile PasswordFile::Load(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);
     if (!in) {
         if (!std::filesystem::exists(file)) return {};
@@ -31,57 +35,56 @@ PasswordFile PasswordFile::load(const std::filesystem::path& file) {
     }
     const std::string text{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
     try {
-        return parse(text);
+        return Parse(text);
     } catch (const std::runtime_error& e) {
         throw std::runtime_error(file.string() + ": " + e.what());
     }
 }
 
-PasswordFile PasswordFile::parse(std::string_view text) {
+PasswordFile PasswordFile::Parse(std::string_view text) {
     PasswordFile result;
     int lineNumber = 0;
     while (!text.empty()) {
         ++lineNumber;
-        const std::size_t end = text.find('\n');
-        std::string_view line = text.substr(0, end);
-        text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-        if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
+        const std::string_view line = text::TakeLine(text);
         if (line.empty() || line.front() == '#') continue;
         const std::size_t colon = line.find(':');
         // The password may itself hold colons: only the first one separates.
-        if (colon == std::string_view::npos || !isValidName(line.substr(0, colon)) ||
-            !isValidPassword(line.substr(colon + 1))) {
+        if (colon == std::string_view::npos || !IsValidName(line.substr(0, colon)) ||
+            !IsValidPassword(line.substr(colon + 1))) {
             throw std::runtime_error("line " + std::to_string(lineNumber) +
                                      " is not \"name:password\" with a valid account name");
         }
-        result.set(std::string(line.substr(0, colon)), std::string(line.substr(colon + 1)));
+        result.Set(std::string(line.substr(0, colon)), std::string(line.substr(colon + 1)));
     }
     return result;
 }
 
-std::optional<std::string> PasswordFile::password(const std::string& name) const {
+std::optional<std::string> PasswordFile::Password(const std::string& name) const {
     const auto it = entries_.find(name);
     if (it == entries_.end()) return std::nullopt;
     return it->second;
 }
 
-void PasswordFile::set(const std::string& name, const std::string& password) { entries_[name] = password; }
+void PasswordFile::Set(const std::string& name, const std::string& password) { entries_[name] = password; }
 
-std::string PasswordFile::serialize() const {
+std::string PasswordFile::Serialize() const {
     std::string text = "# tarnwick-webmail accounts: one name:password line each\n";
     for (const auto& [name, password] : entries_) text += name + ":" + password + "\n";
     return text;
 }
 
-void PasswordFile::save(const std::filesystem::path& file) const {
+void PasswordFile::Save(const std::filesystem::path& file) const {
     const std::filesystem::path temp = file.string() + ".new";
     {
         std::ofstream out(temp, std::ios::binary | std::ios::trunc);
         if (!out) throw std::runtime_error("cannot write " + temp.string());
         ::chmod(temp.c_str(), S_IRUSR | S_IWUSR);
-        out << serialize();
+        out << Serialize();
         out.flush();
         if (!out) throw std::runtime_error("cannot write " + temp.string());
     }
     std::filesystem::rename(temp, file);
 }
+
+}  // namespace webmail::store

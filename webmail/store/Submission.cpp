@@ -3,24 +3,19 @@
 #include <unordered_set>
 
 #include "core/Ascii.h"
+#include "webmail/text/Lines.h"
+#include "webmail/text/MailAddress.h"
+
+namespace webmail::store {
 
 namespace {
 
-bool startsWithIgnoreCase(std::string_view text, std::string_view prefix) {
+bool StartsWithIgnoreCase(std::string_view text, std::string_view prefix) {
     return core::Ascii::EqualsIgnoreCase(text.substr(0, prefix.size()), prefix);
 }
 
-// Takes one line off the front of text; the line excludes its CR LF (or bare LF).
-std::string_view takeLine(std::string_view& text) {
-    const std::size_t end = text.find('\n');
-    std::string_view line = text.substr(0, end);
-    text = end == std::string_view::npos ? std::string_view() : text.substr(end + 1);
-    if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
-    return line;
-}
-
 // Undoes SMTP transparency: a line that starts with "." lost its first dot on the wire's other side.
-std::string unstuff(std::string_view text) {
+std::string Unstuff(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     bool lineStart = true;
@@ -37,7 +32,7 @@ std::string unstuff(std::string_view text) {
 
 // The address of an envelope line's argument, or an empty optional with error set when the envelope rules
 // refuse it.
-std::optional<std::string> checkedAddress(std::string_view argument, const char* what, std::string& error) {
+std::optional<std::string> CheckedAddress(std::string_view argument, const char* what, std::string& error) {
     // A tab may separate words; any other control character (a bare CR, a NUL, ...) would let the text
     // pose as something else once written into a header line.
     for (char c : argument) {
@@ -46,7 +41,7 @@ std::optional<std::string> checkedAddress(std::string_view argument, const char*
             return std::nullopt;
         }
     }
-    std::string address = Submission::envelopeAddress(argument);
+    std::string address = text::EnvelopeAddress(argument);
     if (address.find('\t') != std::string::npos) {
         error = std::string("control character in the ") + what + " address";
         return std::nullopt;
@@ -61,33 +56,15 @@ std::optional<std::string> checkedAddress(std::string_view argument, const char*
 
 }  // namespace
 
-std::string Submission::addressKey(std::string_view address) {
-    const std::size_t at = address.rfind('@');
-    if (at == std::string_view::npos) return std::string(address);
-    return std::string(address.substr(0, at + 1)) + core::Ascii::LowerCase(std::string(address.substr(at + 1)));
-}
-
-std::string Submission::envelopeAddress(std::string_view text) {
-    const std::size_t open = text.find('<');
-    if (open != std::string_view::npos) {
-        const std::size_t close = text.find('>', open);
-        if (close != std::string_view::npos) return std::string(text.substr(open + 1, close - open - 1));
-    }
-    while (!text.empty() && core::Ascii::IsSpace(text.front())) text.remove_prefix(1);
-    std::size_t end = 0;
-    while (end < text.size() && !core::Ascii::IsSpace(text[end])) ++end;
-    return std::string(text.substr(0, end));
-}
-
-std::optional<Submission> Submission::parse(std::string_view body, std::string& error) {
+std::optional<Submission> Submission::Parse(std::string_view body, std::string& error) {
     Submission result;
     std::string_view rest = body;
-    const std::string_view first = takeLine(rest);
-    if (!startsWithIgnoreCase(first, "MAIL FROM:")) {
+    const std::string_view first = text::TakeLine(rest);
+    if (!StartsWithIgnoreCase(first, "MAIL FROM:")) {
         error = "first line must be MAIL FROM:";
         return std::nullopt;
     }
-    auto sender = checkedAddress(first.substr(10), "MAIL FROM", error);
+    auto sender = CheckedAddress(first.substr(10), "MAIL FROM", error);
     if (!sender) return std::nullopt;
     result.sender = std::move(*sender);
     std::unordered_set<std::string> seen;
@@ -96,19 +73,19 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
             error = "no empty line after the envelope";
             return std::nullopt;
         }
-        const std::string_view line = takeLine(rest);
+        const std::string_view line = text::TakeLine(rest);
         if (line.empty()) break;
-        if (!startsWithIgnoreCase(line, "RCPT TO:")) {
+        if (!StartsWithIgnoreCase(line, "RCPT TO:")) {
             error = "envelope line is not RCPT TO:";
             return std::nullopt;
         }
-        auto recipient = checkedAddress(line.substr(8), "RCPT TO", error);
+        auto recipient = CheckedAddress(line.substr(8), "RCPT TO", error);
         if (!recipient) return std::nullopt;
         if (recipient->empty()) {
             error = "empty recipient";
             return std::nullopt;
         }
-        if (!seen.insert(addressKey(*recipient)).second) continue;
+        if (!seen.insert(text::AddressKey(*recipient)).second) continue;
         if (result.recipients.size() == kMaxRecipients) {
             error = "more than " + std::to_string(kMaxRecipients) + " recipients";
             return std::nullopt;
@@ -137,6 +114,8 @@ std::optional<Submission> Submission::parse(std::string_view body, std::string& 
     } else if (rest.ends_with("\n.\n")) {
         rest.remove_suffix(2);
     }
-    result.message = unstuff(rest);
+    result.message = Unstuff(rest);
     return result;
 }
+
+}  // namespace webmail::store

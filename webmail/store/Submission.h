@@ -8,12 +8,11 @@
 #include <string_view>
 #include <vector>
 
-//
+namespace webmail::store {
+
 // Envelope rules: an address (or the rest of its line) holding a control character is refused, and so is one
 // longer than kMaxAddressLength. Recipients are kept once each, in first-seen order: two addresses are the
-// same when their local parts are equal byte for byte and their domains equal without regard to ASCII case
-// (a local part may be case-sensitive; a domain never is). More than kMaxRecipients different recipients
-// are refused.
+// same when their text::AddressKey is. More than kMaxRecipients different recipients are refused.
 struct Submission {
     static constexpr std::size_t kMaxRecipients = 100;
     static constexpr std::size_t kMaxAddressLength = 254;
@@ -23,9 +22,7 @@ struct Submission {
     std::string message;                  // message text, dot-stuffing undone, end line removed
 
     // Parses a posted body; on failure returns nullopt and sets error to a short reason.
-    static std::optional<Submission> parse(std::string_view body, std::string& error);
-    // The text two addresses share when they name the same mailbox: the domain lower-cased.
-    static std::string addressKey(std::string_view address);
-    // The address inside "<...>" when present, else the first word; extra words (SIZE=...) are dropped.
-    static std::string envelopeAddress(std::string_view text);
+    static std::optional<Submission> Parse(std::string_view body, std::string& error);
 };
+
+}  // namespace webmail::store
