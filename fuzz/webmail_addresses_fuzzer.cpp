@@ -28,9 +28,9 @@ bool IsConfinedName(const std::string& name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string input(reinterpret_cast<const char*>(data), size);
 
-    const std::string encoded = UrlCodec::EncodeSegment(text);
+    const std::string encoded = UrlCodec::EncodeSegment(input);
     for (std::size_t i = 0; i < encoded.size(); ++i) {
         if (encoded[i] == '%') {
             Check(i + 2 < encoded.size() && IsHex(encoded[i + 1]) && IsHex(encoded[i + 2]), "%HH escapes only");
@@ -40,15 +40,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                   "an encoded segment holds no separator, space, control or 8-bit byte");
         }
     }
-    Check(UrlCodec::Decode(encoded) == text, "decoding an encoded segment gives the text back");
-    (void)UrlCodec::Decode(text);
+    Check(UrlCodec::Decode(encoded) == input, "decoding an encoded segment gives the input back");
+    (void)UrlCodec::Decode(input);
 
-    if (const auto segments = UrlCodec::SplitPath(text)) {
+    if (const auto segments = UrlCodec::SplitPath(input)) {
         for (const std::string& s : *segments) Check(IsConfinedName(s), "path segments stay inside their folder");
     }
-    if (const auto path = UrlCodec::PathOfUrl(text)) Check(path->starts_with("/"), "a URL's path starts with /");
+    if (const auto path = UrlCodec::PathOfUrl(input)) Check(path->starts_with("/"), "a URL's path starts with /");
 
-    const dav::ServiceTarget target = dav::RequestParser::Target(text);
+    const dav::ServiceTarget target = dav::RequestParser::Target(input);
     using Kind = dav::ServiceTarget::Kind;
     if (target.kind != Kind::Unknown && target.kind != Kind::Entry) {
         Check(IsConfinedName(target.user), "the account named by a path is one folder name");
@@ -58,8 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     if (target.kind == Kind::Message) Check(IsConfinedName(target.id), "the message id is one file name");
 
-    Check(text.find(text::EnvelopeAddress(text)) != std::string::npos,
-          "an envelope address is cut from its line");
-    (void)text::HeaderAddress(text);
+    Check(input.find(text::EnvelopeAddress(input)) != std::string::npos, "an envelope address is cut from its line");
+    (void)text::HeaderAddress(input);
     return 0;
 }

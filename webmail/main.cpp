@@ -6,9 +6,9 @@
 #include <stdexcept>
 
 #include "webmail/CommandLine.h"
+#include "webmail/dav/HttpServer.h"
 #include "webmail/store/DemoMail.h"
 #include "webmail/store/MaildirStore.h"
-#include "webmail/dav/HttpServer.h"
 
 int main(int argc, char** argv) {
     using webmail::CommandLine;

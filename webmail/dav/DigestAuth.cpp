@@ -116,11 +116,11 @@ std::string DigestAuth::NonceText(Nonce nonce) const {
     return stamp + Md5Hex(secret_ + ":" + stamp);
 }
 
-std::optional<DigestAuth::Nonce> DigestAuth::ReadNonce(std::string_view text) const {
-    if (text.size() != 64) return std::nullopt;
-    const auto issued = HexNumber(text.substr(0, 16));
-    const auto serial = HexNumber(text.substr(16, 16));
-    if (!issued || !serial || !text::SameSecret(NonceText({*issued, *serial}), text)) return std::nullopt;
+std::optional<DigestAuth::Nonce> DigestAuth::ReadNonce(std::string_view token) const {
+    if (token.size() != 64) return std::nullopt;
+    const auto issued = HexNumber(token.substr(0, 16));
+    const auto serial = HexNumber(token.substr(16, 16));
+    if (!issued || !serial || !text::SameSecret(NonceText({*issued, *serial}), token)) return std::nullopt;
     return Nonce{*issued, *serial};
 }
 

@@ -50,7 +50,7 @@ private:
         std::uint64_t issued = 0, serial = 0;
     };
     std::string NonceText(Nonce nonce) const;
-    std::optional<Nonce> ReadNonce(std::string_view text) const;
+    std::optional<Nonce> ReadNonce(std::string_view token) const;
     // Records nc for nonce; false when it does not increase on the last one seen.
     bool Advance(const std::string& nonce, std::uint32_t nc, std::int64_t now);
 

@@ -85,8 +85,8 @@ std::size_t WordEnd(std::string_view text, std::size_t start) {
 
 }  // namespace
 
-std::string EncodedWords::Encode(std::string_view text) {
-    const std::string clean = text::CleanText(text);
+std::string EncodedWords::Encode(std::string_view phrase) {
+    const std::string clean = text::CleanText(phrase);
     const std::string_view rest(clean);
 
     struct Word {

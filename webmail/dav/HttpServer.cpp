@@ -152,7 +152,7 @@ void HttpServer::Stop() {
 }
 
 int HttpServer::Handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
-                          std::size_t* uploadSize, void** state) {
+                       std::size_t* uploadSize, void** state) {
     if (*state == nullptr) {
         auto* pending = new Pending;
         *state = pending;
@@ -197,7 +197,7 @@ int HttpServer::Handle(MHD_Connection* connection, const char* url, const char* 
 }
 
 std::string HttpServer::Authenticate(MHD_Connection* connection, const char* method, const char* url,
-                                        bool& staleNonce) {
+                                     bool& staleNonce) {
     const std::string authorization = Header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
     // Scheme names are case-insensitive (RFC 7235).
     const std::string_view scheme = BasicCredentials::Scheme(authorization);
@@ -222,7 +222,7 @@ std::string HttpServer::Authenticate(MHD_Connection* connection, const char* met
 }
 
 int HttpServer::QueueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
-                                  const std::string& url) {
+                               const std::string& url) {
     const DavReply reply = DavReply::Failure(401, "Authentication required");
     MHD_Response* response =
         MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
@@ -247,7 +247,7 @@ int HttpServer::QueueChallenge(MHD_Connection* connection, bool staleNonce, cons
 }
 
 int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
-                         const std::string& user) {
+                      const std::string& user) {
     std::uint64_t bytes = reply.body.size();
     MHD_Response* response = nullptr;
     if (reply.file) {
@@ -281,7 +281,7 @@ std::string HttpServer::BaseUrl(MHD_Connection* connection) const {
 }
 
 void HttpServer::LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
-                            const std::string& user) {
+                         const std::string& user) {
     std::lock_guard lock(logMutex_);
     std::fprintf(stderr, "%s %s %u %s %s\n", Printable(method).c_str(), Printable(url).c_str(), status,
                  std::to_string(bytes).c_str(), Printable(user).c_str());

@@ -22,8 +22,7 @@ ListedMessage ListedMessage::Read(const store::MaildirEntry& entry, const store:
     message.date = text::IsoDate(header.Field("Date")).value_or(text::IsoTime(file.Modified()));
     message.size = facts.servedSize;
     // A mixed multipart message carries attachments by definition; a part that declares itself one counts too.
-    const std::string contentType =
-        core::Ascii::LowerCase(std::string(text::TrimBlanks(header.Field("Content-Type"))));
+    const std::string contentType = core::Ascii::LowerCase(std::string(text::TrimBlanks(header.Field("Content-Type"))));
     message.hasAttachment = contentType.starts_with("multipart/mixed") || facts.attachmentLine;
     return message;
 }

@@ -30,8 +30,8 @@ std::string NamespaceOf(pugi::xml_node node) {
 }
 
 // The root element of an XML body called `localName`, or an empty node with error set.
-pugi::xml_node RootElement(pugi::xml_document& doc, std::string_view body, const char* localName,
-                           const char* refusal, std::string& error) {
+pugi::xml_node RootElement(pugi::xml_document& doc, std::string_view body, const char* localName, const char* refusal,
+                           std::string& error) {
     if (!doc.load_buffer(body.data(), body.size())) {
         error = "Malformed XML";
         return {};
@@ -55,10 +55,10 @@ std::vector<pugi::xml_node> Children(pugi::xml_node parent, std::string_view loc
 
 // A D:href of a move request names a message by id; a full message address is taken by its last segment.
 std::string IdOfHref(std::string_view href) {
-    const std::string_view text = text::TrimWhite(href);
-    const std::size_t slash = text.rfind('/');
-    if (slash == std::string_view::npos) return std::string(text);
-    return UrlCodec::Decode(text.substr(slash + 1)).value_or(std::string());
+    const std::string_view address = text::TrimWhite(href);
+    const std::size_t slash = address.rfind('/');
+    if (slash == std::string_view::npos) return std::string(address);
+    return UrlCodec::Decode(address.substr(slash + 1)).value_or(std::string());
 }
 
 }  // namespace

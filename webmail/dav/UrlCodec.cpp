@@ -12,10 +12,10 @@ bool IsUnreserved(unsigned char c) {
 
 }  // namespace
 
-std::string EncodeSegment(std::string_view text) {
+std::string EncodeSegment(std::string_view segment) {
     std::string out;
-    out.reserve(text.size());
-    for (unsigned char c : text) {
+    out.reserve(segment.size());
+    for (unsigned char c : segment) {
         if (IsUnreserved(c)) {
             out += static_cast<char>(c);
         } else {
@@ -26,17 +26,17 @@ std::string EncodeSegment(std::string_view text) {
     return out;
 }
 
-std::optional<std::string> Decode(std::string_view text) {
+std::optional<std::string> Decode(std::string_view encoded) {
     std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '%') {
-            out += text[i];
+    out.reserve(encoded.size());
+    for (std::size_t i = 0; i < encoded.size(); ++i) {
+        if (encoded[i] != '%') {
+            out += encoded[i];
             continue;
         }
-        if (i + 2 >= text.size()) return std::nullopt;
-        const int hi = text::HexValue(text[i + 1]);
-        const int lo = text::HexValue(text[i + 2]);
+        if (i + 2 >= encoded.size()) return std::nullopt;
+        const int hi = text::HexValue(encoded[i + 1]);
+        const int lo = text::HexValue(encoded[i + 2]);
         if (hi < 0 || lo < 0) return std::nullopt;
         out += static_cast<char>(hi * 16 + lo);
         i += 2;

@@ -9,10 +9,10 @@
 namespace webmail::dav::UrlCodec {
 
 // Encodes every byte outside the URL's unreserved set as %HH, so the result is safe as one path segment.
-std::string EncodeSegment(std::string_view text);
+std::string EncodeSegment(std::string_view segment);
 
 // Decodes %HH sequences; nullopt when a "%" is not followed by two hex digits.
-std::optional<std::string> Decode(std::string_view text);
+std::optional<std::string> Decode(std::string_view encoded);
 
 // Splits a raw (still encoded) absolute path into decoded segments. Refuses (nullopt) anything that
 // could step outside the addressed tree: empty inner segments, ".", "..", and segments that decode to

@@ -16,7 +16,8 @@ MessageHeader MessageHeader::Parse(std::string_view raw) {
         }
         const std::size_t colon = line.find(':');
         if (colon == std::string_view::npos) continue;
-        header.fields_.push_back({std::string(text::TrimBlanks(line.substr(0, colon))), std::string(line.substr(colon + 1))});
+        header.fields_.push_back(
+            {std::string(text::TrimBlanks(line.substr(0, colon))), std::string(line.substr(colon + 1))});
     }
     return header;
 }

@@ -41,12 +41,12 @@ PasswordFile PasswordFile::Load(const std::filesystem::path& file) {
     }
 }
 
-PasswordFile PasswordFile::Parse(std::string_view text) {
+PasswordFile PasswordFile::Parse(std::string_view content) {
     PasswordFile result;
     int lineNumber = 0;
-    while (!text.empty()) {
+    while (!content.empty()) {
         ++lineNumber;
-        const std::string_view line = text::TakeLine(text);
+        const std::string_view line = text::TakeLine(content);
         if (line.empty() || line.front() == '#') continue;
         const std::size_t colon = line.find(':');
         // The password may itself hold colons: only the first one separates.

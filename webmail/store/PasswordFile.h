@@ -24,7 +24,7 @@ public:
     // (never its content) when a line is malformed.
     static PasswordFile Load(const std::filesystem::path& file);
     // Parses the file's text (same rules as Load).
-    static PasswordFile Parse(std::string_view text);
+    static PasswordFile Parse(std::string_view content);
 
     // The account's password, if the account exists.
     std::optional<std::string> Password(const std::string& name) const;

@@ -38,10 +38,10 @@ TEST(ListedMessageTest, ReadsUnfoldedHeaderFieldsInAnyCaseAndOnlyFromTheHeader) 
     EXPECT_TRUE(m.read);
 
     const auto bare = Listed(dir, "Subject: Caf\xE9\n\nContent-Disposition: attachment\n");
-    EXPECT_EQ(bare.subject, "Caf\xC3\xA9");           // a Latin-1 byte, sent as UTF-8
-    EXPECT_EQ(bare.date, "2002-05-14T10:21:13");      // the file's time
-    EXPECT_EQ(bare.size, 50u);                        // every LF served as CR LF
-    EXPECT_TRUE(bare.hasAttachment);                  // a part declares itself one
+    EXPECT_EQ(bare.subject, "Caf\xC3\xA9");       // a Latin-1 byte, sent as UTF-8
+    EXPECT_EQ(bare.date, "2002-05-14T10:21:13");  // the file's time
+    EXPECT_EQ(bare.size, 50u);                    // every LF served as CR LF
+    EXPECT_TRUE(bare.hasAttachment);              // a part declares itself one
     EXPECT_FALSE(bare.read);
 }
 
@@ -60,8 +60,14 @@ TEST(ListedMessageTest, DatesInTheirCommonShapes) {
 
 TEST(ListedMessageTest, CleanTextIsValidUtf8WithoutControls) {
     using webmail::text::CleanText;
-    EXPECT_EQ(CleanText(" Gr\xC3\xBC\xC3\x9F" "e "), "Gr\xC3\xBC\xC3\x9F" "e");
-    EXPECT_EQ(CleanText("a\x01" "b\x7F" "c"), "a b c");
+    EXPECT_EQ(CleanText(" Gr\xC3\xBC\xC3\x9F"
+                        "e "),
+              "Gr\xC3\xBC\xC3\x9F"
+              "e");
+    EXPECT_EQ(CleanText("a\x01"
+                        "b\x7F"
+                        "c"),
+              "a b c");
     EXPECT_EQ(CleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // an encoded surrogate is Latin-1
     EXPECT_EQ(CleanText("\xC3"), "\xC3\x83");                          // so is a cut-off sequence
 }

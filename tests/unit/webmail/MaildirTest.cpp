@@ -178,9 +178,8 @@ protected:
 };
 
 TEST_F(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyNamesThePoster) {
-    const Submission s{"ann@example.org",
-                       {"bob@EXAMPLE.org", "far@elsewhere.net", "nobody@example.org"},
-                       "Subject: t\r\n\r\nhi\r\n"};
+    const Submission s{
+        "ann@example.org", {"bob@EXAMPLE.org", "far@elsewhere.net", "nobody@example.org"}, "Subject: t\r\n\r\nhi\r\n"};
     const auto result = delivery.Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
     EXPECT_EQ(result.local, std::vector<std::string>{"bob"});
     EXPECT_EQ(result.queued, (std::vector<std::string>{"far@elsewhere.net", "nobody@example.org"}));

@@ -153,8 +153,11 @@ TEST_F(RouterTest, BadRequestsGetAStatusAndAReason) {
         {"PROPFIND", inbox, "<D:propfind", {}, {}, "400 Malformed XML: "},
         {"PROPFIND", me.FolderRoot(), "<x/>", {}, {}, "400 Body is not a DAV:propfind document"},
         {"PROPPATCH", me.Message("INBOX", "x"), "<<", {}, {}, "400 Malformed XML"},
-        {"PROPPATCH", me.Message("INBOX", "x"),
-         "<D:propertyupdate xmlns:D='DAV:'><D:set><D:prop/></D:set></D:propertyupdate>", {}, {},
+        {"PROPPATCH",
+         me.Message("INBOX", "x"),
+         "<D:propertyupdate xmlns:D='DAV:'><D:set><D:prop/></D:set></D:propertyupdate>",
+         {},
+         {},
          "400 No hm:read property to update"},
         {"PROPPATCH", me.Message("INBOX", "x"), kMarkRead, {}, {}, "404 No such message"},
         {"BMOVE", inbox, move, std::nullopt, "text/xml", "400 Missing Destination"},
@@ -164,8 +167,7 @@ TEST_F(RouterTest, BadRequestsGetAStatusAndAReason) {
         {"BMOVE", inbox, "<D:move>", me.Folder("Outbox"), "text/xml", "400 Malformed XML"},
         {"BMOVE", inbox, move, me.Folder("Outbox"), "application/json", "415 Content-Type must be text/xml"},
         {"POST", me.SendMessage(), "MAIL FROM:<a>\r\n", {}, "text/plain", "415 Content-Type must be message/rfc821"},
-        {"POST", me.SendMessage(), "hello", {}, "message/rfc821",
-         "400 Message refused: first line must be MAIL FROM:"},
+        {"POST", me.SendMessage(), "hello", {}, "message/rfc821", "400 Message refused: first line must be MAIL FROM:"},
     };
     for (const auto& c : cases) {
         const DavReply reply = Send(c.method, c.url, c.body, c.destination, c.contentType);
