@@ -69,6 +69,8 @@ TEST(EncodedWordsTest, FromTextBecomesPrintableAsciiThatDecodesToTheSameText) {
          "=?UTF-8?Q?J=C3=BCrgen?= =?UTF-8?Q?_M=C3=BCller?= <m@x.org>"},
         {"and the blank before one",
          "M\xC3\xBCller =?UTF-8?Q?J=C3=BCrgen?=", "=?UTF-8?Q?M=C3=BCller_?= =?UTF-8?Q?J=C3=BCrgen?="},
+        {"an encoded surrogate and a cut-off sequence are Latin-1 too", "\xED\xA0\x80 \xC3",
+         "=?UTF-8?Q?=C3=AD=C2=A0=C2=80_=C3=83?="},
         {"controls become spaces, surrounding blanks go", "\t Ann\tExample\x01<a@x.org>\r\n", "Ann Example <a@x.org>"},
         {"a quoted name with 8-bit bytes is encoded whole, quotes and specials too", "\"Zo\xC3\xAB, QA\" <z@x.org>",
          "=?UTF-8?Q?=22Zo=C3=AB=2C_QA=22?= <z@x.org>"},

@@ -6,7 +6,6 @@
 #include "tests/unit/webmail/TempDir.h"
 #include "webmail/dav/ListedMessage.h"
 #include "webmail/text/MailDate.h"
-#include "webmail/text/Utf8.h"
 
 namespace {
 
@@ -56,20 +55,6 @@ TEST(ListedMessageTest, DatesInTheirCommonShapes) {
     for (const char* bad : {"", "yesterday", "Tue, 14 Foo 2002 10:21:13", "14 May 2002", "14 May 2002 25:00:00"}) {
         EXPECT_FALSE(webmail::text::IsoDate(bad)) << bad;
     }
-}
-
-TEST(ListedMessageTest, CleanTextIsValidUtf8WithoutControls) {
-    using webmail::text::CleanText;
-    EXPECT_EQ(CleanText(" Gr\xC3\xBC\xC3\x9F"
-                        "e "),
-              "Gr\xC3\xBC\xC3\x9F"
-              "e");
-    EXPECT_EQ(CleanText("a\x01"
-                        "b\x7F"
-                        "c"),
-              "a b c");
-    EXPECT_EQ(CleanText("\xED\xA0\x80"), "\xC3\xAD\xC2\xA0\xC2\x80");  // an encoded surrogate is Latin-1
-    EXPECT_EQ(CleanText("\xC3"), "\xC3\x83");                          // so is a cut-off sequence
 }
 
 }  // namespace
