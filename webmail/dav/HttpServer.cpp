@@ -31,7 +31,7 @@ constexpr const char* kOpaque = "tarnwick";
 constexpr unsigned kConnectionTimeoutSeconds = 60;
 constexpr unsigned kWorkerThreads = 4;
 // Bytes of a converted message handed to libmicrohttpd at a time.
-constexpr std::size_t kServeBlock = 64 * 1024;
+constexpr std::size_t kServeBlock = std::size_t{64} * 1024;
 
 // Body collected for one request, kept across the calls libmicrohttpd makes while the body arrives.
 struct Pending {

@@ -25,7 +25,8 @@ public:
         std::uint16_t port = 8110;          // 0 picks a free port
         std::string domain = "tarnwick.local";
         AuthMode auth = AuthMode::Any;
-        std::size_t maxBodySize = 64 * 1024 * 1024;  // a 25 MB attachment, base64-encoded, and room to spare
+        std::size_t maxBodySize =
+            std::size_t{64} * 1024 * 1024;  // a 25 MB attachment, base64-encoded, and room to spare
     };
 
     // Realm named in the authentication challenges.

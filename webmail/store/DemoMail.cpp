@@ -7,7 +7,7 @@ namespace webmail::store {
 
 namespace {
 
-std::string Crlf(std::string text) {
+std::string Crlf(const std::string& text) {
     std::string out;
     for (char c : text) {
         if (c == '\n') out += '\r';

@@ -213,7 +213,7 @@ bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const
 }
 
 std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
-    const std::string id = UniqueName();
+    std::string id = UniqueName();
     const fs::path temp = dir_ / "tmp" / id;
     if (!IsMaildir(dir_)) throw std::runtime_error(dir_.string() + " is not a Maildir of its own (a link?)");
     // O_EXCL refuses a name that exists in any form, a symbolic link included.

@@ -17,7 +17,7 @@ namespace webmail::store {
 namespace {
 
 // Bytes read at a time when a whole file is scanned.
-constexpr std::size_t kScanBlock = 64 * 1024;
+constexpr std::size_t kScanBlock = std::size_t{64} * 1024;
 // Bytes read at a time while looking for the end of a header: most headers fit in one read.
 constexpr std::size_t kHeaderBlock = 4096;
 // Files whose facts are kept; the cache starts afresh when it would grow beyond.

@@ -24,7 +24,7 @@ public:
     };
 
     // Most header bytes header() returns.
-    static constexpr std::size_t kHeaderLimit = 256 * 1024;
+    static constexpr std::size_t kHeaderLimit = std::size_t{256} * 1024;
 
     // Opens a regular file for reading; nullopt when it is missing, a symbolic link or anything else.
     static std::optional<MessageFile> Open(const std::filesystem::path& path);

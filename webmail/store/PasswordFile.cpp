@@ -70,7 +70,7 @@ void PasswordFile::Set(const std::string& name, const std::string& password) { e
 
 std::string PasswordFile::Serialize() const {
     std::string text = "# tarnwick-webmail accounts: one name:password line each\n";
-    for (const auto& [name, password] : entries_) text += name + ":" + password + "\n";
+    for (const auto& [name, password] : entries_) text.append(name).append(":").append(password).append("\n");
     return text;
 }
 

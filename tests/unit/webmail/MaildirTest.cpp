@@ -31,6 +31,7 @@ void Drop(const fs::path& folder, const std::string& sub, const std::string& nam
 
 std::vector<std::string> Ids(const std::vector<MaildirEntry>& entries) {
     std::vector<std::string> out;
+    out.reserve(entries.size());
     for (const auto& e : entries) out.push_back(e.id);
     return out;
 }

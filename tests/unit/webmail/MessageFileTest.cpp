@@ -16,7 +16,7 @@ namespace {
 class MessageFileTest : public ::testing::Test {
 protected:
     fs::path Write(const std::string& name, const std::string& bytes) {
-        const fs::path path = dir.path() / name;
+        fs::path path = dir.path() / name;
         std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         return path;
     }
