@@ -8,20 +8,20 @@
 
 #include "core/Convert.h"
 #include "core/Trap.h"
+#include "core/Version.h"
 
 namespace app {
 
 Main::Main(IMainView& view, const GatewayOptions& options)
-    : view_(view), log_(view), options_(options), programEnd_([this](const core::Error& error) {
-          view_.ShowFatalMessage(ProgramEndMessage(error));
-          std::fflush(stdout);
-          std::_Exit(1);
-      }) {
+    : view_(view),
+      log_(view),
+      options_(options),
+      // An error that leaves a socket event handler ends the program like one from any other event.
+      winsockPOP3_([this](const core::Error& error) { EndProgram(error); }),
+      winsockSMTP_([this](const core::Error& error) { EndProgram(error); }),
+      programEnd_(Fatal(view)) {
     const QHostAddress address(QString::fromStdString(options_.listenAddress));
-    for (platform::net::SocketControl* control : {&winsockPOP3_, &winsockSMTP_}) {
-        control->SetListenAddress(address);
-        control->SetUnhandledErrorHandler([this](const core::Error& error) { EndProgram(error); });
-    }
+    for (platform::net::SocketControl* control : {&winsockPOP3_, &winsockSMTP_}) control->SetListenAddress(address);
 }
 
 Main::~Main() = default;
@@ -50,8 +50,7 @@ void Main::Form_Load() {
     core::Trap("Form_Load Event", [&] {
         // A second instance never gets this far: main() refuses it before the window exists.
         applicationName_ = "Tarnwick Gateway";
-        applicationVersion_ =
-            core::ToText(kVersionMajor) + "." + core::ToText(kVersionMinor) + "." + core::ToText(kVersionRevision);
+        applicationVersion_ = core::Version::kText;
         bLog = true;
         view_.PlaceAtWorkAreaCorner();
         view_.AddTrayIcon();
@@ -211,6 +210,15 @@ void Main::RunEvent(const std::string& label, const std::function<void()>& body)
 }
 
 void Main::SetProgramEnd(ProgramEnd programEnd) { programEnd_ = std::move(programEnd); }
+
+Main::ProgramEnd Main::Fatal(IMainView& view, std::function<void()> release) {
+    return [&view, release = std::move(release)](const core::Error& error) {
+        view.ShowFatalMessage(ProgramEndMessage(error));
+        if (release) release();
+        std::fflush(stdout);
+        std::_Exit(kFatalExitStatus);
+    };
+}
 
 std::string Main::ProgramEndMessage(const core::Error& error) {
     std::string message = "Error " + core::ToText(error.Number()) + ": " + error.Description();

@@ -20,9 +20,8 @@ namespace app {
 
 class Main : public core::IGatewayHost {
 public:
-    static constexpr int kVersionMajor = 0;
-    static constexpr int kVersionMinor = 2;
-    static constexpr int kVersionRevision = 0;
+    // Exit status of a program ended by an error that left an outermost event handler.
+    static constexpr int kFatalExitStatus = 1;
 
     // Ends the program after an error left an outermost event handler.
     using ProgramEnd = std::function<void(const core::Error& error)>;
@@ -70,8 +69,12 @@ public:
     // The same for a handler of the window's own (minimise, notification-area icon): `body` runs under a
     // trap labelled `label`.
     void RunEvent(const std::string& label, const std::function<void()>& body);
-    // Replaces how the program ends after such an error (default: the view's message, exit status 1).
+    // Replaces how the program ends after such an error (default: Fatal(view)). Tests record the error instead.
     void SetProgramEnd(ProgramEnd programEnd);
+    // The program's one way to end after such an error: `view` shows ProgramEndMessage, `release` runs (the
+    // instance lock, say), standard output is flushed and the process exits with kFatalExitStatus at once,
+    // running nothing else (not even the rest of the event still on the stack).
+    static ProgramEnd Fatal(IMainView& view, std::function<void()> release = {});
     // The message shown before the program ends: the error's number and description.
     static std::string ProgramEndMessage(const core::Error& error);
 

@@ -7,7 +7,6 @@
 #include <QStandardPaths>
 
 #include <cstdio>
-#include <cstdlib>
 #include <memory>
 
 #include "app/GatewayOptions.h"
@@ -15,6 +14,7 @@
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MessageBox.h"
+#include "core/Version.h"
 #include "mailservice/CHotmail.h"
 
 namespace {
@@ -39,10 +39,7 @@ int main(int argc, char** argv) {
         application = std::make_unique<QApplication>(argc, argv);
     }
     QCoreApplication::setApplicationName("tarnwick-gateway");
-    QCoreApplication::setApplicationVersion(QStringLiteral("%1.%2.%3")
-                                                .arg(app::Main::kVersionMajor)
-                                                .arg(app::Main::kVersionMinor)
-                                                .arg(app::Main::kVersionRevision));
+    QCoreApplication::setApplicationVersion(QString::fromLatin1(core::Version::kText));
     const app::GatewayOptions options = app::GatewayOptions::Parse(*application);
     // Before any server starts, so that the first connection's service client already uses it.
     if (options.serviceUrl) mailservice::CHotmail::SetServiceEntryURL(*options.serviceUrl);
@@ -71,13 +68,7 @@ int main(int argc, char** argv) {
 
     app::Main main(*view, options);
     core::MessageBox::SetHandler([&view](const std::string& text) { view->ShowMessage(text); });
-    main.SetProgramEnd([&view, &lock](const core::Error& error) {
-        view->ShowFatalMessage(app::Main::ProgramEndMessage(error));
-        lock.unlock();
-        std::fflush(stdout);
-        // Nothing may run after an unhandled error: not even the event that is still on the stack.
-        std::_Exit(1);
-    });
+    main.SetProgramEnd(app::Main::Fatal(*view, [&lock] { lock.unlock(); }));
     if (window) window->Attach(main);
 
     main.RunEvent(&app::Main::Form_Load);

@@ -28,6 +28,20 @@ std::string StandardDescription(std::int32_t number) {
             return "This key is already associated with an element of this collection";
         case ErrorNumber::kAddressInUse:
             return "Address in use";
+        case ErrorNumber::kWrongProtocolState:
+            return "Wrong protocol or connection state for the requested transaction or request";
+        case ErrorNumber::kHttpInvalidUrl:
+            return "The URL is invalid";
+        case ErrorNumber::kHttpUnrecognizedScheme:
+            return "The URL does not use a recognized protocol";
+        case ErrorNumber::kHttpNameNotResolved:
+            return "The server name or address could not be resolved";
+        case ErrorNumber::kHttpCannotConnect:
+            return "A connection with the server could not be established";
+        case ErrorNumber::kHttpConnectionAborted:
+            return "The connection with the server was terminated abnormally";
+        case ErrorNumber::kHttpHeaderNotFound:
+            return "The requested header was not found";
         default:
             return {};
     }

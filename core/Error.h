@@ -7,7 +7,7 @@
 
 namespace core {
 
-// Numbers our own layers raise where nothing else fixes the wording.
+// Every error number the gateway's own layers raise or report: the one table, with StandardDescription below.
 namespace ErrorNumber {
 inline constexpr std::int32_t kInvalidProcedureCall = 5;
 inline constexpr std::int32_t kOverflow = 6;
@@ -17,7 +17,18 @@ inline constexpr std::int32_t kTypeMismatch = 13;
 inline constexpr std::int32_t kInternal = 51;
 inline constexpr std::int32_t kObjectNotSet = 91;
 inline constexpr std::int32_t kDuplicateKey = 457;
+// Socket layer. A broken connection is reported with the socket library's own description.
 inline constexpr std::int32_t kAddressInUse = 10048;
+inline constexpr std::int32_t kSocketConnectionAborted = 10053;
+inline constexpr std::int32_t kSocketTimedOut = 10060;
+inline constexpr std::int32_t kWrongProtocolState = 40006;
+// HTTP request layer.
+inline constexpr std::int32_t kHttpInvalidUrl = -2147012891;
+inline constexpr std::int32_t kHttpUnrecognizedScheme = -2147012890;
+inline constexpr std::int32_t kHttpNameNotResolved = -2147012889;
+inline constexpr std::int32_t kHttpCannotConnect = -2147012867;
+inline constexpr std::int32_t kHttpConnectionAborted = -2147012866;
+inline constexpr std::int32_t kHttpHeaderNotFound = -2147012746;
 }  // namespace ErrorNumber
 
 // An error as it travels through the program; thrown by value, caught by const reference.

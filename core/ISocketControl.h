@@ -12,7 +12,8 @@ class ISocketEvents;
 
 class ISocketControl {
 public:
-    // Values of State(); the frame only ever compares with kClosed.
+    // Values of State() (states, not error numbers: kError is the state of a broken connection); the frame only
+    // ever compares with kClosed.
     static constexpr std::int32_t kClosed = 0;
     static constexpr std::int32_t kListening = 2;
     static constexpr std::int32_t kConnected = 7;
@@ -38,6 +39,7 @@ public:
     // Queues `data` for sending.
     virtual void SendData(const std::string& data) = 0;
     // Queues `data` for sending without copying it: the control keeps the text until it has gone out.
+    // NOLINTNEXTLINE(performance-unnecessary-value-param): a sink; overrides keep the pointer
     virtual void SendShared(std::shared_ptr<const std::string> data) { SendData(*data); }
 };
 

@@ -106,7 +106,9 @@ std::string CHotmail::GetErrorCode() const { return d_->HotmailError; }
 FolderCollectionPtr CHotmail::GetFolderCollection() const { return d_->FolderCollection; }
 MailCollectionPtr CHotmail::GetMailCollection() const { return d_->MailCollection; }
 
-std::string CHotmail::Impl::ReadListingReply() {
+std::string CHotmail::Impl::Propfind(const std::string& url, const std::string& body) {
+    HttpRequest.Open("PROPFIND", url, false);
+    HttpRequest.Send(body);
     // Each part is stored as soon as it is read, so a reply without "X-Dav-Error" leaves the first two.
     LastReplyHeaders = HttpRequest.GetAllResponseHeaders();
     LastReplyText = HttpRequest.ResponseText();

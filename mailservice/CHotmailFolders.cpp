@@ -8,19 +8,12 @@
 namespace mailservice {
 
 std::string CHotmail::GetFolder(const std::string& folderUrl) {
-    return core::Trap("GetFolder Method", [&] {
-        d_->HttpRequest.Open("PROPFIND", folderUrl, false);
-        d_->HttpRequest.Send(d_->FolderInfoRequest);
-        return d_->ReadListingReply();
-    });
+    return core::Trap("GetFolder Method", [&] { return d_->Propfind(folderUrl, d_->FolderInfoRequest); });
 }
 
 std::string CHotmail::GetAllFolderInfo() {
-    return core::Trap("GetAllFolderInfo Method", [&] {
-        d_->HttpRequest.Open("PROPFIND", d_->RootFolderURL, false);
-        d_->HttpRequest.Send(d_->FolderInfoRequest);
-        return d_->ReadListingReply();
-    });
+    return core::Trap("GetAllFolderInfo Method",
+                      [&] { return d_->Propfind(d_->RootFolderURL, d_->FolderInfoRequest); });
 }
 
 void CHotmail::ParseFolderInfo() {

@@ -48,9 +48,9 @@ struct CHotmail::Impl {
     FolderCollectionPtr FolderCollection;
     MailCollectionPtr MailCollection;
 
-    // The request frame's reading for the folder and listing requests: header block, text, then the
-    // "X-Dav-Error" value; returns the text.
-    std::string ReadListingReply();
+    // The folder and listing requests: a PROPFIND of `url` with `body`, then the reply's header block, text
+    // and "X-Dav-Error" value, stored in that order; returns the text.
+    std::string Propfind(const std::string& url, const std::string& body);
     // The BMOVE request shared by deleting and moving: one D:href per id, to `fromFolder`, naming `toFolder`.
     std::string MoveRequest(const IdCollectionPtr& ids, const std::string& fromFolder, const std::string& toFolder);
 };

@@ -7,7 +7,7 @@
 #include "core/Trap.h"
 #include "mailservice/CHotmail.h"
 #include "mailservice/CHotmailImpl.h"
-#include "mailservice/RegionalDateFormat.h"
+#include "platform/regional/RegionalDateFormat.h"
 
 namespace mailservice {
 namespace {
@@ -36,11 +36,7 @@ private:
 }  // namespace
 
 std::string CHotmail::GetMailInfo(const std::string& ukey) {
-    return core::Trap("GetMailInfo Method", [&] {
-        d_->HttpRequest.Open("PROPFIND", ukey, false);
-        d_->HttpRequest.Send(d_->MailListRequest);
-        return d_->ReadListingReply();
-    });
+    return core::Trap("GetMailInfo Method", [&] { return d_->Propfind(ukey, d_->MailListRequest); });
 }
 
 void CHotmail::ParseMailboxInfo(const std::string& ukey) {
@@ -70,7 +66,7 @@ void CHotmail::ParseMailboxInfo(const std::string& ukey) {
             core::SkipOnError([&] { dateText = columns.NthValue(i, "//m:date"); });
             core::SkipOnError([&] { msg->mLength = columns.NthValue(i, "//D:getcontentlength"); });
             core::SkipOnError([&] { msg->mRead = core::ToInt16(columns.NthValue(i, "//hm:read")); });
-            core::SkipOnError([&] { msg->mDate = RegionalDateFormat::Format(dateText); });
+            core::SkipOnError([&] { msg->mDate = platform::RegionalDateFormat::Format(dateText); });
             // The service's attachment flag, read like the read flag; nothing else in the gateway uses it.
             core::SkipOnError(
                 [&] { msg->mHasAttachment = core::ToInt16(columns.NthValue(i, "//hm:hasattachment")) != 0; });

@@ -4,38 +4,25 @@
 #include <QTimer>
 
 #include <algorithm>
-#include <cstdio>
-#include <cstdlib>
 #include <limits>
 #include <utility>
 
 #include "core/ISocketEvents.h"
-#include "core/MessageBox.h"
 #include "core/Trap.h"
 
 namespace platform::net {
 namespace {
 
-// Numbers the socket control raises itself, in the range the platform's socket errors use.
-constexpr std::int32_t kWrongState = 40006;
-constexpr const char* kWrongStateText = "Wrong protocol or connection state for the requested transaction or request";
-constexpr std::int32_t kConnectionAborted = 10053;
-constexpr std::int32_t kTimedOut = 10060;
 constexpr std::int32_t kHighestPort = std::numeric_limits<quint16>::max();
 // How much of a queued text the connection's own buffer holds at a time.
 constexpr qint64 kSliceBytes = qint64{1} << 20;
 
-[[noreturn]] void RaiseWrongState() { throw core::Error(kWrongState, "SocketControl", kWrongStateText); }
-
-void EndProgram(const core::Error& error) {
-    core::MessageBox::Show("Error " + std::to_string(error.Number()) + ": " + error.Description());
-    std::fflush(stdout);
-    std::_Exit(1);
-}
+[[noreturn]] void RaiseWrongState() { core::Raise(core::ErrorNumber::kWrongProtocolState, "SocketControl"); }
 
 }  // namespace
 
-SocketControl::SocketControl(QObject* parent) : QObject(parent), unhandled_(EndProgram) {}
+SocketControl::SocketControl(UnhandledErrorHandler unhandled, QObject* parent)
+    : QObject(parent), unhandled_(std::move(unhandled)) {}
 
 SocketControl::~SocketControl() {
     // Nothing may reach a sink from a control that is going away.
@@ -45,8 +32,6 @@ SocketControl::~SocketControl() {
 }
 
 void SocketControl::SetListenAddress(const QHostAddress& address) { listenAddress_ = address; }
-
-void SocketControl::SetUnhandledErrorHandler(UnhandledErrorHandler handler) { unhandled_ = std::move(handler); }
 
 void SocketControl::SetEventSink(core::ISocketEvents* sink) { sink_ = sink; }
 
@@ -236,7 +221,8 @@ void SocketControl::OnSocketError(QAbstractSocket::SocketError error) {
     }
     errorRaised_ = true;
     state_ = kError;
-    const std::int32_t number = error == QAbstractSocket::SocketTimeoutError ? kTimedOut : kConnectionAborted;
+    const std::int32_t number = error == QAbstractSocket::SocketTimeoutError ? core::ErrorNumber::kSocketTimedOut
+                                                                             : core::ErrorNumber::kSocketConnectionAborted;
     const std::string text = socket_->errorString().toStdString();
     RaiseEvent([&](core::ISocketEvents& sink) { sink.OnError(number, text); });
 }

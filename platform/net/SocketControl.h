@@ -22,18 +22,17 @@ namespace platform::net {
 
 class SocketControl : public QObject, public core::ISocketControl {
 public:
-    // Receives an error that escaped an event handler; it must end the program or record the error.
+    // Receives an error that escaped an event handler. The control has no policy of its own: the application
+    // decides what such an error means (it ends the program; a test records the error).
     using UnhandledErrorHandler = std::function<void(const core::Error& error)>;
 
-    explicit SocketControl(QObject* parent = nullptr);
+    explicit SocketControl(UnhandledErrorHandler unhandled, QObject* parent = nullptr);
     ~SocketControl() override;
     SocketControl(const SocketControl&) = delete;
     SocketControl& operator=(const SocketControl&) = delete;
 
     // The address Listen() binds; 127.0.0.1 unless set.
     void SetListenAddress(const QHostAddress& address);
-    // Replaces what happens to an error that leaves an event handler (default: message, exit status 1).
-    void SetUnhandledErrorHandler(UnhandledErrorHandler handler);
 
     void SetEventSink(core::ISocketEvents* sink) override;
     std::int32_t State() const override;

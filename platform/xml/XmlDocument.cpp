@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "core/Error.h"
+#include "platform/xml/XmlTree.h"
 
 namespace platform {
 namespace {
@@ -31,41 +32,41 @@ public:
 
 }  // namespace
 
-XmlDocument::XmlDocument() : doc_(std::make_shared<pugi::xml_document>()) {}
+XmlDocument::XmlDocument() : tree_(std::make_shared<XmlTree>()) {}
 
 bool XmlDocument::loadXML(const std::string& text) {
     // A fresh document each time: handles into the previous content stay valid for whoever still holds them.
-    auto fresh = std::make_shared<pugi::xml_document>();
+    auto fresh = std::make_shared<XmlTree>();
     const pugi::xml_parse_result result =
-        fresh->load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);
+        fresh->doc.load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);
     reason_.clear();
     if (!result) {
         reason_ = result.description();
     } else {
-        reason_ = TopLevelProblem(*fresh);
+        reason_ = TopLevelProblem(fresh->doc);
     }
-    if (!reason_.empty()) fresh->reset();
-    doc_ = std::move(fresh);
+    if (!reason_.empty()) fresh->doc.reset();
+    tree_ = std::move(fresh);
     return reason_.empty();
 }
 
-XmlNode XmlDocument::documentElement() const { return XmlNode(doc_->document_element(), doc_); }
+XmlNode XmlDocument::documentElement() const { return XmlTree::Handle(tree_->doc.document_element(), tree_); }
 
 XmlNodeList XmlDocument::selectNodes(const std::string& pattern) const {
-    return XmlNode(*doc_, doc_).selectNodes(pattern);
+    return XmlTree::Handle(tree_->doc, tree_).selectNodes(pattern);
 }
 
 XmlNode XmlDocument::createElement(const std::string& name) const {
-    auto holder = std::make_shared<pugi::xml_document>();
-    pugi::xml_node element = holder->append_child(name.c_str());
+    auto holder = std::make_shared<XmlTree>();
+    pugi::xml_node element = holder->doc.append_child(name.c_str());
     if (!element) core::Raise(core::ErrorNumber::kOutOfMemory);
-    return XmlNode(element, holder);
+    return XmlTree::Handle(element, holder);
 }
 
 std::string XmlDocument::xml() const {
     StringWriter out;
     // format_no_declaration: write only a declaration the document holds, never invent one.
-    doc_->save(out, "",
+    tree_->doc.save(out, "",
                pugi::format_raw | pugi::format_no_declaration | pugi::format_attribute_single_quote |
                    pugi::format_no_empty_element_tags,
                pugi::encoding_utf8);

@@ -5,8 +5,6 @@
 #include <memory>
 #include <string>
 
-#include <pugixml.hpp>
-
 #include "platform/xml/XmlNode.h"
 #include "platform/xml/XmlNodeList.h"
 
@@ -33,7 +31,8 @@ public:
     std::string xml() const;
 
 private:
-    std::shared_ptr<pugi::xml_document> doc_;
+    // Replaced by every loadXML, so that handles into the previous content stay valid for their holders.
+    std::shared_ptr<XmlTree> tree_;
     std::string reason_;
 };
 

@@ -4,21 +4,18 @@
 #include <memory>
 #include <string>
 
-#include <pugixml.hpp>
-
 namespace platform {
 
 class XmlNodeList;
+struct XmlTree;
 
 class XmlNode {
 public:
     // A handle on no node; every use of it raises error 91.
     XmlNode() = default;
-    // A handle on `node`, keeping the document that holds it alive.
-    XmlNode(pugi::xml_node node, std::shared_ptr<pugi::xml_document> owner);
 
     // Whether the handle refers to a node.
-    bool exists() const { return static_cast<bool>(node_); }
+    bool exists() const { return node_ != nullptr; }
     // The node's name as written ("D:response"); empty for text nodes.
     std::string nodeName() const;
     // The node's children in document order, text nodes included.
@@ -33,16 +30,13 @@ public:
     // in its new place. Returns the appended node.
     XmlNode appendChild(XmlNode& child);
 
-    // The underlying node, for the layer's own use.
-    pugi::xml_node raw() const { return node_; }
-    const std::shared_ptr<pugi::xml_document>& owner() const { return owner_; }
-
 private:
-    // Raises error 91 when the handle refers to no node.
-    pugi::xml_node Checked() const;
+    friend struct XmlTree;
+    friend class XmlNodeList;
+    XmlNode(void* node, std::shared_ptr<XmlTree> tree);
 
-    pugi::xml_node node_;
-    std::shared_ptr<pugi::xml_document> owner_;
+    void* node_ = nullptr;  // the parser's node, kept opaque so that callers need no parser header
+    std::shared_ptr<XmlTree> tree_;  // keeps the document that holds the node alive
 };
 
 }  // namespace platform

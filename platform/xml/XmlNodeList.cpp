@@ -2,14 +2,16 @@
 
 #include <utility>
 
+#include "platform/xml/XmlTree.h"
+
 namespace platform {
 
-XmlNodeList::XmlNodeList(std::vector<pugi::xml_node> nodes, std::shared_ptr<pugi::xml_document> owner)
-    : nodes_(std::move(nodes)), owner_(std::move(owner)) {}
+XmlNodeList::XmlNodeList(std::vector<void*> nodes, std::shared_ptr<XmlTree> tree)
+    : nodes_(std::move(nodes)), tree_(std::move(tree)) {}
 
 XmlNode XmlNodeList::item(std::int32_t index) const {
     if (index < 0 || index >= length()) return XmlNode();
-    return XmlNode(nodes_[static_cast<std::size_t>(index)], owner_);
+    return XmlNode(nodes_[static_cast<std::size_t>(index)], tree_);
 }
 
 }  // namespace platform

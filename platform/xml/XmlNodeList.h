@@ -5,8 +5,6 @@
 #include <memory>
 #include <vector>
 
-#include <pugixml.hpp>
-
 #include "platform/xml/XmlNode.h"
 
 namespace platform {
@@ -14,7 +12,6 @@ namespace platform {
 class XmlNodeList {
 public:
     XmlNodeList() = default;
-    XmlNodeList(std::vector<pugi::xml_node> nodes, std::shared_ptr<pugi::xml_document> owner);
 
     // Number of nodes in the list.
     std::int32_t length() const { return static_cast<std::int32_t>(nodes_.size()); }
@@ -22,8 +19,11 @@ public:
     XmlNode item(std::int32_t index) const;
 
 private:
-    std::vector<pugi::xml_node> nodes_;
-    std::shared_ptr<pugi::xml_document> owner_;
+    friend struct XmlTree;
+    XmlNodeList(std::vector<void*> nodes, std::shared_ptr<XmlTree> tree);
+
+    std::vector<void*> nodes_;  // the parser's nodes, opaque as in XmlNode
+    std::shared_ptr<XmlTree> tree_;
 };
 
 }  // namespace platform

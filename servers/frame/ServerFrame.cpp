@@ -6,7 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include "core/Ascii.h"
 #include "core/Convert.h"
 #include "core/Error.h"
 #include "core/Trap.h"
@@ -20,15 +19,17 @@ constexpr const char* kCrLf = "\r\n";
 
 }  // namespace
 
-ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile)
-    : host_(host), profile_(std::move(profile)), lastCommand_(kIdleCommand) {}
+ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader)
+    : host_(host),
+      profile_(std::move(profile)),
+      commands_(std::move(commands)),
+      reader_(std::move(reader)),
+      lastCommand_(kIdleCommand) {
+    core::Trap(profile_.classInitializeLabel, [&] { SetDefaultValues(); });
+}
 
 ServerFrame::~ServerFrame() {
     if (objWinsock) objWinsock->SetEventSink(nullptr);
-}
-
-void ServerFrame::ClassInitialize() {
-    core::Trap(profile_.classInitializeLabel, [&] { SetDefaultValues(); });
 }
 
 void ServerFrame::SetDefaultValues() {
@@ -38,7 +39,6 @@ void ServerFrame::SetDefaultValues() {
         password_.clear();
         lastCommand_ = kIdleCommand;
         lastResponse_.clear();
-        SetServerDefaults();
     });
 }
 
@@ -122,29 +122,19 @@ mailservice::CHotmail& ServerFrame::ConnectionHotmail() const {
     return *Hotmail;
 }
 
-std::string ServerFrame::GetCommand(const std::string& text) {
-    std::string word;
-    core::SkipOnError([&] { word = ExtractCommand(text); });
-    lastCommand_ = word;
-    return word;
-}
-
-std::string ServerFrame::GetArgument(const std::string& text) const {
-    std::string argument;
-    core::SkipOnError([&] { argument = ExtractArgument(text); });
-    return argument;
+Request ServerFrame::ReadCommand(std::string& arrival) const {
+    Request request{profile_.getCommand(arrival), profile_.getArgument(arrival), std::move(arrival)};
+    arrival.clear();
+    return request;
 }
 
 std::string ServerFrame::FormatResponse(const std::string& text) { return text + kCrLf; }
 
-std::int16_t ServerFrame::ToCount16(std::size_t count) {
-    if (count > static_cast<std::size_t>(std::numeric_limits<std::int16_t>::max())) {
-        core::Raise(core::ErrorNumber::kOverflow);
-    }
-    return static_cast<std::int16_t>(count);
+bool ServerFrame::FitsCount16(std::size_t count) {
+    return count <= static_cast<std::size_t>(std::numeric_limits<std::int16_t>::max());
 }
 
-std::string ServerFrame::RemoveCrLf(const std::string& text) {
+std::string ServerFrame::RemoveCrLf(std::string_view text) {
     std::string result;
     result.reserve(text.size());
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -157,7 +147,51 @@ std::string ServerFrame::RemoveCrLf(const std::string& text) {
     return result;
 }
 
-std::string ServerFrame::UpperCase(std::string text) { return core::Ascii::UpperCase(std::move(text)); }
+void ServerFrame::DispatchRequest(const Request& request) {
+    if (request.logged) {
+        host_.WriteLog("SOCKET_EVENT: OnDataArrival Fired");
+        host_.WriteLog("CLIENT_REQUEST: " + (profile_.requestEntry == ServerProfile::RequestEntry::kReceivedText
+                                                 ? request.text
+                                                 : request.word));
+    }
+    lastCommand_ = request.word;
+    if (const Command* command = FindCommand(request.word)) {
+        RunCommand(*command, request);
+    } else {
+        SendErrorResponse(profile_.unrecognisedCommandText + request.word);
+    }
+}
+
+const Command* ServerFrame::FindCommand(const std::string& word) const {
+    for (const Command& command : commands_) {
+        if (command.word == word) return &command;
+    }
+    return nullptr;
+}
+
+void ServerFrame::RunCommand(const Command& command, const Request& request) {
+    if (!command.handler) return;
+    // Command handlers answer the client instead of reporting: the error goes no further.
+    try {
+        SendReply(command.handler(request));
+    } catch (...) {
+        SendErrorResponse(core::CurrentError().Description());
+    }
+}
+
+void ServerFrame::SendReply(Reply reply) {
+    switch (reply.kind) {
+        case Reply::Kind::kResponse:
+            SendResponse(std::move(reply.text));
+            break;
+        case Reply::Kind::kUnlogged:
+            SendUnloggedResponse(reply.text);
+            break;
+        case Reply::Kind::kError:
+            SendErrorResponse(reply.text);
+            break;
+    }
+}
 
 void ServerFrame::SendResponse(std::string text) {
     if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
@@ -175,22 +209,7 @@ void ServerFrame::SendUnloggedResponse(const std::string& text) {
 }
 
 void ServerFrame::SendErrorResponse(const std::string& message) {
-    core::Trap("SendErrorResponse Method",
-               [&] { SendResponse(profile_.errorPrefix + (message.empty() ? commandErrorDescription_ : message)); });
-}
-
-void ServerFrame::RunCommand(const std::function<void()>& handler) {
-    // Command handlers answer the client instead of reporting: the error goes no further.
-    try {
-        handler();
-    } catch (...) {
-        commandErrorDescription_ = core::CurrentError().Description();
-        SendErrorResponse({});
-    }
-}
-
-void ServerFrame::DispatchRequest(const std::string& request) {
-    if (!DispatchCommand(request)) SendErrorResponse(profile_.unrecognisedCommandText + lastCommand_);
+    core::Trap("SendErrorResponse Method", [&] { SendResponse(profile_.errorPrefix + message); });
 }
 
 void ServerFrame::OnConnectionRequest(std::int32_t requestId) {
@@ -201,14 +220,18 @@ void ServerFrame::OnConnectionRequest(std::int32_t requestId) {
         if (objWinsock->State() != core::ISocketControl::kClosed) objWinsock->Close();
         objWinsock->Accept(requestId);
         MakeCHotmail();
-        RunCommand([&] { HandleCONN({}); });
+        if (const Command* greeting = FindCommand(kIdleCommand)) RunCommand(*greeting, Request{kIdleCommand, {}, {}});
     });
 }
 
 void ServerFrame::OnDataArrival(std::int32_t /*bytesTotal*/) {
     core::Trap("Winsock_DataArrival Event", [&] {
         if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
-        ReceiveRequest(objWinsock->GetData());
+        // One arrival is one request, unless the server's reader cuts it (the SMTP end of data).
+        std::string arrival = objWinsock->GetData();
+        do {
+            DispatchRequest(reader_ ? reader_(arrival) : ReadCommand(arrival));
+        } while (!arrival.empty());
     });
 }
 

@@ -1,19 +1,21 @@
 // The listener and session frame both local servers share: binds a socket control of the host, listens,
-// serves one client at a time, turns each arrival into one request, dispatches it through the server's
-// command table and logs every socket event, request and response. Subclasses supply what differs.
+// serves one client at a time, reads each arrival into a request by the server's rules, runs the handler the
+// server's command table gives its word, and sends and logs the reply. Every socket event is logged.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <span>
 #include <string>
+#include <string_view>
 
 #include "core/IGatewayHost.h"
 #include "core/ISocketControl.h"
 #include "core/ISocketEvents.h"
 #include "servers/frame/Command.h"
+#include "servers/frame/Reply.h"
+#include "servers/frame/Request.h"
 #include "servers/frame/ServerProfile.h"
 
 namespace mailservice {
@@ -37,7 +39,7 @@ public:
     void SetUserName(const std::string& New_UserName) { userName_ = New_UserName; }
     const std::string& Password() const { return password_; }
     void SetPassword(const std::string& New_Password) { password_ = New_Password; }
-    // The command word being handled; "CONN" whenever the server listens.
+    // The word of the request being handled; "CONN" whenever the server listens.
     const std::string& LastCommand() const { return lastCommand_; }
     void SetLastCommand(const std::string& New_LastCommand) { lastCommand_ = New_LastCommand; }
     // Empty at creation; the frame writes nothing else into it.
@@ -49,10 +51,6 @@ public:
     // Closes and releases the socket control; silent when nothing is bound.
     void StopServer();
 
-    // The command word of `text` by this server's rule, also stored in LastCommand; empty on failure.
-    std::string GetCommand(const std::string& text);
-    // The argument of `text` by this server's rule; empty on failure.
-    std::string GetArgument(const std::string& text) const;
     // `text` followed by CR LF.
     static std::string FormatResponse(const std::string& text);
 
@@ -66,57 +64,28 @@ public:
     void OnConnect() final;
 
 protected:
-    ServerFrame(core::IGatewayHost& host, ServerProfile profile);
+    // Takes the next request off the front of an arrival, leaving in `arrival` what follows it (read after the
+    // request has been handled).
+    using RequestReader = std::function<Request(std::string& arrival)>;
 
-    // Runs SetDefaultValues under the creation label; each subclass constructor calls it last.
-    void ClassInitialize();
+    // The "CONN" entry of `commands` greets every accepted client. Without a `reader`, every arrival
+    // is one request read by ReadCommand.
+    ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader = {});
 
     // The application: log, credential store, name and version.
     core::IGatewayHost& Host() const { return host_; }
     // The service client of the current connection; raises 91 when no connection has made one.
     mailservice::CHotmail& ConnectionHotmail() const;
 
-    // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text. The text is taken over, not copied: the
-    // CR LF is added in place and the socket and the log share the one text.
-    void SendResponse(std::string text);
-    // Sends `text` with CR LF and writes no log entry.
-    void SendUnloggedResponse(const std::string& text);
-    // Sends the error prefix + `message`; an empty message stands for the error that stopped the command.
-    void SendErrorResponse(const std::string& message);
+    // The whole arrival as one command, its word and argument read by the profile's rules.
+    Request ReadCommand(std::string& arrival) const;
 
-    // Dispatch on LastCommand: the first matching handler runs, or the unrecognised-command response goes out.
-    void DispatchRequest(const std::string& request);
-
-    // Walks one server's command table; true when LastCommand matched an entry.
-    template <typename Server>
-    bool DispatchFrom(std::span<const Command<Server>> table, Server& server, const std::string& request) {
-        for (const Command<Server>& command : table) {
-            if (command.word != lastCommand_) continue;
-            if (command.handler) RunCommand([&] { (server.*command.handler)(request); });
-            return true;
-        }
-        return false;
-    }
-
-    // Counts and positions in requests are 16-bit signed; a longer text raises 6 (Overflow).
-    static std::int16_t ToCount16(std::size_t count);
+    // Request texts are counted in 16 bits: a rule yields the empty text for a longer one.
+    static bool FitsCount16(std::size_t count);
     // `text` without any CR LF pair; a lone CR or LF stays.
-    static std::string RemoveCrLf(const std::string& text);
-    // ASCII letters upper-cased; command words are ASCII, other bytes pass unchanged.
-    static std::string UpperCase(std::string text);
+    static std::string RemoveCrLf(std::string_view text);
 
-    // Greets the client; run when a client is accepted and for the word "CONN". `request` is unused.
-    virtual void HandleCONN(const std::string& request) = 0;
-    // Looks LastCommand up in the server's table (via DispatchFrom); false when no entry matches.
-    virtual bool DispatchCommand(const std::string& request) = 0;
-    // The server's command-word and argument rules; may raise, GetCommand/GetArgument absorb it.
-    virtual std::string ExtractCommand(const std::string& text) const = 0;
-    virtual std::string ExtractArgument(const std::string& text) const = 0;
-    // Logs and dispatches one arrival (the text GetData fetched) in the server's own way.
-    virtual void ReceiveRequest(const std::string& text) = 0;
-    // Server fields set at creation, after the frame's own defaults.
-    virtual void SetServerDefaults() {}
-    // Protocol state of a connection, dropped with the connection's service client.
+    // Protocol state of a connection, dropped with the connection's service client (close or socket error).
     virtual void ResetConnectionState() {}
     // Extra state reset at every end of session.
     virtual void ResetSessionState() {}
@@ -130,10 +99,28 @@ private:
     void KillWinsock();
     void MakeCHotmail();
     void KillCHotmail();
-    void RunCommand(const std::function<void()>& handler);
+
+    // Logs `request` as the profile says, keeps its word in LastCommand and runs the handler the table gives
+    // that word; a word without an entry gets the unrecognised-command response.
+    void DispatchRequest(const Request& request);
+    // Runs `command`'s handler and sends its reply; a failing handler is answered with the error's description.
+    void RunCommand(const Command& command, const Request& request);
+    // The first entry of the table for `word`; nullptr when there is none.
+    const Command* FindCommand(const std::string& word) const;
+
+    void SendReply(Reply reply);
+    // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text. The text is taken over, not copied: the
+    // CR LF is added in place and the socket and the log share the one text.
+    void SendResponse(std::string text);
+    // Sends `text` with CR LF and writes no log entry.
+    void SendUnloggedResponse(const std::string& text);
+    // Sends and logs the error prefix + `message`.
+    void SendErrorResponse(const std::string& message);
 
     core::IGatewayHost& host_;
     const ServerProfile profile_;
+    const CommandTable commands_;
+    const RequestReader reader_;
     std::string listenPort_;
     std::string userName_;
     std::string password_;
@@ -143,8 +130,6 @@ private:
     core::ISocketControl* objWinsock = nullptr;
     // The service client of the current connection: made when a client is accepted, dropped when it goes.
     std::unique_ptr<mailservice::CHotmail> Hotmail;
-    // Description of the error that stopped the current command handler.
-    std::string commandErrorDescription_;
 };
 
 }  // namespace servers::frame

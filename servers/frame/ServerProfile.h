@@ -1,7 +1,8 @@
-// The fixed texts and choices by which the POP3 and the SMTP server differ inside the shared frame.
+// The fixed texts, rules and choices by which the POP3 and the SMTP server differ inside the shared frame.
 #pragma once
 
 #include <string>
+#include <string_view>
 
 #include "core/IGatewayHost.h"
 #include "core/ISocketControl.h"
@@ -9,6 +10,12 @@
 namespace servers::frame {
 
 struct ServerProfile {
+    // A rule that reads a word or an argument from a received text; total: it yields the empty text where
+    // the text cannot be read.
+    using TextRule = std::string (*)(std::string_view text);
+    // What the "CLIENT_REQUEST: " log entry carries after its prefix.
+    enum class RequestEntry { kReceivedText, kCommandWord };
+
     // The host's socket control this server attaches to (WinsockPOP3 or WinsockSMTP).
     core::ISocketControl& (core::IGatewayHost::*socketControl)();
     // ListenPort after creation: "110" or "25".
@@ -21,6 +28,10 @@ struct ServerProfile {
     bool logsSendEvents;
     // The creation label, "<class> Class_Initialize Event".
     std::string classInitializeLabel;
+    // The server's command-word and argument rules (GetCommand, GetArgument).
+    TextRule getCommand;
+    TextRule getArgument;
+    RequestEntry requestEntry;
 };
 
 }  // namespace servers::frame

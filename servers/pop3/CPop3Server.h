@@ -1,14 +1,15 @@
-// The POP3 server: the shared frame with the POP3 command table, command-word and argument rules, the
-// authorisation commands, the lazy log-in and inbox load, and the mailbox, retrieval and deletion commands.
+// The POP3 server: the shared frame with the POP3 command table and rules, the authorisation commands, and
+// the mailbox, retrieval and deletion commands answered from the connection's CPop3Mailbox.
 #pragma once
 
-#include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "core/IGatewayHost.h"
-#include "mailservice/CHotmail.h"
-#include "servers/frame/Command.h"
+#include "servers/frame/Reply.h"
+#include "servers/frame/Request.h"
 #include "servers/frame/ServerFrame.h"
+#include "servers/pop3/CPop3Mailbox.h"
 
 namespace servers::pop3 {
 
@@ -24,38 +25,34 @@ public:
     static constexpr const char* kSendStat = "+OK send stat";
     static constexpr const char* kDeleted = "+OK msg deleted";
 
+    // The command word: the first four characters, upper-cased, untrimmed ("TOP 1 5" gives "TOP ").
+    static std::string GetCommand(std::string_view text);
+    // The argument: everything after the first space, untrimmed, with every CR LF removed; empty without a
+    // space or for a text beyond 16-bit counts.
+    static std::string GetArgument(std::string_view text);
+
 private:
-    void HandleCONN(const std::string& request) override;
-    void HandleUSER(const std::string& request);
-    void HandlePASS(const std::string& request);
-    void HandleSTAT(const std::string& request);
-    void HandleLIST(const std::string& request);
-    void HandleUIDL(const std::string& request);
-    void HandleRETR(const std::string& request);
-    void HandleDELE(const std::string& request);
-    void HandleQUIT(const std::string& request);
+    using Request = frame::Request;
+    using Reply = frame::Reply;
 
-    // Logs the connection's service client in and loads the unread inbox, once per connection; an error
-    // leaves the mailbox unloaded so that the next mailbox command tries again.
+    Reply HandleCONN(const Request& request);
+    Reply HandleUSER(const Request& request);
+    Reply HandlePASS(const Request& request);
+    Reply HandleSTAT(const Request& request);
+    Reply HandleLIST(const Request& request);
+    Reply HandleUIDL(const Request& request);
+    Reply HandleRETR(const Request& request);
+    Reply HandleDELE(const Request& request);
+    Reply HandleQUIT(const Request& request);
+
+    // Logs the connection's service client in and loads the mailbox, once per connection; an error leaves
+    // the mailbox unloaded so that the next mailbox command tries again.
     void ConnectToHotmail();
-    // The loaded record that the argument of `request` names by its message number.
-    const mailservice::MessagePtr& RequestedMessage(const std::string& request) const;
 
-    bool DispatchCommand(const std::string& request) override;
-    std::string ExtractCommand(const std::string& text) const override;
-    std::string ExtractArgument(const std::string& text) const override;
-    void ReceiveRequest(const std::string& text) override;
-    void SetServerDefaults() override;
+    // The mailbox goes with the connection's service client.
     void ResetConnectionState() override;
 
-    // Every word in dispatch order; words without a handler are answered with nothing.
-    static const frame::Command<CPop3Server> kCommands[];
-
-    // The unread inbox of the connection: the service client's own list, read messages removed.
-    mailservice::MailCollectionPtr Messages;
-    bool MailboxLoaded = false;
-    std::int16_t MessageCount = 0;
-    std::int32_t MailboxSize = 0;
+    CPop3Mailbox Mailbox;
 };
 
 }  // namespace servers::pop3

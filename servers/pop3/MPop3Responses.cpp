@@ -1,19 +1,11 @@
 #include "servers/pop3/MPop3Responses.h"
 
-#include <vector>
-
 #include "core/Convert.h"
-#include "core/Error.h"
 
 namespace servers::pop3::MPop3Responses {
 namespace {
 
 constexpr std::string_view kCrLf = "\r\n";
-constexpr const char* kSource = "CPop3Server";
-
-[[noreturn]] void Fail(std::int32_t number, const char* description) {
-    throw core::Error(number, kSource, description);
-}
 
 }  // namespace
 
@@ -110,39 +102,5 @@ std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const
     out += ".";
     return out;
 }
-
-std::int16_t ParseMessageNumber(const std::string& argument, std::int32_t count) {
-    if (argument.empty()) Fail(kNoMessageNumberError, kNoMessageNumberText);
-    std::int16_t n = 0;
-    try {
-        n = core::ToInt16(argument);
-    } catch (const core::Error& e) {
-        // A number too large for 16 bits names no message; anything else is not a number at all.
-        if (e.Number() == core::ErrorNumber::kOverflow) Fail(kNoSuchMessageError, kNoSuchMessageText);
-        Fail(kNotANumberError, kNotANumberText);
-    }
-    if (n < 1 || n > count) Fail(kNoSuchMessageError, kNoSuchMessageText);
-    return n;
-}
-
-const MessagePtr& SelectMessage(const MessageList& messages, const std::string& argument) {
-    return messages.Item(ParseMessageNumber(argument, messages.Count()));
-}
-
-void RemoveReadMessages(MessageList& messages) {
-    std::vector<std::string> readKeys;
-    for (const MessagePtr& m : messages) {
-        if (m->mRead != 0) readKeys.push_back(m->mIndex);
-    }
-    for (const std::string& key : readKeys) messages.Remove(key);
-}
-
-std::int32_t SumMessageSizes(const MessageList& messages) {
-    double total = 0;
-    for (const MessagePtr& m : messages) total += core::ToDouble(m->mLength);
-    return core::RoundToInt32(total);
-}
-
-std::int16_t CountMessages(const MessageList& messages) { return core::RoundToInt16(messages.Count()); }
 
 }  // namespace servers::pop3::MPop3Responses

@@ -1,5 +1,5 @@
-// The POP3 server's protocol texts as plain functions over bytes: the STAT, LIST, UIDL and RETR responses,
-// the unique-id rule, message-number selection and the mailbox totals. No sockets, no service calls.
+// The POP3 server's protocol texts as plain functions over bytes: the STAT, LIST, UIDL and RETR responses
+// and the unique-id rule. No sockets, no service calls, no state.
 // Responses are returned without their final CR LF; the frame adds it when it sends them.
 #pragma once
 
@@ -19,14 +19,6 @@ using MessageList = core::Collection<MessagePtr>;
 
 // Unique ids are cut to this many characters.
 inline constexpr std::size_t kUniqueIdMaxLength = 69;
-
-// Error numbers and descriptions a bad message number raises (the wording is ours).
-inline constexpr std::int32_t kNoMessageNumberError = 5;
-inline constexpr const char* kNoMessageNumberText = "Message number required";
-inline constexpr std::int32_t kNotANumberError = 13;
-inline constexpr const char* kNotANumberText = "Invalid message number";
-inline constexpr std::int32_t kNoSuchMessageError = 9;
-inline constexpr const char* kNoSuchMessageText = "No such message";
 
 // "+OK <count> <size>".
 std::string BuildSTATResponse(std::int16_t count, std::int32_t size);
@@ -54,21 +46,5 @@ std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const
 // `body` with one more "." in front of every line that begins with "." (lines begin at the start and after
 // each CR LF); nothing else changes.
 std::string StuffDots(std::string_view body);
-
-// The 16-bit message number in `argument` (surrounding spaces accepted, halves to even), checked against
-// 1..`count`; raises a core::Error with one of the descriptions above otherwise.
-std::int16_t ParseMessageNumber(const std::string& argument, std::int32_t count);
-
-// The record that message number `argument` names (as ParseMessageNumber reads it).
-const MessagePtr& SelectMessage(const MessageList& messages, const std::string& argument);
-
-// Removes, by their mIndex keys, the records the service reports as read; the others keep their order.
-void RemoveReadMessages(MessageList& messages);
-
-// The sum of the records' mLength, each read as a decimal number, rounded to a 32-bit integer.
-std::int32_t SumMessageSizes(const MessageList& messages);
-
-// The number of records as a 16-bit count; raises Overflow beyond 32767.
-std::int16_t CountMessages(const MessageList& messages);
 
 }  // namespace servers::pop3::MPop3Responses

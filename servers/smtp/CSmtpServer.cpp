@@ -1,8 +1,9 @@
 #include "servers/smtp/CSmtpServer.h"
 
 #include <algorithm>
-#include <span>
+#include <utility>
 
+#include "core/Ascii.h"
 #include "core/Trap.h"
 #include "mailservice/CHotmail.h"
 
@@ -21,18 +22,60 @@ frame::ServerProfile SmtpProfile() {
         .unrecognisedCommandText = "Tarnwick/SMTP Gateway Server does not understand the command: ",
         .logsSendEvents = false,
         .classInitializeLabel = "CSmtpServer Class_Initialize Event",
+        .getCommand = &CSmtpServer::GetCommand,
+        .getArgument = &CSmtpServer::GetArgument,
+        .requestEntry = frame::ServerProfile::RequestEntry::kCommandWord,
     };
 }
 
 }  // namespace
 
-const frame::Command<CSmtpServer> CSmtpServer::kCommands[] = {
-    {"CONN", &CSmtpServer::HandleCONN}, {"HELO", &CSmtpServer::HandleHELO}, {"MAIL", &CSmtpServer::HandleMAIL},
-    {"RCPT", &CSmtpServer::HandleRCPT}, {"DATA", &CSmtpServer::HandleDATA}, {"MESG", &CSmtpServer::HandleMESG},
-    {"SEND", &CSmtpServer::HandleSEND}, {"QUIT", &CSmtpServer::HandleQUIT},
-};
+CSmtpServer::CSmtpServer(core::IGatewayHost& host)
+    : ServerFrame(host, SmtpProfile(),
+                  // Every word in dispatch order; MESG and SEND are the words ReadRequest gives message data.
+                  frame::BindCommands<CSmtpServer>(*this, {{"CONN", &CSmtpServer::HandleCONN},
+                                                           {"HELO", &CSmtpServer::HandleHELO},
+                                                           {"MAIL", &CSmtpServer::HandleMAIL},
+                                                           {"RCPT", &CSmtpServer::HandleRCPT},
+                                                           {"DATA", &CSmtpServer::HandleDATA},
+                                                           {"MESG", &CSmtpServer::HandleMESG},
+                                                           {"SEND", &CSmtpServer::HandleSEND},
+                                                           {"QUIT", &CSmtpServer::HandleQUIT}}),
+                  [this](std::string& arrival) { return ReadRequest(arrival); }) {}
 
-CSmtpServer::CSmtpServer(core::IGatewayHost& host) : ServerFrame(host, SmtpProfile()) { ClassInitialize(); }
+std::string CSmtpServer::GetCommand(std::string_view text) {
+    const std::size_t space = text.find(' ');
+    const std::size_t length = space == std::string_view::npos ? text.size() : space;
+    if (!FitsCount16(length)) return {};
+    return RemoveCrLf(core::Ascii::UpperCase(std::string(text.substr(0, length))));
+}
+
+std::string CSmtpServer::GetArgument(std::string_view text) {
+    const std::string s = RemoveCrLf(text);
+    if (!FitsCount16(s.size())) return {};
+    const std::size_t colon = s.find(':');
+    if (colon == std::string::npos) return {};
+    const std::size_t first = s.find_first_not_of(' ', colon + 1);
+    if (first == std::string::npos) return {};
+    return s.substr(first, s.find_last_not_of(' ') - first + 1);
+}
+
+frame::Request CSmtpServer::ReadRequest(std::string& arrival) const {
+    if (!DataMode) return ReadCommand(arrival);
+    const std::size_t end = FindEndOfData(MailData, arrival);
+    // Message chunks are not logged; only the end mark tells the last chunk from the others.
+    Request chunk{end == std::string::npos ? "MESG" : "SEND", {}, {}, /*logged=*/false};
+    if (end == std::string::npos || end == arrival.size()) {
+        chunk.text = std::move(arrival);
+        arrival.clear();
+    } else {
+        // A client that took the reply to an early chunk for the reply to its end of data has sent QUIT
+        // already, and it may come in the same arrival as the last chunk.
+        chunk.text = arrival.substr(0, end);
+        arrival.erase(0, end);
+    }
+    return chunk;
+}
 
 std::size_t CSmtpServer::FindEndOfData(std::string_view collected, std::string_view arrival) {
     constexpr std::size_t kSeam = kEndOfData.size() - 1;
@@ -48,59 +91,57 @@ std::size_t CSmtpServer::FindEndOfData(std::string_view collected, std::string_v
     return at == std::string_view::npos ? std::string_view::npos : at + kEndOfData.size();
 }
 
-void CSmtpServer::HandleCONN(const std::string& /*request*/) { SendResponse("220 " + std::string(kMailDomain)); }
-
-// A refused HELO does not end the dialogue: no command depends on an earlier one.
-void CSmtpServer::HandleHELO(const std::string& /*request*/) {
-    if (CredentialsAvailable()) {
-        SendResponse("250 hello");
-    } else {
-        SendErrorResponse(std::string(kCredentialsUnavailable));
-    }
+frame::Reply CSmtpServer::HandleCONN(const Request& /*request*/) {
+    return Reply::Response("220 " + std::string(kMailDomain));
 }
 
-void CSmtpServer::HandleMAIL(const std::string& request) {
-    MailFrom = GetArgument(request);
-    SendResponse("250 ok");
+// A refused HELO does not end the dialogue: no command depends on an earlier one.
+frame::Reply CSmtpServer::HandleHELO(const Request& /*request*/) {
+    if (CredentialsAvailable()) return Reply::Response("250 hello");
+    return Reply::Error(std::string(kCredentialsUnavailable));
+}
+
+frame::Reply CSmtpServer::HandleMAIL(const Request& request) {
+    MailFrom = request.argument;
+    return Reply::Response("250 ok");
 }
 
 // One recipient only: a later RCPT replaces the earlier one.
-void CSmtpServer::HandleRCPT(const std::string& request) {
-    RcptTo = GetArgument(request);
-    SendResponse("250 ok");
+frame::Reply CSmtpServer::HandleRCPT(const Request& request) {
+    RcptTo = request.argument;
+    return Reply::Response("250 ok");
 }
 
-void CSmtpServer::HandleDATA(const std::string& /*request*/) {
+frame::Reply CSmtpServer::HandleDATA(const Request& /*request*/) {
     DataMode = true;
     MailData.clear();
-    SendResponse("354 ok");
+    return Reply::Response("354 ok");
 }
 
 // Every chunk is answered, not only the last one, and the answers stay out of the log.
-void CSmtpServer::HandleMESG(const std::string& request) {
-    MailData += request;
-    SendUnloggedResponse("250 ok");
+frame::Reply CSmtpServer::HandleMESG(const Request& request) {
+    MailData += request.text;
+    return Reply::Unlogged("250 ok");
 }
 
-void CSmtpServer::HandleSEND(const std::string& request) {
+frame::Reply CSmtpServer::HandleSEND(const Request& request) {
     if (DataMode) {
         // Clients send their last lines together with the end mark; those lines belong to the message, the
         // mark's "." line does not.
-        MailData += request;
+        MailData += request.text;
         MailData.resize(MailData.size() - kEndLineLength);
     }
     // The data phase ends in every outcome, a failed log-in or post included.
     DataMode = false;
     ConnectToHotmail();
-    if (LoggedIn) {
-        ConnectionHotmail().SendMail(BuildMessage(MailData));
-        SendResponse("250 message queued");
-    } else {
-        SendErrorResponse(std::string(kCredentialsUnavailable));
-    }
+    if (!LoggedIn) return Reply::Error(std::string(kCredentialsUnavailable));
+    ConnectionHotmail().SendMail(BuildMessage(MailData));
+    return Reply::Response("250 message queued");
 }
 
-void CSmtpServer::HandleQUIT(const std::string& /*request*/) { SendResponse("221 " + std::string(kMailDomain)); }
+frame::Reply CSmtpServer::HandleQUIT(const Request& /*request*/) {
+    return Reply::Response("221 " + std::string(kMailDomain));
+}
 
 bool CSmtpServer::CredentialsAvailable() const {
     return core::Trap("CredentialsAvailable Method", [&] { return !Host().UserName().empty(); });
@@ -132,52 +173,6 @@ std::string CSmtpServer::BuildMessage(const std::string& messageText) const {
         text += FormatResponse(".");
         return text;
     });
-}
-
-bool CSmtpServer::DispatchCommand(const std::string& request) {
-    return DispatchFrom<CSmtpServer>(kCommands, *this, request);
-}
-
-std::string CSmtpServer::ExtractCommand(const std::string& text) const {
-    const std::size_t space = text.find(' ');
-    const std::size_t length = space == std::string::npos ? text.size() : space;
-    ToCount16(length);
-    return RemoveCrLf(UpperCase(text.substr(0, length)));
-}
-
-std::string CSmtpServer::ExtractArgument(const std::string& text) const {
-    const std::string s = RemoveCrLf(text);
-    ToCount16(s.size());
-    const std::size_t colon = s.find(':');
-    if (colon == std::string::npos) return {};
-    const std::size_t first = s.find_first_not_of(' ', colon + 1);
-    if (first == std::string::npos) return {};
-    return s.substr(first, s.find_last_not_of(' ') - first + 1);
-}
-
-void CSmtpServer::ReceiveRequest(const std::string& text) {
-    if (DataMode) {
-        const std::size_t end = FindEndOfData(MailData, text);
-        if (end != std::string::npos && end < text.size()) {
-            // The end mark ends the data. A client that took the reply to an early chunk for the reply to its
-            // end of data has sent QUIT already, and it may come in the same arrival as the last chunk.
-            ReceiveRequest(text.substr(0, end));
-            ReceiveRequest(text.substr(end));
-            return;
-        }
-        // Message chunks are not logged; only the end mark tells the last chunk from the others.
-        SetLastCommand(end != std::string::npos ? "SEND" : "MESG");
-    } else {
-        GetCommand(text);
-        Host().WriteLog("SOCKET_EVENT: OnDataArrival Fired");
-        Host().WriteLog("CLIENT_REQUEST: " + LastCommand());
-    }
-    DispatchRequest(text);
-}
-
-void CSmtpServer::SetServerDefaults() {
-    LoggedIn = false;
-    DataMode = false;
 }
 
 void CSmtpServer::ResetConnectionState() { LoggedIn = false; }

@@ -1,6 +1,6 @@
-// The SMTP server: the shared frame with the SMTP command table, command-word and argument rules, the
-// arrival handling that switches between command mode and message data mode, and the relay of each
-// finished message through the connection's service client.
+// The SMTP server: the shared frame with the SMTP command table and rules, the reading of arrivals that
+// switches between command mode and message data mode, and the relay of each finished message through the
+// connection's service client.
 #pragma once
 
 #include <cstddef>
@@ -8,7 +8,8 @@
 #include <string_view>
 
 #include "core/IGatewayHost.h"
-#include "servers/frame/Command.h"
+#include "servers/frame/Reply.h"
+#include "servers/frame/Request.h"
 #include "servers/frame/ServerFrame.h"
 
 namespace servers::smtp {
@@ -25,20 +26,35 @@ public:
         "Tarnwick/SMTP Gateway Server Username and Password are unavailable. Please perform a 'Receive' before "
         "sending any messages to initialize the application.";
 
+    // The command word: the text before the first space (all of it without one), upper-cased, with every
+    // CR LF removed; empty for a text beyond 16-bit counts.
+    static std::string GetCommand(std::string_view text);
+    // The argument: the text after the first colon, CR LF removed, leading and trailing spaces trimmed; empty
+    // without a colon or for a text beyond 16-bit counts.
+    static std::string GetArgument(std::string_view text);
+
     // Where the message data ends in `arrival`: the length of its share up to and including the first end
     // mark CR LF "." CR LF, whose first bytes may close the text `collected` before it (the data starts at
     // the beginning of a line); npos when the arrival holds no end mark.
     static std::size_t FindEndOfData(std::string_view collected, std::string_view arrival);
 
 private:
-    void HandleCONN(const std::string& request) override;
-    void HandleHELO(const std::string& request);
-    void HandleMAIL(const std::string& request);
-    void HandleRCPT(const std::string& request);
-    void HandleDATA(const std::string& request);
-    void HandleMESG(const std::string& request);
-    void HandleSEND(const std::string& request);
-    void HandleQUIT(const std::string& request);
+    using Request = frame::Request;
+    using Reply = frame::Reply;
+
+    Reply HandleCONN(const Request& request);
+    Reply HandleHELO(const Request& request);
+    Reply HandleMAIL(const Request& request);
+    Reply HandleRCPT(const Request& request);
+    Reply HandleDATA(const Request& request);
+    Reply HandleMESG(const Request& request);
+    Reply HandleSEND(const Request& request);
+    Reply HandleQUIT(const Request& request);
+
+    // In command mode the whole arrival is one command. In the data phase it is a chunk of message text,
+    // "MESG", or the chunk that ends the data, "SEND", cut after the end mark: what follows the mark in the
+    // same arrival is read next, as a command.
+    Request ReadRequest(std::string& arrival) const;
 
     // Whether the host's credential store holds a user name (a mail reader has fetched mail since start).
     bool CredentialsAvailable() const;
@@ -48,16 +64,9 @@ private:
     // The message/rfc821 text posted for `messageText`: envelope lines, an empty line, the text, ".".
     std::string BuildMessage(const std::string& messageText) const;
 
-    bool DispatchCommand(const std::string& request) override;
-    std::string ExtractCommand(const std::string& text) const override;
-    std::string ExtractArgument(const std::string& text) const override;
-    void ReceiveRequest(const std::string& text) override;
-    void SetServerDefaults() override;
+    // LoggedIn goes with the connection's service client, DataMode with the session.
     void ResetConnectionState() override;
     void ResetSessionState() override;
-
-    // Every word in dispatch order.
-    static const frame::Command<CSmtpServer> kCommands[];
 
     // Sender and recipient as the client wrote them after the colon; kept across transactions and
     // connections until the next MAIL or RCPT.

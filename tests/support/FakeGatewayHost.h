@@ -9,17 +9,13 @@
 
 #include "core/Error.h"
 #include "core/IGatewayHost.h"
+#include "core/Version.h"
 #include "platform/net/SocketControl.h"
 
 namespace tests {
 
 class FakeGatewayHost : public core::IGatewayHost {
 public:
-    FakeGatewayHost() {
-        for (platform::net::SocketControl* control : {&pop3_, &smtp_}) {
-            control->SetUnhandledErrorHandler([this](const core::Error& e) { unhandled.push_back(e); });
-        }
-    }
 
     void WriteLog(const std::string& message) override { log.push_back(message); }
     void ClearLog() override {
@@ -31,7 +27,7 @@ public:
     std::string Password() const override { return password; }
     void SetPassword(const std::string& value) override { password = value; }
     std::string ApplicationName() const override { return "Tarnwick Gateway"; }
-    std::string ApplicationVersion() const override { return "0.2.0"; }
+    std::string ApplicationVersion() const override { return core::Version::kText; }
     core::ISocketControl& WinsockPOP3() override { return pop3_; }
     core::ISocketControl& WinsockSMTP() override { return smtp_; }
     void DoEvents() override { QCoreApplication::processEvents(); }
@@ -43,8 +39,8 @@ public:
     std::vector<core::Error> unhandled;
 
 private:
-    platform::net::SocketControl pop3_;
-    platform::net::SocketControl smtp_;
+    platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
+    platform::net::SocketControl smtp_{[this](const core::Error& e) { unhandled.push_back(e); }};
 };
 
 }  // namespace tests

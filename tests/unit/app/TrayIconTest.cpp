@@ -6,18 +6,14 @@
 namespace {
 
 TEST(TrayIconTest, DoubleClickRestoresAndAClickOnlyWhereThereAreNoDoubleClicks) {
-    struct Case {
-        QSystemTrayIcon::ActivationReason reason;
+    using R = QSystemTrayIcon::ActivationReason;
+    const struct {
+        R reason;
         bool areaReportsDoubleClicks;
         bool restores;
-    };
-    const Case cases[] = {
-        {QSystemTrayIcon::DoubleClick, true, true},   {QSystemTrayIcon::Trigger, true, false},
-        {QSystemTrayIcon::Trigger, false, true},      {QSystemTrayIcon::Context, true, false},
-        {QSystemTrayIcon::Context, false, false},     {QSystemTrayIcon::MiddleClick, true, false},
-        {QSystemTrayIcon::MiddleClick, false, false}, {QSystemTrayIcon::Unknown, false, false},
-    };
-    for (const Case& c : cases) {
+    } cases[] = {{R::DoubleClick, true, true},  {R::Trigger, true, false},      {R::Trigger, false, true},
+                 {R::Context, false, false},    {R::MiddleClick, false, false}, {R::Unknown, false, false}};
+    for (const auto& c : cases) {
         EXPECT_EQ(app::TrayIcon::Restores(c.reason, c.areaReportsDoubleClicks), c.restores)
             << "reason " << c.reason << ", double-clicks reported: " << c.areaReportsDoubleClicks;
     }

@@ -1,78 +1,45 @@
+// Number conversions from protocol text: surrounding spaces, half-to-even rounding, and the errors for text
+// that is not a number (13) or does not fit (6).
 #include <gtest/gtest.h>
 
+#include <cstdint>
+
 #include "core/Convert.h"
-#include "core/Error.h"
+#include "tests/support/RaisedError.h"
 
 namespace {
 
-using core::Error;
+using testing_support::RaisedErrorNumber;
 
-struct Int16Case {
+struct Case {
     const char* text;
-    std::int16_t expected;
+    std::int32_t value;  // when no error
+    std::int32_t error;  // 0: none
 };
 
-class ToInt16Accepts : public ::testing::TestWithParam<Int16Case> {};
-
-TEST_P(ToInt16Accepts, GivesTheRoundedValue) {
-    EXPECT_EQ(core::ToInt16(GetParam().text), GetParam().expected) << "text: [" << GetParam().text << "]";
-}
-
-INSTANTIATE_TEST_SUITE_P(Texts, ToInt16Accepts,
-                         ::testing::Values(Int16Case{"1", 1}, Int16Case{"02", 2}, Int16Case{" 2", 2},
-                                           Int16Case{"2  ", 2}, Int16Case{"-7", -7}, Int16Case{"+3", 3},
-                                           Int16Case{"32767", 32767}, Int16Case{"-32768", -32768}, Int16Case{"2.5", 2},
-                                           Int16Case{"3.5", 4}, Int16Case{"0.5", 0}, Int16Case{"-2.5", -2},
-                                           Int16Case{"1.4", 1}, Int16Case{"1.6", 2}, Int16Case{"1e2", 100},
-                                           Int16Case{".5", 0}));
-
-struct Failure {
-    const char* text;
-    std::int32_t number;
-};
-
-class ToInt16Refuses : public ::testing::TestWithParam<Failure> {};
-
-TEST_P(ToInt16Refuses, WithTheRightError) {
-    try {
-        core::ToInt16(GetParam().text);
-        FAIL() << "no error for [" << GetParam().text << "]";
-    } catch (const Error& e) {
-        EXPECT_EQ(e.Number(), GetParam().number) << "text: [" << GetParam().text << "]";
-        EXPECT_FALSE(e.Description().empty());
+TEST(Convert, ToInt16RoundsHalfToEvenAndRefusesWhatIsNotASixteenBitNumber) {
+    const Case cases[] = {
+        {"1", 1, 0},         {"02", 2, 0},        {" 2", 2, 0},         {"2  ", 2, 0},          {"-7", -7, 0},
+        {"+3", 3, 0},        {"32767", 32767, 0}, {"-32768", -32768, 0}, {"2.5", 2, 0},         {"3.5", 4, 0},
+        {"-2.5", -2, 0},     {"1.6", 2, 0},       {"1e2", 100, 0},      {".5", 0, 0},           {"", 0, 13},
+        {"   ", 0, 13},      {"abc", 0, 13},      {"1a", 0, 13},        {"1 2", 0, 13},         {"--1", 0, 13},
+        {".", 0, 13},        {"1e", 0, 13},       {"32768", 0, 6},      {"-32769", 0, 6},       {"32767.5", 0, 6},
+        {"1e400", 0, 6},
+    };
+    for (const Case& c : cases) {
+        std::int32_t value = 0;
+        EXPECT_EQ(RaisedErrorNumber([&] { value = core::ToInt16(c.text); }), c.error) << "[" << c.text << "]";
+        if (c.error == 0) {
+            EXPECT_EQ(value, c.value) << "[" << c.text << "]";
+        }
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Texts, ToInt16Refuses,
-                         ::testing::Values(Failure{"", 13}, Failure{"   ", 13}, Failure{"abc", 13}, Failure{"1a", 13},
-                                           Failure{"1 2", 13}, Failure{"--1", 13}, Failure{".", 13}, Failure{"1e", 13},
-                                           Failure{"32768", 6}, Failure{"-32769", 6}, Failure{"32767.5", 6},
-                                           Failure{"1e400", 6}));
-
-TEST(ToInt32, CoversTheWiderRangeAndRefusesBeyondIt) {
-    EXPECT_EQ(core::ToInt32("110"), 110);
+TEST(Convert, ToInt32CoversTheThirtyTwoBitRange) {
     EXPECT_EQ(core::ToInt32(" 2147483647 "), 2147483647);
     EXPECT_EQ(core::ToInt32("65536"), 65536);
-    try {
-        core::ToInt32("2147483648");
-        FAIL();
-    } catch (const Error& e) {
-        EXPECT_EQ(e.Number(), 6);
-        EXPECT_EQ(e.Description(), "Overflow");
-    }
-    try {
-        core::ToInt32("pop3");
-        FAIL();
-    } catch (const Error& e) {
-        EXPECT_EQ(e.Number(), 13);
-        EXPECT_EQ(e.Description(), "Type mismatch");
-    }
-}
-
-TEST(RoundToInt32, SumsOfSizesRoundHalfToEven) {
-    EXPECT_EQ(core::RoundToInt32(2030.0), 2030);
-    EXPECT_EQ(core::RoundToInt32(10.5), 10);
-    EXPECT_EQ(core::RoundToInt32(11.5), 12);
+    EXPECT_EQ(RaisedErrorNumber([] { core::ToInt32("2147483648"); }), 6);
+    EXPECT_EQ(RaisedErrorNumber([] { core::ToInt32("pop3"); }), 13);
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "DigestGate.h"
+#include "LoopbackPort.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;
@@ -81,8 +82,5 @@ private:
     std::vector<RecordedRequest> requests_;
     int challenges_ = 0;
 };
-
-// A port on 127.0.0.1 that nothing listens on (bound, then released).
-std::uint16_t ClosedLoopbackPort();
 
 }  // namespace testing_support

@@ -1,4 +1,4 @@
-#include "mailservice/RegionalDateFormat.h"
+#include "platform/regional/RegionalDateFormat.h"
 
 #include <QDate>
 #include <QLocale>
@@ -7,7 +7,7 @@
 
 #include "core/Error.h"
 
-namespace mailservice {
+namespace platform {
 
 std::string RegionalDateFormat::LongTimeFormat() {
     const QString format = QLocale().timeFormat(QLocale::LongFormat);
@@ -43,4 +43,4 @@ std::string RegionalDateFormat::Format(const std::string& dateText) {
         .toStdString();
 }
 
-}  // namespace mailservice
+}  // namespace platform

@@ -50,7 +50,7 @@ inline std::string LoginReply(const std::string& base, const std::vector<std::st
         base + "</D:href>\r\n  <D:propstat>\r\n   <D:prop>\r\n";
     for (std::size_t i = 0; i < props.size(); ++i) {
         const std::string name = "q:p" + std::to_string(i);
-        s += "    <" + name + ">" + props[i] + "</" + name + ">\r\n";
+        s.append("    <").append(name).append(">").append(props[i]).append("</").append(name).append(">\r\n");
     }
     s += "   </D:prop>\r\n   <D:status>HTTP/1.1 200 OK</D:status>\r\n  </D:propstat>\r\n </D:response>\r\n"
          "</D:multistatus>\r\n";

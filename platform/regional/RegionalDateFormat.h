@@ -1,9 +1,10 @@
 // Service date texts ("2002-05-14T10:21:13") in the user's regional forms: short date, a space, long time.
+// The platform's locale settings stay behind this interface (Qt's QLocale today).
 #pragma once
 
 #include <string>
 
-namespace mailservice {
+namespace platform {
 
 class RegionalDateFormat {
 public:
@@ -17,4 +18,4 @@ public:
     static std::string LongTimeFormat();
 };
 
-}  // namespace mailservice
+}  // namespace platform

@@ -5,7 +5,6 @@
 #include <netinet/in.h>
 #include <strings.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -46,7 +45,7 @@ ssize_t BreakOffReader(void* cls, uint64_t pos, char* buf, size_t max) {
     const auto* b = static_cast<BreakOff*>(cls);
     if (pos >= b->body.size()) return MHD_CONTENT_READER_END_WITH_ERROR;
     const size_t n = std::min<size_t>(max, b->body.size() - pos);
-    std::memcpy(buf, b->body.data() + pos, n);
+    b->body.copy(buf, n, pos);
     return static_cast<ssize_t>(n);
 }
 
@@ -190,18 +189,6 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
     const MHD_Result q = MHD_queue_response(connection, static_cast<unsigned>(reply.status), response);
     MHD_destroy_response(response);
     return q == MHD_YES;
-}
-
-std::uint16_t ClosedLoopbackPort() {
-    const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
-    socklen_t len = sizeof addr;
-    ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    ::close(fd);
-    return ntohs(addr.sin_port);
 }
 
 }  // namespace testing_support
