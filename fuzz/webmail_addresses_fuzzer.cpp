@@ -7,14 +7,15 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/MessageSummary.h"
-#include "webmail/ServiceUrls.h"
-#include "webmail/Submission.h"
-#include "webmail/UrlCodec.h"
+#include "webmail/dav/RequestParser.h"
+#include "webmail/dav/UrlCodec.h"
+#include "webmail/text/MailAddress.h"
 
 namespace {
 
 using fuzz::Check;
+using namespace webmail;
+namespace UrlCodec = webmail::dav::UrlCodec;
 
 bool IsHex(char c) { return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F') || (c >= 'a' && c <= 'f'); }
 
@@ -27,9 +28,9 @@ bool IsConfinedName(const std::string& name) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), size);
+    const std::string input(reinterpret_cast<const char*>(data), size);
 
-    const std::string encoded = UrlCodec::encodeSegment(text);
+    const std::string encoded = UrlCodec::EncodeSegment(input);
     for (std::size_t i = 0; i < encoded.size(); ++i) {
         if (encoded[i] == '%') {
             Check(i + 2 < encoded.size() && IsHex(encoded[i + 1]) && IsHex(encoded[i + 2]), "%HH escapes only");
@@ -39,16 +40,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
                   "an encoded segment holds no separator, space, control or 8-bit byte");
         }
     }
-    Check(UrlCodec::decode(encoded) == text, "decoding an encoded segment gives the text back");
-    (void)UrlCodec::decode(text);
+    Check(UrlCodec::Decode(encoded) == input, "decoding an encoded segment gives the input back");
+    (void)UrlCodec::Decode(input);
 
-    if (const auto segments = UrlCodec::splitPath(text)) {
+    if (const auto segments = UrlCodec::SplitPath(input)) {
         for (const std::string& s : *segments) Check(IsConfinedName(s), "path segments stay inside their folder");
     }
-    if (const auto path = UrlCodec::pathOfUrl(text)) Check(path->starts_with("/"), "a URL's path starts with /");
+    if (const auto path = UrlCodec::PathOfUrl(input)) Check(path->starts_with("/"), "a URL's path starts with /");
 
-    const ServiceTarget target = ServiceTarget::parse(text);
-    using Kind = ServiceTarget::Kind;
+    const dav::ServiceTarget target = dav::RequestParser::Target(input);
+    using Kind = dav::ServiceTarget::Kind;
     if (target.kind != Kind::Unknown && target.kind != Kind::Entry) {
         Check(IsConfinedName(target.user), "the account named by a path is one folder name");
     }
@@ -57,8 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     if (target.kind == Kind::Message) Check(IsConfinedName(target.id), "the message id is one file name");
 
-    Check(text.find(Submission::envelopeAddress(text)) != std::string::npos,
-          "an envelope address is cut from its line");
-    (void)MessageSummary::addressOf(text);
+    Check(input.find(text::EnvelopeAddress(input)) != std::string::npos, "an envelope address is cut from its line");
+    (void)text::HeaderAddress(input);
     return 0;
 }

@@ -12,12 +12,15 @@
 #include <filesystem>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/MessageFile.h"
-#include "webmail/MessageSummary.h"
+#include "webmail/dav/ListedMessage.h"
+#include "webmail/store/MessageFile.h"
+#include "webmail/text/MailDate.h"
+#include "webmail/text/Utf8.h"
 
 namespace {
 
 using fuzz::Check;
+using namespace webmail;
 
 // Well-formed UTF-8 (no overlong forms, no surrogates, nothing above U+10FFFF) without C0 controls.
 bool IsCleanText(std::string_view s) {
@@ -57,15 +60,11 @@ bool IsIsoTime(const std::string& t) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string raw(reinterpret_cast<const char*>(data), size);
-    const MessageSummary summary = MessageSummary::parse(raw, 1'000'000'000);
-    for (const std::string* field : {&summary.subject, &summary.from, &summary.to, &summary.fromAddress}) {
-        Check(IsCleanText(*field), "listed header texts are clean UTF-8 without controls");
-    }
-    Check(IsIsoTime(summary.date), "the listed date is YYYY-MM-DDTHH:MM:SS");
-    if (const auto date = MessageSummary::isoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
-    Check(IsCleanText(MessageSummary::cleanText(raw)), "cleanText gives clean UTF-8 without controls");
+    if (const auto date = text::IsoDate(raw)) Check(IsIsoTime(*date), "a read date is YYYY-MM-DDTHH:MM:SS");
+    Check(IsCleanText(text::CleanText(raw)), "CleanText gives clean UTF-8 without controls");
 
-    // Served from the file in small pieces, so that a CR LF made for a bare LF can fall on a piece's edge.
+    // Listed and served from a file, the served text in small pieces, so that a CR LF made for a bare LF can
+    // fall on a piece's edge.
     struct ScratchFile {
         std::filesystem::path path =
             std::filesystem::temp_directory_path() / ("webmail_headers_fuzzer." + std::to_string(::getpid()));
@@ -77,18 +76,24 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         std::fwrite(raw.data(), 1, raw.size(), f);
         std::fclose(f);
     }
-    const std::optional<MessageFile> file = MessageFile::open(path);
+    const std::optional<store::MessageFile> file = store::MessageFile::Open(path);
     Check(file.has_value(), "a regular message file opens");
+    const dav::ListedMessage listed = dav::ListedMessage::Read(store::MaildirEntry{"1.a.host", path, ""}, *file);
+    for (const std::string* field : {&listed.subject, &listed.from, &listed.to, &listed.fromAddress}) {
+        Check(IsCleanText(*field), "listed header texts are clean UTF-8 without controls");
+    }
+    Check(IsIsoTime(listed.date), "the listed date is YYYY-MM-DDTHH:MM:SS");
     std::string served;
     std::uint64_t offset = 0;
     bool lastCr = false;
     char piece[7];
-    for (long n; (n = file->readServed(offset, lastCr, piece, sizeof piece)) > 0;) served.append(piece, n);
+    for (long n; (n = file->ReadServed(offset, lastCr, piece, sizeof piece)) > 0;) served.append(piece, n);
     std::string expected;
     for (std::size_t i = 0; i < raw.size(); ++i) {
         if (raw[i] == '\n' && (i == 0 || raw[i - 1] != '\r')) expected += '\r';
         expected += raw[i];
     }
     Check(served == expected, "serving adds one CR before each bare LF and nothing else");
+    Check(listed.size == served.size(), "the listed size is the size served");
     return 0;
 }

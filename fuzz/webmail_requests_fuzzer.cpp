@@ -19,15 +19,16 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
-#include "webmail/DavService.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/Submission.h"
+#include "webmail/dav/Router.h"
+#include "webmail/store/MaildirStore.h"
+#include "webmail/store/Submission.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
 using fuzz::Check;
+using namespace webmail;
 
 constexpr const char* kAnnMessages[] = {"1600000000.M1P1Q1.fuzz", "1600000060.M2P1Q1.fuzz"};
 constexpr const char* kBobMessage = "1600000120.M3P1Q1.fuzz";
@@ -63,13 +64,13 @@ public:
     }
 
     // A fresh store whenever a request has moved or flagged ann's mail.
-    DavService& Service() {
+    dav::Router& Router() {
         if (CountFiles(Store() / "ann") != 2 || CountFiles(Store() / "ann" / ".Deleted Items") != 0 ||
             !fs::exists(Store() / "ann" / "new" / kAnnMessages[0]) ||
             !fs::exists(Store() / "ann" / "new" / kAnnMessages[1])) {
             Rebuild();
         }
-        return *service_;
+        return *router_;
     }
 
     void CheckOthersUntouched() const {
@@ -84,24 +85,24 @@ private:
     fs::path Store() const { return top_ / "store"; }
 
     void Rebuild() {
-        service_.reset();
+        router_.reset();
         store_.reset();
         fs::remove_all(Store());
         fs::create_directories(Store());
         WriteFile(top_ / "outside", "outside");
-        store_ = std::make_unique<MaildirStore>(Store());
-        store_->addUser("ann", "pw");
-        store_->addUser("bob", "pw");
+        store_ = std::make_unique<store::MaildirStore>(Store());
+        store_->AddUser("ann", "pw");
+        store_->AddUser("bob", "pw");
         for (const char* name : kAnnMessages) WriteFile(Store() / "ann" / "new" / name, kMessageText);
         WriteFile(Store() / "bob" / "new" / kBobMessage, kMessageText);
         passwd_ = ReadFile(Store() / "passwd");
-        service_ = std::make_unique<DavService>(*store_, "tarnwick.local");
+        router_ = std::make_unique<dav::Router>(*store_, "tarnwick.local");
     }
 
     fs::path top_;
     std::string passwd_;
-    std::unique_ptr<MaildirStore> store_;
-    std::unique_ptr<DavService> service_;
+    std::unique_ptr<store::MaildirStore> store_;
+    std::unique_ptr<dav::Router> router_;
 };
 
 }  // namespace
@@ -110,7 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static Fixture fixture;
     FuzzedDataProvider input(data, size);
     static constexpr const char* kMethods[] = {"PROPPATCH", "BMOVE", "PROPFIND"};
-    DavRequest request;
+    dav::DavRequest request;
     request.method = kMethods[input.ConsumeIntegralInRange<int>(0, 2)];
     request.path = input.ConsumeRandomLengthString();
     request.destination = input.ConsumeRandomLengthString();
@@ -124,14 +125,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         request.body = rest;
     }
 
-    const DavReply reply = fixture.Service().handle(request);
+    const dav::DavReply reply = fixture.Router().Handle(request);
     Check(reply.status >= 200 && reply.status <= 599, "a reply has an HTTP status");
     Check(!reply.davError.empty() && reply.davError.find_first_of("\r\n") == std::string::npos,
           "X-Dav-Error is one header line");
     fixture.CheckOthersUntouched();
 
     std::string error;
-    if (const auto submission = Submission::parse(rest, error)) {
+    if (const auto submission = store::Submission::Parse(rest, error)) {
         Check(!submission->recipients.empty(), "a submission has a recipient");
     } else {
         Check(!error.empty(), "a refused submission says why");

@@ -4,10 +4,12 @@
 #include <optional>
 #include <stdexcept>
 
+namespace webmail {
+
 namespace {
 
 // A decimal number of at most maxDigits ASCII digits (std::from_chars ignores the locale), or nullopt.
-std::optional<std::uint64_t> decimal(const std::string& text, std::size_t maxDigits) {
+std::optional<std::uint64_t> Decimal(const std::string& text, std::size_t maxDigits) {
     std::uint64_t value = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
     if (text.empty() || text.size() > maxDigits || error != std::errc() || end != text.data() + text.size()) {
@@ -16,15 +18,15 @@ std::optional<std::uint64_t> decimal(const std::string& text, std::size_t maxDig
     return value;
 }
 
-std::uint16_t parsePort(const std::string& text) {
-    const auto port = decimal(text, 5);
+std::uint16_t ParsePort(const std::string& text) {
+    const auto port = Decimal(text, 5);
     if (!port) throw std::invalid_argument("--listen: port must be a number from 0 to 65535, got \"" + text + "\"");
     if (*port > 65535) throw std::invalid_argument("--listen: port must be from 0 to 65535, got " + text);
     return static_cast<std::uint16_t>(*port);
 }
 
-std::size_t parseSize(const std::string& text) {
-    const auto size = decimal(text, 12);
+std::size_t ParseSize(const std::string& text) {
+    const auto size = Decimal(text, 12);
     if (!size) throw std::invalid_argument("--max-message-size: expected a number of bytes, got \"" + text + "\"");
     if (*size < 1024) throw std::invalid_argument("--max-message-size: at least 1024 bytes");
     return static_cast<std::size_t>(*size);
@@ -32,7 +34,7 @@ std::size_t parseSize(const std::string& text) {
 
 }  // namespace
 
-CommandLine CommandLine::parse(const std::vector<std::string>& args) {
+CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
     CommandLine line;
     for (std::size_t i = 0; i < args.size(); ++i) {
         const std::string& arg = args[i];
@@ -52,7 +54,7 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
             }
             line.server.address = listen.substr(0, colon);
             if (line.server.address == "localhost") line.server.address = "127.0.0.1";
-            line.server.port = parsePort(listen.substr(colon + 1));
+            line.server.port = ParsePort(listen.substr(colon + 1));
         } else if (arg == "--domain") {
             line.server.domain = value("a domain name");
             if (line.server.domain.empty() || line.server.domain.find_first_of(" @<>\t\r\n") != std::string::npos) {
@@ -61,11 +63,11 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
         } else if (arg == "--auth") {
             const std::string& mode = value("basic, digest or any");
             if (mode == "basic") {
-                line.server.auth = WebmailServer::AuthMode::Basic;
+                line.server.auth = dav::HttpServer::AuthMode::Basic;
             } else if (mode == "digest") {
-                line.server.auth = WebmailServer::AuthMode::Digest;
+                line.server.auth = dav::HttpServer::AuthMode::Digest;
             } else if (mode == "any") {
-                line.server.auth = WebmailServer::AuthMode::Any;
+                line.server.auth = dav::HttpServer::AuthMode::Any;
             } else {
                 throw std::invalid_argument("--auth: expected basic, digest or any, got \"" + mode + "\"");
             }
@@ -75,7 +77,7 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
         } else if (arg == "--demo") {
             line.demo = true;
         } else if (arg == "--max-message-size") {
-            line.server.maxBodySize = parseSize(value("a number of bytes"));
+            line.server.maxBodySize = ParseSize(value("a number of bytes"));
         } else {
             throw std::invalid_argument("unknown option \"" + arg + "\" (see --help)");
         }
@@ -84,7 +86,7 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args) {
     return line;
 }
 
-std::string CommandLine::usage() {
+std::string CommandLine::Usage() {
     return R"(Usage: tarnwick-webmail --store DIR [options]
 
 A small local web mail service over a Maildir store, speaking the WebDAV mail
@@ -111,3 +113,5 @@ Every request is logged on standard error: method, path, status, bytes, user.
 SIGINT or SIGTERM stops the service.
 )";
 }
+
+}  // namespace webmail

@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "webmail/WebmailServer.h"
+#include "webmail/dav/HttpServer.h"
+
+namespace webmail {
 
 struct CommandLine {
     std::string store;                   // --store DIR (required)
-    WebmailServer::Options server;       // --listen, --domain, --auth, --max-message-size
+    dav::HttpServer::Options server;     // --listen, --domain, --auth, --max-message-size
     std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
     std::string addUserPassword;         //                           password
     bool demo = false;                   // --demo
@@ -18,7 +20,9 @@ struct CommandLine {
 
     // Reads the arguments (without the program name); throws std::invalid_argument with a message
     // fit for the user on anything wrong.
-    static CommandLine parse(const std::vector<std::string>& args);
+    static CommandLine Parse(const std::vector<std::string>& args);
     // The --help text.
-    static std::string usage();
+    static std::string Usage();
 };
+
+}  // namespace webmail

@@ -6,31 +6,32 @@
 #include <stdexcept>
 
 #include "webmail/CommandLine.h"
-#include "webmail/DemoMail.h"
-#include "webmail/MaildirStore.h"
-#include "webmail/WebmailServer.h"
+#include "webmail/dav/HttpServer.h"
+#include "webmail/store/DemoMail.h"
+#include "webmail/store/MaildirStore.h"
 
 int main(int argc, char** argv) {
+    using webmail::CommandLine;
     CommandLine line;
     try {
-        line = CommandLine::parse(std::vector<std::string>(argv + 1, argv + argc));
+        line = CommandLine::Parse(std::vector<std::string>(argv + 1, argv + argc));
     } catch (const std::invalid_argument& e) {
         std::cerr << "tarnwick-webmail: " << e.what() << "\n";
         return 2;
     }
     if (line.help) {
-        std::cout << CommandLine::usage();
+        std::cout << CommandLine::Usage();
         return 0;
     }
     try {
         std::filesystem::create_directories(line.store);
-        MaildirStore store(line.store);
+        webmail::store::MaildirStore store(line.store);
         if (line.addUser) {
-            store.addUser(*line.addUser, line.addUserPassword);
-            std::cout << "account " << *line.addUser << " ready in " << (store.root() / *line.addUser).string() << "\n";
+            store.AddUser(*line.addUser, line.addUserPassword);
+            std::cout << "account " << *line.addUser << " ready in " << (store.Root() / *line.addUser).string() << "\n";
             return 0;
         }
-        if (line.demo && DemoMail::ensure(store, line.server.domain)) {
+        if (line.demo && webmail::store::DemoMail::Ensure(store, line.server.domain)) {
             std::cerr << "created demo account \"demo\" (password \"demo\")\n";
         }
 
@@ -41,13 +42,13 @@ int main(int argc, char** argv) {
         sigaddset(&stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
-        WebmailServer server(store, line.server);
-        server.start();
-        std::cout << "listening on " << line.server.address << ":" << std::to_string(server.port()) << std::endl;
+        webmail::dav::HttpServer server(store, line.server);
+        server.Start();
+        std::cout << "listening on " << line.server.address << ":" << std::to_string(server.Port()) << std::endl;
         int received = 0;
         sigwait(&stopSignals, &received);
         std::cerr << "stopping on signal " << std::to_string(received) << "\n";
-        server.stop();
+        server.Stop();
         return 0;
     } catch (const std::exception& e) {
         std::cerr << "tarnwick-webmail: " << e.what() << "\n";

@@ -1,38 +1,40 @@
 // The Digest check: RFC 2617's worked example, and the answers to right, wrong, forged and expired credentials.
 #include <gtest/gtest.h>
 
-#include "webmail/DigestAuth.h"
+#include "webmail/dav/DigestAuth.h"
 
 namespace {
+
+using webmail::dav::DigestAuth;
 
 constexpr std::int64_t kNow = 1'800'000'000;
 constexpr unsigned kLifetime = 300;
 
 TEST(DigestAuthTest, RfcExampleGivesItsResponseWhateverTheSchemeCase) {
     for (const char* scheme : {"Digest", "digest", "DIGEST"}) {
-        const auto credentials = DigestAuth::parse(
+        const auto credentials = DigestAuth::Parse(
             std::string(scheme) +
             R"( username="Mufasa", realm="testrealm@host.com", nonce="dcd98b7102dd2f0e8b11d0f600bfb0c093",)"
             R"( uri="/dir/index.html", qop=auth, nc=00000001, cnonce="0a4f113b",)"
             R"( response="6629fae49393a05397450978507c4ef1", opaque="5ccc069c403ebaf9f0171e9517f40e41")");
         ASSERT_TRUE(credentials) << scheme;
         EXPECT_EQ(credentials->username, "Mufasa");
-        EXPECT_EQ(DigestAuth::expectedResponse(*credentials, "GET", "Circle Of Life"), credentials->response);
+        EXPECT_EQ(DigestAuth::ExpectedResponse(*credentials, "GET", "Circle Of Life"), credentials->response);
     }
     // Quoted strings keep what their backslashes escape; a missing field or a broken list is no credential.
-    EXPECT_EQ(DigestAuth::parse(R"(Digest username="a\"b\\c",realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c)")
+    EXPECT_EQ(DigestAuth::Parse(R"(Digest username="a\"b\\c",realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c)")
                   ->username,
               "a\"b\\c");
     for (const char* bad : {"Digest username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1",
                             "Digest username=\"a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
                             "Digest username=a realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
                             "Basic username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c"}) {
-        EXPECT_FALSE(DigestAuth::parse(bad)) << bad;
+        EXPECT_FALSE(DigestAuth::Parse(bad)) << bad;
     }
 }
 
 // An Authorization value answering challenge (its nonce) the way a client does.
-std::string answer(const std::string& challenge, const std::string& scheme, const std::string& password,
+std::string Answer(const std::string& challenge, const std::string& scheme, const std::string& password,
                    const std::string& uri, const std::string& nc = "00000001") {
     const std::size_t start = challenge.find("nonce=\"") + 7;
     DigestAuth::Credentials c{
@@ -40,7 +42,7 @@ std::string answer(const std::string& challenge, const std::string& scheme, cons
         "",     ""};
     return scheme + " username=\"demo\", realm=\"realm\", nonce=\"" + c.nonce + "\", uri=\"" + uri +
            "\", qop=auth, nc=" + nc + ", cnonce=\"0a4f113b\", opaque=\"op\", response=\"" +
-           DigestAuth::expectedResponse(c, "PROPFIND", password) + "\"";
+           DigestAuth::ExpectedResponse(c, "PROPFIND", password) + "\"";
 }
 
 TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
@@ -48,12 +50,12 @@ TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
     const auto lookup = [](const std::string& user) {
         return user == "demo" ? std::optional<std::string>("secret") : std::nullopt;
     };
-    const std::string challenge = auth.challenge(false, kNow);
+    const std::string challenge = auth.Challenge(false, kNow);
     EXPECT_TRUE(challenge.starts_with(R"(Digest realm="realm", qop="auth", algorithm=MD5, nonce=")")) << challenge;
     EXPECT_TRUE(challenge.ends_with(R"(", opaque="op")")) << challenge;
-    EXPECT_TRUE(auth.challenge(true, kNow).ends_with(", stale=true"));
+    EXPECT_TRUE(auth.Challenge(true, kNow).ends_with(", stale=true"));
 
-    std::string forged = answer(challenge, "Digest", "secret", "/a");
+    std::string forged = Answer(challenge, "Digest", "secret", "/a");
     forged[forged.find("nonce=\"") + 10] ^= 1;  // a digit of the issue time
     using O = DigestAuth::Outcome;
     const struct {
@@ -61,34 +63,37 @@ TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
         std::string authorization;
         std::int64_t now;
         O outcome;
+        const char* target = "/a";  // the address the request went to
     } cases[] = {
-        {"right", answer(challenge, "Digest", "secret", "/a"), kNow + 1, O::Accepted},
-        {"lower-case scheme, same nonce, next nc", answer(challenge, "digest", "secret", "/a", "00000002"), kNow,
+        {"right", Answer(challenge, "Digest", "secret", "/a"), kNow + 1, O::Accepted},
+        {"lower-case scheme, same nonce, next nc", Answer(challenge, "digest", "secret", "/a", "00000002"), kNow,
          O::Accepted},
-        {"nc replayed", answer(challenge, "Digest", "secret", "/a", "00000002"), kNow, O::Refused},
-        {"wrong password", answer(challenge, "Digest", "wrong", "/a", "00000003"), kNow, O::Refused},
-        {"uri of another request", answer(challenge, "Digest", "secret", "/b", "00000003"), kNow, O::Refused},
+        {"nc replayed", Answer(challenge, "Digest", "secret", "/a", "00000002"), kNow, O::Refused},
+        {"wrong password", Answer(challenge, "Digest", "wrong", "/a", "00000003"), kNow, O::Refused},
+        {"uri of another request", Answer(challenge, "Digest", "secret", "/b", "00000003"), kNow, O::Refused},
+        {"same nonce on another address", Answer(challenge, "Digest", "secret", "/c", "00000003"), kNow, O::Accepted,
+         "/c"},
         {"forged nonce", forged, kNow, O::Refused},
-        {"expired nonce", answer(challenge, "Digest", "secret", "/a", "00000003"), kNow + kLifetime + 1, O::Stale},
-        {"expired nonce, wrong password", answer(challenge, "Digest", "wrong", "/a", "00000003"), kNow + kLifetime + 1,
+        {"expired nonce", Answer(challenge, "Digest", "secret", "/a", "00000004"), kNow + kLifetime + 1, O::Stale},
+        {"expired nonce, wrong password", Answer(challenge, "Digest", "wrong", "/a", "00000004"), kNow + kLifetime + 1,
          O::Refused},
     };
     for (const auto& c : cases) {
-        const auto result = auth.check(c.authorization, "PROPFIND", "/a", lookup, c.now);
+        const auto result = auth.Check(c.authorization, "PROPFIND", c.target, lookup, c.now);
         EXPECT_EQ(result.outcome, c.outcome) << c.what;
         EXPECT_EQ(result.user, c.outcome == O::Accepted ? "demo" : "") << c.what;
     }
     // Once more nonces are in use than are tracked, the older ones are answered stale, never replayable.
     for (int i = 0; i < 4; ++i) {
         EXPECT_EQ(
-            auth.check(answer(auth.challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
+            auth.Check(Answer(auth.Challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
                 .outcome,
             i < 3 ? O::Accepted : O::Stale);
     }
     EXPECT_EQ(
-        auth.check(answer(challenge, "Digest", "secret", "/a", "00000009"), "PROPFIND", "/a", lookup, kNow).outcome,
+        auth.Check(Answer(challenge, "Digest", "secret", "/a", "00000009"), "PROPFIND", "/a", lookup, kNow).outcome,
         O::Stale);
-    EXPECT_EQ(auth.check(answer(auth.challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
+    EXPECT_EQ(auth.Check(Answer(auth.Challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow)
                   .outcome,
               O::Accepted);
 }

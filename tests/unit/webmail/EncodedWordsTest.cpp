@@ -3,15 +3,17 @@
 
 #include <algorithm>
 
-#include "webmail/EncodedWords.h"
-#include "webmail/MessageSummary.h"
+#include "webmail/dav/EncodedWords.h"
+#include "webmail/text/Utf8.h"
 
 namespace {
 
-int hexValue(char c) { return c <= '9' ? c - '0' : c - 'A' + 10; }
+using webmail::dav::EncodedWords;
+
+int HexValue(char c) { return c <= '9' ? c - '0' : c - 'A' + 10; }
 
 // What a mail reader shows for `header`: encoded-words decoded, the blanks between two of them dropped.
-std::string decoded(const std::string& header) {
+std::string Decoded(const std::string& header) {
     std::string out;
     std::string pendingBlank;
     bool lastWasEncoded = false;
@@ -33,7 +35,7 @@ std::string decoded(const std::string& header) {
                 if (word[k] == '_') {
                     out += ' ';
                 } else if (word[k] == '=') {
-                    out += static_cast<char>(hexValue(word[k + 1]) * 16 + hexValue(word[k + 2]));
+                    out += static_cast<char>(HexValue(word[k + 1]) * 16 + HexValue(word[k + 2]));
                     k += 2;
                 } else {
                     out += word[k];
@@ -67,6 +69,8 @@ TEST(EncodedWordsTest, FromTextBecomesPrintableAsciiThatDecodesToTheSameText) {
          "=?UTF-8?Q?J=C3=BCrgen?= =?UTF-8?Q?_M=C3=BCller?= <m@x.org>"},
         {"and the blank before one",
          "M\xC3\xBCller =?UTF-8?Q?J=C3=BCrgen?=", "=?UTF-8?Q?M=C3=BCller_?= =?UTF-8?Q?J=C3=BCrgen?="},
+        {"an encoded surrogate and a cut-off sequence are Latin-1 too", "\xED\xA0\x80 \xC3",
+         "=?UTF-8?Q?=C3=AD=C2=A0=C2=80_=C3=83?="},
         {"controls become spaces, surrounding blanks go", "\t Ann\tExample\x01<a@x.org>\r\n", "Ann Example <a@x.org>"},
         {"a quoted name with 8-bit bytes is encoded whole, quotes and specials too", "\"Zo\xC3\xAB, QA\" <z@x.org>",
          "=?UTF-8?Q?=22Zo=C3=AB=2C_QA=22?= <z@x.org>"},
@@ -79,7 +83,7 @@ TEST(EncodedWordsTest, FromTextBecomesPrintableAsciiThatDecodesToTheSameText) {
          "=?UTF-8?Q?=E3=81=93=E3=82=93_=F0=9F=98=80?= <k@x.org>"},
     };
     for (const auto& c : cases) {
-        const std::string got = EncodedWords::encode(c.from);
+        const std::string got = EncodedWords::Encode(c.from);
         if (!c.expected.empty() || c.from.empty()) {
             EXPECT_EQ(got, c.expected) << c.name;
         }
@@ -90,18 +94,18 @@ TEST(EncodedWordsTest, FromTextBecomesPrintableAsciiThatDecodesToTheSameText) {
             EXPECT_LE(i - wordStart, EncodedWords::kMaxWordLength) << c.name << ": " << got;
             wordStart = i + 1;
         }
-        EXPECT_EQ(decoded(got), decoded(MessageSummary::cleanText(c.from))) << c.name << ": " << got;
+        EXPECT_EQ(Decoded(got), Decoded(webmail::text::CleanText(c.from))) << c.name << ": " << got;
     }
 }
 
 TEST(EncodedWordsTest, LongRunsSplitIntoWordsThatKeepEachCharacterWhole) {
     std::string name;
     for (int i = 0; i < 40; ++i) name += "\xC3\xA9";  // forty e-acute, 240 characters once encoded
-    const std::string got = EncodedWords::encode(name);
+    const std::string got = EncodedWords::Encode(name);
     EXPECT_EQ(got.substr(0, 12), "=?UTF-8?Q?=C");
     EXPECT_EQ(got.find("=C3?="), std::string::npos) << got;
     EXPECT_GE(std::count(got.begin(), got.end(), ' '), 3) << got;
-    EXPECT_EQ(decoded(got), name);
+    EXPECT_EQ(Decoded(got), name);
 }
 
 }  // namespace

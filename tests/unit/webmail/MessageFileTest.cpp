@@ -6,25 +6,26 @@
 #include <fstream>
 
 #include "tests/unit/webmail/TempDir.h"
-#include "webmail/MessageFile.h"
+#include "webmail/store/MessageFile.h"
 
 namespace fs = std::filesystem;
+using webmail::store::MessageFile;
 
 namespace {
 
 class MessageFileTest : public ::testing::Test {
 protected:
-    fs::path write(const std::string& name, const std::string& bytes) {
-        const fs::path path = dir.path() / name;
+    fs::path Write(const std::string& name, const std::string& bytes) {
+        fs::path path = dir.path() / name;
         std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
         return path;
     }
-    // Everything readServed gives, asked for at most `capacity` bytes at a time.
-    static std::string served(const MessageFile& file, std::size_t capacity) {
+    // Everything ReadServed gives, asked for at most `capacity` bytes at a time.
+    static std::string Served(const MessageFile& file, std::size_t capacity) {
         std::string out, piece(capacity, '\0');
         std::uint64_t offset = 0;
         bool lastCr = false;
-        while (const long n = file.readServed(offset, lastCr, piece.data(), capacity)) {
+        while (const long n = file.ReadServed(offset, lastCr, piece.data(), capacity)) {
             if (n < 0) ADD_FAILURE() << "read error";
             if (n <= 0) break;
             out.append(piece, 0, static_cast<std::size_t>(n));
@@ -51,33 +52,29 @@ TEST_F(MessageFileTest, ServesEveryBareLfAsCrLfWithTheListedSizeWhateverThePiece
     };
     int n = 0;
     for (const auto& [raw, expected] : cases) {
-        const auto file = MessageFile::open(write("m" + std::to_string(++n), raw));
+        const auto file = MessageFile::Open(Write("m" + std::to_string(++n), raw));
         ASSERT_TRUE(file);
-        const MessageFile::Facts facts = file->facts();
+        const MessageFile::Facts facts = file->ReadFacts();
         EXPECT_EQ(facts.servedSize, expected.size()) << n;
         EXPECT_EQ(facts.bareLf, raw != expected) << n;
-        for (std::size_t capacity : {2u, 3u, 7u, 65536u}) EXPECT_EQ(served(*file, capacity), expected) << n;
+        for (std::size_t capacity : {2u, 3u, 7u, 65536u}) EXPECT_EQ(Served(*file, capacity), expected) << n;
     }
 }
 
 TEST_F(MessageFileTest, FactsFollowARewrittenFile) {
-    const fs::path path = write("m", "a\r\nb\r\n");
-    EXPECT_FALSE(MessageFile::open(path)->facts().bareLf);
-    write("m", "a\nb\nc\n");
-    const auto facts = MessageFile::open(path)->facts();
-    EXPECT_TRUE(facts.bareLf);
-    EXPECT_EQ(facts.servedSize, 9u);
+    EXPECT_FALSE(MessageFile::Open(Write("m", "a\r\nb\r\n"))->ReadFacts().bareLf);
+    EXPECT_EQ(MessageFile::Open(Write("m", "a\nb\nc\n"))->ReadFacts().servedSize, 9u);
 }
 
 TEST_F(MessageFileTest, OpensOnlyRegularFilesNeverThroughALink) {
-    const fs::path target = write("target", "Subject: secret\r\n\r\n");
+    const fs::path target = Write("target", "Subject: secret\r\n\r\n");
     fs::create_symlink(target, dir.path() / "link");
     fs::create_directory(dir.path() / "folder");
     ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opening it must not wait for a writer
     for (const char* name : {"link", "folder", "fifo", "missing"}) {
-        EXPECT_FALSE(MessageFile::open(dir.path() / name)) << name;
+        EXPECT_FALSE(MessageFile::Open(dir.path() / name)) << name;
     }
-    EXPECT_TRUE(MessageFile::open(target));
+    EXPECT_TRUE(MessageFile::Open(target));
 }
 
 TEST_F(MessageFileTest, HeaderEndsAtTheEmptyLineEvenAcrossReads) {
@@ -93,9 +90,9 @@ TEST_F(MessageFileTest, HeaderEndsAtTheEmptyLineEvenAcrossReads) {
         const std::string field = "X-Long: " + std::string(length, 'h') + "\r\n";
         cases.emplace_back(field + "\r\nbody", field + "\r\n");
     }
-    for (const auto& [raw, header] : cases) EXPECT_EQ(MessageFile::open(write("m", raw))->header(), header);
+    for (const auto& [raw, header] : cases) EXPECT_EQ(MessageFile::Open(Write("m", raw))->Header(), header);
     const std::string huge = "X: " + std::string(MessageFile::kHeaderLimit * 2, 'h');
-    EXPECT_EQ(MessageFile::open(write("m", huge))->header().size(), MessageFile::kHeaderLimit);
+    EXPECT_EQ(MessageFile::Open(Write("m", huge))->Header().size(), MessageFile::kHeaderLimit);
 }
 
 TEST_F(MessageFileTest, AttachmentLineIsFoundAtALineStartAnywhereInTheFile) {
@@ -107,7 +104,7 @@ TEST_F(MessageFileTest, AttachmentLineIsFoundAtALineStartAnywhereInTheFile) {
         {"Content-Disposition: inline\r\n", false},
     };
     for (const auto& [raw, attached] : cases) {
-        EXPECT_EQ(MessageFile::open(write("m", raw))->facts().attachmentLine, attached) << raw.substr(0, 40);
+        EXPECT_EQ(MessageFile::Open(Write("m", raw))->ReadFacts().attachmentLine, attached) << raw.substr(0, 40);
     }
 }
 

@@ -1,0 +1,69 @@
+// What the service reads from a request before it touches the store: paths and Basic credentials.
+#include <gtest/gtest.h>
+
+#include <tuple>
+
+#include "webmail/dav/BasicCredentials.h"
+#include "webmail/dav/RequestParser.h"
+#include "webmail/dav/ServiceUrls.h"
+#include "webmail/dav/UrlCodec.h"
+
+namespace {
+
+using namespace webmail::dav;
+
+TEST(RequestParserTest, PathsThatCouldLeaveTheTreeAreRefused) {
+    for (const char* bad : {"", "relative", "/a/../b", "/a/./b", "/a//b", "/a/%2e%2E/b", "/a/b%2Fc", "/a/b%2fc",
+                            "/a/%5c", "/a/%00", "/a/%zz", "/a/%4"}) {
+        EXPECT_FALSE(UrlCodec::SplitPath(bad)) << bad;
+    }
+    EXPECT_EQ(UrlCodec::SplitPath("/mail/ann/folders/Sent%20Items/"),
+              (std::vector<std::string>{"mail", "ann", "folders", "Sent Items"}));
+}
+
+TEST(RequestParserTest, AddressesOfTheSchemeAreRecognised) {
+    using K = ServiceTarget::Kind;
+    const ServiceUrls urls{"http://h:1", "ann"};
+    const std::vector<std::pair<std::string, K>> cases = {
+        {urls.Entry(), K::Entry},
+        {urls.FolderRoot(), K::FolderRoot},
+        {urls.Folder("Sent Items"), K::Folder},
+        {urls.Message("INBOX", "1.a"), K::Message},
+        {urls.SendMessage(), K::SendMessage},
+        {urls.Contacts(), K::Contacts},
+        {urls.AdBar(), K::AdBar},
+        {"http://h:1/mail/ann/", K::Unknown},
+        {"http://h:1/mail/ann/folders/INBOX/1.a/x", K::Unknown},
+        {"http://h:1/svcs/hotmail/other.asp", K::Unknown},
+    };
+    for (const auto& [url, kind] : cases) EXPECT_EQ(RequestParser::Target(*UrlCodec::PathOfUrl(url)).kind, kind) << url;
+    const auto m = RequestParser::Destination(" " + urls.Message("Sent Items", "1.a:b") + "?q=1\r\n");
+    ASSERT_TRUE(m);
+    EXPECT_EQ(m->user, "ann");
+    EXPECT_EQ(m->folder, "Sent Items");
+    EXPECT_EQ(m->id, "1.a:b");
+}
+
+TEST(RequestParserTest, BasicCredentialsSchemeInAnyCaseStrictBase64AndNoControlCharacters) {
+    const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
+        {"Basic ZGVtbzpkZW1v", "demo", "demo"},
+        {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
+        {"basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
+    };
+    for (const auto& [header, name, password] : accepted) {
+        const auto c = BasicCredentials::Parse(header);
+        ASSERT_TRUE(c) << header;
+        EXPECT_EQ(c->name, name) << header;
+        EXPECT_EQ(c->password, password) << header;
+    }
+    for (const char* header : {"Basic ZGVtbzpkZW1vAGp1bms=",  // "demo:demo\0junk"
+                               "Basic ZGVtbzpkZQ1tbw==",      // "demo:de\rmo"
+                               "Basic ZGV/bW86ZGVtbw==",      // "de\x7Fmo:demo"
+                               "Basic ZGVtb2RlbW8=",          // no colon
+                               "Basic ZGVtbzpkZW1v=", "Basic ZGVt*zpkZW1v", "Basic ZGVt bzpkZW1v", "Basic",
+                               "BasicZGVtbzpkZW1v", "Digest username=\"demo\"", ""}) {
+        EXPECT_FALSE(BasicCredentials::Parse(header)) << header;
+    }
+}
+
+}  // namespace

@@ -1,0 +1,291 @@
+#include "webmail/dav/HttpServer.h"
+
+#include <arpa/inet.h>
+#include <microhttpd.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <stdexcept>
+
+#include "core/Ascii.h"
+#include "webmail/dav/BasicCredentials.h"
+#include "webmail/text/Hex.h"
+
+namespace webmail::dav {
+
+namespace {
+
+// Seconds a Digest nonce stays valid, and how many nonces have their last nc remembered at once.
+constexpr unsigned kNonceTimeoutSeconds = 300;
+constexpr unsigned kNonceSlots = 1024;
+// The opaque value of the Digest challenge, echoed by clients.
+constexpr const char* kOpaque = "tarnwick";
+// Seconds an idle connection is kept.
+constexpr unsigned kConnectionTimeoutSeconds = 60;
+constexpr unsigned kWorkerThreads = 4;
+// Bytes of a converted message handed to libmicrohttpd at a time.
+constexpr std::size_t kServeBlock = std::size_t{64} * 1024;
+
+// Body collected for one request, kept across the calls libmicrohttpd makes while the body arrives.
+struct Pending {
+    std::string body;
+    bool tooLarge = false;
+};
+
+std::optional<std::string> Header(MHD_Connection* connection, const char* name) {
+    const char* value = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, name);
+    if (value == nullptr) return std::nullopt;
+    return std::string(value);
+}
+
+// Log text for something a client sent: printable ASCII only.
+std::string Printable(const std::string& text) {
+    std::string out;
+    for (char c : text.substr(0, 200)) out += (c > 0x20 && c < 0x7F) ? c : '?';
+    return out.empty() ? "-" : out;
+}
+
+// Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
+size_t KeepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
+
+// A message file with bare LF line ends on its way out: where the next read continues.
+struct ConvertingReader {
+    std::shared_ptr<const store::MessageFile> file;
+    std::uint64_t offset = 0;
+    bool lastCr = false;
+};
+
+// Serves a file whose line ends are all CR LF straight from its descriptor (libmicrohttpd may use sendfile).
+MHD_Response* FileResponse(const store::MessageFile& file) {
+    const int fd = ::dup(file.Fd());
+    if (fd < 0) return nullptr;
+    MHD_Response* response = MHD_create_response_from_fd64(file.Size(), fd);
+    if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// Serves a file with bare LF line ends, converted piece by piece; servedSize is exact, so the reply carries
+// a Content-Length as any other.
+MHD_Response* ConvertingResponse(std::shared_ptr<const store::MessageFile> file, std::uint64_t servedSize) {
+    auto* reader = new ConvertingReader{std::move(file)};
+    MHD_Response* response = MHD_create_response_from_callback(
+        servedSize, kServeBlock,
+        [](void* cls, std::uint64_t, char* out, std::size_t max) -> ssize_t {
+            auto* r = static_cast<ConvertingReader*>(cls);
+            const long n = r->file->ReadServed(r->offset, r->lastCr, out, max);
+            // A file that shrank or cannot be read ends the reply short; the client sees a broken transfer.
+            return n > 0 ? n : MHD_CONTENT_READER_END_WITH_ERROR;
+        },
+        reader, [](void* cls) { delete static_cast<ConvertingReader*>(cls); });
+    if (response == nullptr) delete reader;
+    return response;
+}
+
+// The client's IPv4 address as text, or empty.
+std::string ClientAddress(MHD_Connection* connection) {
+    const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    if (info == nullptr || info->client_addr == nullptr || info->client_addr->sa_family != AF_INET) return {};
+    char text[INET_ADDRSTRLEN] = {};
+    const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
+    return ::inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) != nullptr ? text : "";
+}
+
+}  // namespace
+
+struct ServerCallbacks {
+    static MHD_Result OnRequest(void* cls, MHD_Connection* connection, const char* url, const char* method, const char*,
+                                const char* uploadData, size_t* uploadSize, void** state) {
+        auto* server = static_cast<HttpServer*>(cls);
+        try {
+            return server->Handle(connection, url, method, uploadData, uploadSize, state) ? MHD_YES : MHD_NO;
+        } catch (const std::exception& e) {
+            std::fprintf(stderr, "request failed: %s\n", e.what());
+            return MHD_NO;
+        }
+    }
+
+    static void OnCompleted(void*, MHD_Connection*, void** state, MHD_RequestTerminationCode) {
+        delete static_cast<Pending*>(*state);
+        *state = nullptr;
+    }
+};
+
+HttpServer::HttpServer(store::MaildirStore& store, Options options)
+    : store_(store),
+      options_(std::move(options)),
+      router_(store, options_.domain),
+      digest_(kRealm, kOpaque, kNonceTimeoutSeconds, kNonceSlots) {}
+
+HttpServer::~HttpServer() { Stop(); }
+
+void HttpServer::Start() {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(options_.port);
+    if (::inet_pton(AF_INET, options_.address.c_str(), &address.sin_addr) != 1) {
+        throw std::runtime_error("not an IPv4 address: " + options_.address);
+    }
+    daemon_ = MHD_start_daemon(
+        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::OnRequest, this,
+        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
+        MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+        &ServerCallbacks::OnCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, MHD_OPTION_END);
+    if (daemon_ == nullptr) {
+        throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));
+    }
+    const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
+    boundPort_ = info != nullptr ? info->port : options_.port;
+}
+
+void HttpServer::Stop() {
+    if (daemon_ != nullptr) {
+        MHD_stop_daemon(daemon_);
+        daemon_ = nullptr;
+    }
+}
+
+int HttpServer::Handle(MHD_Connection* connection, const char* url, const char* method, const char* uploadData,
+                       std::size_t* uploadSize, void** state) {
+    if (*state == nullptr) {
+        auto* pending = new Pending;
+        *state = pending;
+        const auto length = Header(connection, MHD_HTTP_HEADER_CONTENT_LENGTH);
+        std::uint64_t declared = 0;
+        if (length && std::from_chars(length->data(), length->data() + length->size(), declared).ec == std::errc() &&
+            declared > options_.maxBodySize) {
+            // Refused before the body is read; libmicrohttpd closes the connection after this reply.
+            pending->tooLarge = true;
+            return Queue(connection, DavReply::Failure(413, "Request body too large"), method, url, "-");
+        }
+        return MHD_YES;
+    }
+    auto* pending = static_cast<Pending*>(*state);
+    if (*uploadSize != 0) {
+        if (!pending->tooLarge && pending->body.size() + *uploadSize <= options_.maxBodySize) {
+            pending->body.append(uploadData, *uploadSize);
+        } else {
+            pending->tooLarge = true;
+            pending->body.clear();
+        }
+        *uploadSize = 0;
+        return MHD_YES;
+    }
+    if (pending->tooLarge) return Queue(connection, DavReply::Failure(413, "Request body too large"), method, url, "-");
+
+    bool staleNonce = false;
+    const std::string user = Authenticate(connection, method, url, staleNonce);
+    if (user.empty()) return QueueChallenge(connection, staleNonce, method, url);
+
+    DavRequest request;
+    request.method = method;
+    request.path = url;
+    request.user = user;
+    request.baseUrl = BaseUrl(connection);
+    request.clientAddress = ClientAddress(connection);
+    request.body = std::move(pending->body);
+    request.contentType = Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
+    request.destination = Header(connection, "Destination");
+    request.propfindHeader = Header(connection, "PROPFIND");
+    return Queue(connection, router_.Handle(request), method, url, user);
+}
+
+std::string HttpServer::Authenticate(MHD_Connection* connection, const char* method, const char* url,
+                                     bool& staleNonce) {
+    const std::string authorization = Header(connection, MHD_HTTP_HEADER_AUTHORIZATION).value_or("");
+    // Scheme names are case-insensitive (RFC 7235).
+    const std::string_view scheme = BasicCredentials::Scheme(authorization);
+    const bool basic = core::Ascii::EqualsIgnoreCase(scheme, "Basic");
+    const bool digest = core::Ascii::EqualsIgnoreCase(scheme, "Digest");
+    if (basic && options_.auth != AuthMode::Digest) {
+        auto credentials = BasicCredentials::Parse(authorization);
+        if (!credentials) return {};
+        const auto expected = store_.Password(credentials->name);
+        const bool accepted = expected && text::SameSecret(*expected, credentials->password);
+        std::fill(credentials->password.begin(), credentials->password.end(), '\0');
+        return accepted ? credentials->name : std::string();
+    }
+    if (digest && options_.auth != AuthMode::Basic) {
+        const auto result = digest_.Check(
+            authorization, method, url, [this](const std::string& name) { return store_.Password(name); },
+            std::time(nullptr));
+        if (result.outcome == DigestAuth::Outcome::Accepted) return result.user;
+        staleNonce = result.outcome == DigestAuth::Outcome::Stale;
+    }
+    return {};
+}
+
+int HttpServer::QueueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method,
+                               const std::string& url) {
+    const DavReply reply = DavReply::Failure(401, "Authentication required");
+    MHD_Response* response =
+        MHD_create_response_from_buffer(reply.body.size(), const_cast<char*>(reply.body.data()), MHD_RESPMEM_MUST_COPY);
+    if (response == nullptr) return MHD_NO;
+    MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
+    MHD_Result queued = MHD_NO;
+    if (options_.auth == AuthMode::Basic) {
+        queued = MHD_queue_basic_auth_fail_response(connection, kRealm, response);
+    } else {
+        if (options_.auth == AuthMode::Any) {
+            MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
+                                    (std::string("Basic realm=\"") + kRealm + "\"").c_str());
+        }
+        MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE,
+                                digest_.Challenge(staleNonce, std::time(nullptr)).c_str());
+        queued = MHD_queue_response(connection, MHD_HTTP_UNAUTHORIZED, response);
+    }
+    MHD_destroy_response(response);
+    LogLine(method, url, 401, reply.body.size(), "-");
+    return queued;
+}
+
+int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
+                      const std::string& user) {
+    std::uint64_t bytes = reply.body.size();
+    MHD_Response* response = nullptr;
+    if (reply.file) {
+        const store::MessageFile::Facts facts = reply.file->ReadFacts();
+        bytes = facts.servedSize;
+        response = facts.bareLf ? ConvertingResponse(reply.file, bytes) : FileResponse(*reply.file);
+    } else {
+        // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
+        auto* body = new std::string(std::move(reply.body));
+        response = MHD_create_response_from_buffer_with_free_callback_cls(
+            body->size(), body->data(), [](void* text) { delete static_cast<std::string*>(text); }, body);
+        if (response == nullptr) delete body;
+    }
+    if (response == nullptr) return MHD_NO;
+    MHD_add_response_header(response, "X-Dav-Error", reply.davError.c_str());
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, reply.contentType.c_str());
+    for (const auto& [name, value] : reply.headers) MHD_add_response_header(response, name.c_str(), value.c_str());
+    const MHD_Result queued = MHD_queue_response(connection, reply.status, response);
+    MHD_destroy_response(response);
+    LogLine(method, url, reply.status, bytes, user);
+    return queued;
+}
+
+std::string HttpServer::BaseUrl(MHD_Connection* connection) const {
+    const std::string host = Header(connection, MHD_HTTP_HEADER_HOST).value_or("");
+    const bool usable = !host.empty() && host.size() < 256 &&
+                        host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-:[]") ==
+                            std::string::npos;
+    if (usable) return "http://" + host;
+    return "http://" + options_.address + ":" + std::to_string(boundPort_);
+}
+
+void HttpServer::LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
+                         const std::string& user) {
+    std::lock_guard lock(logMutex_);
+    std::fprintf(stderr, "%s %s %u %s %s\n", Printable(method).c_str(), Printable(url).c_str(), status,
+                 std::to_string(bytes).c_str(), Printable(user).c_str());
+    std::fflush(stderr);
+}
+
+}  // namespace webmail::dav
