@@ -21,26 +21,22 @@ void GlobalInit() {
     (void)done;
 }
 
-[[noreturn]] void Fail(std::int32_t number, const std::string& description) {
-    throw core::Error(number, {}, description);
-}
-
 [[noreturn]] void FailFor(CURLcode code) {
     switch (code) {
         case CURLE_URL_MALFORMAT:
-            Fail(HttpError::kInvalidUrl, "The URL is invalid");
+            core::Raise(core::ErrorNumber::kHttpInvalidUrl);
         case CURLE_UNSUPPORTED_PROTOCOL:
-            Fail(HttpError::kUnrecognizedScheme, "The URL does not use a recognized protocol");
+            core::Raise(core::ErrorNumber::kHttpUnrecognizedScheme);
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_RESOLVE_PROXY:
-            Fail(HttpError::kNameNotResolved, "The server name or address could not be resolved");
+            core::Raise(core::ErrorNumber::kHttpNameNotResolved);
         case CURLE_COULDNT_CONNECT:
-            Fail(HttpError::kCannotConnect, "A connection with the server could not be established");
+            core::Raise(core::ErrorNumber::kHttpCannotConnect);
         case CURLE_OUT_OF_MEMORY:
             core::Raise(core::ErrorNumber::kOutOfMemory);
         default:
             // Everything else (nothing received, a reply cut short, a send or receive error) is a broken transfer.
-            Fail(HttpError::kConnectionAborted, "The connection with the server was terminated abnormally");
+            core::Raise(core::ErrorNumber::kHttpConnectionAborted);
     }
 }
 
@@ -230,7 +226,7 @@ std::string HttpRequest::GetAllResponseHeaders() const {
 std::string HttpRequest::GetResponseHeader(const std::string& name) const {
     curl_header* hdr = nullptr;
     if (!haveReply_ || curl_easy_header(Handle(curl_), name.c_str(), 0, CURLH_HEADER, -1, &hdr) != CURLHE_OK) {
-        Fail(HttpError::kHeaderNotFound, "The requested header was not found");
+        core::Raise(core::ErrorNumber::kHttpHeaderNotFound);
     }
     return hdr->value;
 }

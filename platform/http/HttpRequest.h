@@ -10,17 +10,6 @@
 
 namespace platform {
 
-// Numbers of the request layer's failures.
-namespace HttpError {
-inline constexpr std::int32_t kInvalidUrl = -2147012891;          // "The URL is invalid"
-inline constexpr std::int32_t kUnrecognizedScheme = -2147012890;  // "The URL does not use a recognized protocol"
-inline constexpr std::int32_t kNameNotResolved = -2147012889;     // "The server name or address could not be resolved"
-inline constexpr std::int32_t kCannotConnect = -2147012867;  // "A connection with the server could not be established"
-inline constexpr std::int32_t kConnectionAborted =
-    -2147012866;  // "The connection with the server was terminated abnormally"
-inline constexpr std::int32_t kHeaderNotFound = -2147012746;  // "The requested header was not found"
-}  // namespace HttpError
-
 class HttpRequest {
 public:
     // A request object with no request open yet.
@@ -50,7 +39,7 @@ public:
     std::string TakeResponseText() { return std::exchange(responseText_, {}); }
     // The reply's header lines as one text, each "Name: value" followed by CR LF, then an empty line.
     std::string GetAllResponseHeaders() const;
-    // The value of reply header `name` (any case); raises -2147012746 when the reply has no such header.
+    // The value of reply header `name` (any case); raises kHttpHeaderNotFound when the reply has no such header.
     std::string GetResponseHeader(const std::string& name) const;
     // Drops the current request and its reply; reads then find nothing. Never throws.
     void Abort() noexcept;
