@@ -83,11 +83,13 @@ DavReply Router::Route(const DavRequest& request, const ServiceTarget& target) {
             if (method == "PROPFIND") return FolderPropfind(request, *account, urls, target.folder);
             if (method == "BMOVE") return MoveMessages(request, *account, urls, target.folder);
             return MethodNotAllowed("PROPFIND, BMOVE");
-        case Kind::Message:
-            if (!account->Folder(target.folder)) return DavReply::Failure(404, "No such folder");
-            if (method == "GET") return GetMessage(*account, target);
+        case Kind::Message: {
+            const auto folder = account->Folder(target.folder);
+            if (!folder) return DavReply::Failure(404, "No such folder");
+            if (method == "GET") return GetMessage(*folder, target);
             if (method == "PROPPATCH") return PatchMessage(request, *account, urls, target);
             return MethodNotAllowed("GET, PROPPATCH");
+        }
         case Kind::SendMessage:
             if (method != "POST") return MethodNotAllowed("POST");
             return SendMessage(request, *account);
@@ -144,8 +146,8 @@ DavReply Router::FolderPropfind(const DavRequest& request, const Account& accoun
     return Multistatus(PropfindReplies::Messages(urls, folderName, messages));
 }
 
-DavReply Router::GetMessage(const Account& account, const ServiceTarget& target) {
-    const auto entry = account.Folder(target.folder)->Find(target.id);
+DavReply Router::GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target) {
+    const auto entry = folder.Find(target.id);
     auto file = entry ? MessageFile::Open(entry->path) : std::nullopt;
     if (!file) return DavReply::Failure(404, "No such message");
     DavReply reply;

@@ -25,7 +25,8 @@ private:
     DavReply FolderRoot(const DavRequest& request, const store::Account& account, const ServiceUrls& urls);
     DavReply FolderPropfind(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
                             const std::string& folderName);
-    DavReply GetMessage(const store::Account& account, const ServiceTarget& target);
+    // `folder` is the one the route has already found; the message is looked up in it alone.
+    static DavReply GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target);
     DavReply PatchMessage(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
                           const ServiceTarget& target);
     DavReply MoveMessages(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
