@@ -13,7 +13,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "FakeWebDavService.h"
+#include "tests/support/FakeWebDavService.h"
 #include "core/Error.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"

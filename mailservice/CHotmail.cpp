@@ -116,4 +116,11 @@ std::string CHotmail::Impl::Propfind(const std::string& url, const std::string& 
     return LastReplyText;
 }
 
+std::string CHotmail::Impl::ActionReply() {
+    std::string headers = HttpRequest.GetAllResponseHeaders();
+    LastReplyText = HttpRequest.ResponseText();
+    HotmailError = HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
+    return headers;
+}
+
 }  // namespace mailservice

@@ -51,6 +51,9 @@ struct CHotmail::Impl {
     // The folder and listing requests: a PROPFIND of `url` with `body`, then the reply's header block, text
     // and "X-Dav-Error" value, stored in that order; returns the text.
     std::string Propfind(const std::string& url, const std::string& body);
+    // The reply to a move or a sent message: stores its text and then its "X-Dav-Error" value (raising when
+    // there is none, with the text already stored); returns its header block.
+    std::string ActionReply();
     // The BMOVE request shared by deleting and moving: one D:href per id, to `fromFolder`, naming `toFolder`.
     std::string MoveRequest(const IdCollectionPtr& ids, const std::string& fromFolder, const std::string& toFolder);
 };

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "core/Convert.h"
+#include "core/Error.h"
 #include "core/Trap.h"
 #include "mailservice/CHotmail.h"
 #include "mailservice/CHotmailImpl.h"
@@ -13,37 +14,32 @@
 namespace mailservice {
 namespace {
 
-// The i-th element of each property name, counted over the whole reply. "//" searches the whole document
-// whatever node it starts from, so the search from property list i finds the same elements for every i. One
-// walk over every element of the reply ("//*", in document order) sorts them by name into all the columns at
-// once: a listing of many messages is not walked again for each name. Property list i must still exist for
-// entry i to get a value, exactly as if the search had started from it.
+// The i-th element of each property name, counted over the whole reply: the service's listing is searched with
+// "//", which reaches the whole document from any property list. One walk over every element of the reply (in
+// document order) sorts them by name into all the columns at once, so a listing of many messages is not walked
+// again for each name. Property list i must still exist for entry i to get a value.
 class PropertyColumns {
 public:
-    explicit PropertyColumns(const platform::XmlNodeList& propLists) : propLists_(propLists) {}
-
-    // `pattern` is "//" followed by an element name as written in the reply ("//D:id").
-    std::string NthValue(std::int32_t i, const std::string& pattern) {
-        const platform::XmlNode propList = propLists_.item(i);
-        (void)propList.nodeName();  // raises when entry i has no property list
-        if (!sorted_) {
-            const platform::XmlNodeList elements = propList.selectNodes("//*");
-            for (std::int32_t k = 0; k < elements.length(); ++k) {
-                platform::XmlNode element = elements.item(k);
-                columns_[element.nodeName()].push_back(std::move(element));
-            }
-            sorted_ = true;
+    PropertyColumns(const platform::XmlDocument& doc, const platform::XmlNodeList& propLists) : propLists_(propLists) {
+        const platform::XmlNodeList elements = doc.selectNodes("//*");
+        for (std::int32_t k = 0; k < elements.length(); ++k) {
+            platform::XmlNode element = elements.item(k);
+            columns_[element.nodeName()].push_back(std::move(element));
         }
-        const auto found = columns_.find(pattern.substr(2));
+    }
+
+    // The i-th element named `name` as written in the reply ("D:id").
+    std::string NthValue(std::int32_t i, const std::string& name) const {
+        (void)propLists_.item(i).nodeName();  // raises when entry i has no property list
+        const auto found = columns_.find(name);
         if (found == columns_.end() || static_cast<std::size_t>(i) >= found->second.size()) {
-            return platform::XmlNode().text();  // raises, as the search's missing i-th element would
+            core::Raise(core::ErrorNumber::kObjectNotSet);
         }
         return found->second[static_cast<std::size_t>(i)].text();
     }
 
 private:
     const platform::XmlNodeList& propLists_;
-    bool sorted_ = false;
     // Every element of the reply, by name, in document order.
     std::unordered_map<std::string, std::vector<platform::XmlNode>> columns_;
 };
@@ -64,27 +60,27 @@ void CHotmail::ParseMailboxInfo(const std::string& ukey) {
         const platform::XmlNodeList entries = doc.selectNodes("//D:response");
         const platform::XmlNodeList propLists = doc.selectNodes("//D:prop");
         const std::int32_t count = std::min<std::int32_t>(entries.length(), kMaxListEntries);
-        PropertyColumns columns(propLists);
+        const PropertyColumns columns(doc, propLists);
 
         // Every entry becomes a record; a step that fails leaves its field at the new record's value.
         for (std::int32_t i = 0; i < count; ++i) {
             auto msg = std::make_shared<CHotmailMessage>();
             core::SkipOnError([&] { msg->mURL = entries.item(i).childNodes().item(0).text(); });
             msg->mIndex = core::ToText(i + 1);
-            core::SkipOnError([&] { msg->mMessageID = columns.NthValue(i, "//D:id"); });
-            core::SkipOnError([&] { msg->mSubject = columns.NthValue(i, "//m:subject"); });
-            core::SkipOnError([&] { msg->mTo = columns.NthValue(i, "//m:to"); });
-            core::SkipOnError([&] { msg->mFrom = columns.NthValue(i, "//m:from"); });
-            core::SkipOnError([&] { msg->mFromAddress = columns.NthValue(i, "//h:fromaddr"); });
+            core::SkipOnError([&] { msg->mMessageID = columns.NthValue(i, "D:id"); });
+            core::SkipOnError([&] { msg->mSubject = columns.NthValue(i, "m:subject"); });
+            core::SkipOnError([&] { msg->mTo = columns.NthValue(i, "m:to"); });
+            core::SkipOnError([&] { msg->mFrom = columns.NthValue(i, "m:from"); });
+            core::SkipOnError([&] { msg->mFromAddress = columns.NthValue(i, "h:fromaddr"); });
             // This entry's own date only: a missing one does not borrow the previous entry's.
             std::string dateText;
-            core::SkipOnError([&] { dateText = columns.NthValue(i, "//m:date"); });
-            core::SkipOnError([&] { msg->mLength = columns.NthValue(i, "//D:getcontentlength"); });
-            core::SkipOnError([&] { msg->mRead = core::ToInt16(columns.NthValue(i, "//hm:read")); });
+            core::SkipOnError([&] { dateText = columns.NthValue(i, "m:date"); });
+            core::SkipOnError([&] { msg->mLength = columns.NthValue(i, "D:getcontentlength"); });
+            core::SkipOnError([&] { msg->mRead = core::ToInt16(columns.NthValue(i, "hm:read")); });
             core::SkipOnError([&] { msg->mDate = platform::RegionalDateFormat::Format(dateText); });
             // The service's attachment flag, read like the read flag; nothing else in the gateway uses it.
             core::SkipOnError(
-                [&] { msg->mHasAttachment = core::ToInt16(columns.NthValue(i, "//hm:hasattachment")) != 0; });
+                [&] { msg->mHasAttachment = core::ToInt16(columns.NthValue(i, "hm:hasattachment")) != 0; });
             core::SkipOnError([&] { msg->mBody = GetMessage(msg->mURL); });
             core::SkipOnError([&] { d_->MailCollection->Add(msg, msg->mIndex); });
         }

@@ -61,10 +61,7 @@ std::string CHotmail::Impl::MoveRequest(const IdCollectionPtr& ids, const std::s
     HttpRequest.SetRequestHeader("Destination", toFolder);
     HttpRequest.SetRequestHeader("Content-Type", "text/xml");
     HttpRequest.Send(doc.xml());
-    std::string headers = HttpRequest.GetAllResponseHeaders();
-    LastReplyText = HttpRequest.ResponseText();
-    HotmailError = HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
-    return headers;
+    return ActionReply();
 }
 
 std::string CHotmail::SendMail(const std::string& strMessage) {
@@ -72,10 +69,7 @@ std::string CHotmail::SendMail(const std::string& strMessage) {
         d_->HttpRequest.Open("POST", d_->OutboxURL, false);
         d_->HttpRequest.SetRequestHeader("Content-Type", "message/rfc821");
         d_->HttpRequest.Send(strMessage);
-        std::string headers = d_->HttpRequest.GetAllResponseHeaders();
-        d_->LastReplyText = d_->HttpRequest.ResponseText();
-        d_->HotmailError = d_->HttpRequest.GetResponseHeader(HotmailText::kDavErrorHeader);
-        return headers;
+        return d_->ActionReply();
     });
 }
 

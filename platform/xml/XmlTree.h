@@ -20,8 +20,6 @@ struct XmlTree {
     static pugi::xml_node Node(const XmlNode& handle) {
         return pugi::xml_node(static_cast<pugi::xml_node_struct*>(handle.node_));
     }
-    // The tree a handle keeps alive.
-    static const std::shared_ptr<XmlTree>& TreeOf(const XmlNode& handle) { return handle.tree_; }
     // A handle on `node` of `tree`.
     static XmlNode Handle(pugi::xml_node node, std::shared_ptr<XmlTree> tree) {
         return XmlNode(Raw(node), std::move(tree));

@@ -1,4 +1,4 @@
-#include "DigestGate.h"
+#include "tests/support/DigestGate.h"
 
 #include <QCryptographicHash>
 

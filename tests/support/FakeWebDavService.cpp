@@ -1,4 +1,4 @@
-#include "FakeWebDavService.h"
+#include "tests/support/FakeWebDavService.h"
 
 #include <arpa/inet.h>
 #include <microhttpd.h>

@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "DigestGate.h"
-#include "LoopbackPort.h"
+#include "tests/support/DigestGate.h"
+#include "tests/support/LoopbackPort.h"
 
 struct MHD_Daemon;
 struct MHD_Connection;

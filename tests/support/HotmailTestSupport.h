@@ -10,11 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "FakeWebDavService.h"
 #include "core/Error.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
 #include "mailservice/CHotmail.h"
+#include "tests/support/FakeWebDavService.h"
+#include "tests/support/RaisedError.h"
 
 namespace hotmail_test {
 
@@ -22,23 +23,7 @@ inline constexpr const char* kEntryPath = "/svcs/hotmail/tarnwick.asp";
 
 // The error the reporter keeps (only meaningful once one was kept).
 inline core::Error KeptError() {
-    try {
-        core::MErrorHandler::HandleError(0, "probe", "probe");
-    } catch (const core::Error& e) {
-        return e;
-    }
-    return core::Error(0, {}, {});
-}
-
-// The error `step` raises; a default error (number 0) when it raises none.
-template <typename Step>
-core::Error RaisedBy(Step&& step) {
-    try {
-        step();
-    } catch (const core::Error& e) {
-        return e;
-    }
-    return core::Error(0, {}, {});
+    return testing_support::RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
 }
 
 // A log-in reply: one entry with `base` as its address and `props` as its property list, under element names

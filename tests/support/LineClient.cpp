@@ -1,4 +1,4 @@
-#include "LineClient.h"
+#include "tests/support/LineClient.h"
 
 #include <QHostAddress>
 #include <QTest>

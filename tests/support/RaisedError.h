@@ -1,4 +1,4 @@
-// Test helper: the number of the core::Error a step raises, or 0 when it raises nothing.
+// Test helpers: the core::Error a step raises, or a default error (number 0) when it raises nothing.
 #pragma once
 
 #include <cstdint>
@@ -8,13 +8,15 @@
 
 namespace testing_support {
 
-inline std::int32_t RaisedErrorNumber(const std::function<void()>& step) {
+inline core::Error RaisedError(const std::function<void()>& step) {
     try {
         step();
     } catch (const core::Error& e) {
-        return e.Number();
+        return e;
     }
-    return 0;
+    return core::Error(0, {}, {});
 }
+
+inline std::int32_t RaisedErrorNumber(const std::function<void()>& step) { return RaisedError(step).Number(); }
 
 }  // namespace testing_support

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "FakeWebDavService.h"
-#include "HotmailTestSupport.h"
+#include "tests/support/FakeWebDavService.h"
+#include "tests/support/HotmailTestSupport.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
 #include "mailservice/CHotmail.h"

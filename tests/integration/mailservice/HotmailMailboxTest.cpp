@@ -1,5 +1,5 @@
 // The mailbox listing and the message fetch.
-#include "HotmailTestSupport.h"
+#include "tests/support/HotmailTestSupport.h"
 
 using namespace hotmail_test;
 using testing_support::DavReply;

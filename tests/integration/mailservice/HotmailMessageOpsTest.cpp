@@ -1,7 +1,7 @@
 // Flagging, deleting, moving and sending, and how every reading operation judges a reply.
 #include <functional>
 
-#include "HotmailTestSupport.h"
+#include "tests/support/HotmailTestSupport.h"
 
 using namespace hotmail_test;
 using testing_support::DavReply;
@@ -121,7 +121,7 @@ TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
         mail_.SetHotmailError("old");
         const std::size_t start = svc_.Requests().size();
         svc_.Enqueue(ScriptedReply{200, {}, "<nothing/>", false});
-        const core::Error e = RaisedBy([&] { op.run(mail_, svc_.Url("/x")); });
+        const core::Error e = testing_support::RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
         EXPECT_EQ(e.Source(), op.label);
         EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << op.label;
         EXPECT_EQ(e.Description(), "The requested header was not found") << op.label;

@@ -1,5 +1,5 @@
 // The service session: log-in and folder discovery, folder listing.
-#include "HotmailTestSupport.h"
+#include "tests/support/HotmailTestSupport.h"
 
 using namespace hotmail_test;
 using testing_support::DavReply;

@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "FakeWebDavService.h"
+#include "tests/support/FakeWebDavService.h"
 #include "core/Error.h"
 #include "platform/http/HttpRequest.h"
 #include "tests/support/RaisedError.h"

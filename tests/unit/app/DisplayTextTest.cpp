@@ -19,6 +19,8 @@ TEST(DisplayTextTest, DecodesWellFormedUtf8AndEveryOtherByteAsLatin1) {
         {"ascii and CR LF", "+OK\r\nline\r\n", u"+OK\nline\n"},
         {"lone CR and lone LF stay", "a\rb\nc", u"a\rb\nc"},
         {"two-byte UTF-8", "Sch\xC3\xB6ne", u"Sch\u00F6ne"},
+        {"three-byte UTF-8", "\xE2\x82\xAC 5", u"\u20AC 5"},
+        {"overlong three-byte form", "\xE0\x80\xAF", u"\u00E0\u0080\u00AF"},
         {"four-byte UTF-8", "\xF0\x9F\x93\xA7", u"\U0001F4E7"},
         {"Latin-1 byte", "Sch\xF6ne", u"Sch\u00F6ne"},
         {"UTF-8 and Latin-1 in one entry", "\xC3\xA9t\xE9", u"\u00E9t\u00E9"},
