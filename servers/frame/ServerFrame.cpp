@@ -19,12 +19,8 @@ constexpr const char* kCrLf = "\r\n";
 
 }  // namespace
 
-ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader)
-    : host_(host),
-      profile_(std::move(profile)),
-      commands_(std::move(commands)),
-      reader_(std::move(reader)),
-      lastCommand_(kIdleCommand) {
+ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands)
+    : host_(host), profile_(std::move(profile)), commands_(std::move(commands)) {
     core::Trap(profile_.classInitializeLabel, [&] { SetDefaultValues(); });
 }
 
@@ -230,7 +226,7 @@ void ServerFrame::OnDataArrival(std::int32_t /*bytesTotal*/) {
         // One arrival is one request, unless the server's reader cuts it (the SMTP end of data).
         std::string arrival = objWinsock->GetData();
         do {
-            DispatchRequest(reader_ ? reader_(arrival) : ReadCommand(arrival));
+            DispatchRequest(ReadRequest(arrival));
         } while (!arrival.empty());
     });
 }

@@ -64,13 +64,8 @@ public:
     void OnConnect() final;
 
 protected:
-    // Takes the next request off the front of an arrival, leaving in `arrival` what follows it (read after the
-    // request has been handled).
-    using RequestReader = std::function<Request(std::string& arrival)>;
-
-    // The "CONN" entry of `commands` greets every accepted client. Without a `reader`, every arrival
-    // is one request read by ReadCommand.
-    ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands, RequestReader reader = {});
+    // The "CONN" entry of `commands` greets every accepted client.
+    ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands);
 
     // The application: log, credential store, name and version.
     core::IGatewayHost& Host() const { return host_; }
@@ -79,6 +74,9 @@ protected:
 
     // The whole arrival as one command, its word and argument read by the profile's rules.
     Request ReadCommand(std::string& arrival) const;
+    // Takes the next request off the front of an arrival, leaving in `arrival` what follows it (read after the
+    // request has been handled). By default the whole arrival is one command (ReadCommand).
+    virtual Request ReadRequest(std::string& arrival) const { return ReadCommand(arrival); }
 
     // Request texts are counted in 16 bits: a rule yields the empty text for a longer one.
     static bool FitsCount16(std::size_t count);
@@ -120,7 +118,6 @@ private:
     core::IGatewayHost& host_;
     const ServerProfile profile_;
     const CommandTable commands_;
-    const RequestReader reader_;
     std::string listenPort_;
     std::string userName_;
     std::string password_;

@@ -1,6 +1,7 @@
 #include "servers/pop3/CPop3Mailbox.h"
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "core/Collection.h"
@@ -38,11 +39,12 @@ void CPop3Mailbox::Load(mailservice::CHotmail& hotmail) {
     hotmail.Connect();
     const std::string inbox = hotmail.InboxURL();
     hotmail.ParseMailboxInfo(inbox);
-    messages_ = hotmail.GetMailCollection();
-    RemoveReadMessages(*messages_);
-    mailboxSize_ = SumMessageSizes(*messages_);
-    messageCount_ = core::RoundToInt16(messages_->Count());
-    mailboxLoaded_ = true;
+    mailservice::MailCollectionPtr messages = hotmail.GetMailCollection();
+    RemoveReadMessages(*messages);
+    mailboxSize_ = SumMessageSizes(*messages);
+    messageCount_ = core::RoundToInt16(messages->Count());
+    // Loaded only once every step above has succeeded.
+    messages_ = std::move(messages);
 }
 
 const CPop3Mailbox::MessageList& CPop3Mailbox::Messages() const {

@@ -7,16 +7,17 @@
 #include <string>
 
 #include "mailservice/CHotmail.h"
+#include "servers/pop3/MPop3Responses.h"
 
 namespace servers::pop3 {
 
 class CPop3Mailbox {
 public:
     // The loaded records, in listing order: the service client's own list with the read messages removed.
-    using MessageList = core::Collection<mailservice::MessagePtr>;
+    using MessageList = MPop3Responses::MessageList;
 
     // Whether the inbox has been loaded for this connection.
-    bool MailboxLoaded() const { return mailboxLoaded_; }
+    bool MailboxLoaded() const { return messages_ != nullptr; }
     // Logs `hotmail` in with the credentials it holds and loads its inbox. The log-in's own result is not
     // examined: a refused log-in leaves no inbox address, and listing that fails. On an error the mailbox
     // stays unloaded, and the next Load tries again.
@@ -40,7 +41,6 @@ public:
 
 private:
     mailservice::MailCollectionPtr messages_;
-    bool mailboxLoaded_ = false;
     std::int16_t messageCount_ = 0;
     std::int32_t mailboxSize_ = 0;
 };

@@ -40,8 +40,7 @@ CSmtpServer::CSmtpServer(core::IGatewayHost& host)
                                                            {"DATA", &CSmtpServer::HandleDATA},
                                                            {"MESG", &CSmtpServer::HandleMESG},
                                                            {"SEND", &CSmtpServer::HandleSEND},
-                                                           {"QUIT", &CSmtpServer::HandleQUIT}}),
-                  [this](std::string& arrival) { return ReadRequest(arrival); }) {}
+                                                           {"QUIT", &CSmtpServer::HandleQUIT}})) {}
 
 std::string CSmtpServer::GetCommand(std::string_view text) {
     const std::size_t space = text.find(' ');

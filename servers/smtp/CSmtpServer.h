@@ -54,7 +54,7 @@ private:
     // In command mode the whole arrival is one command. In the data phase it is a chunk of message text,
     // "MESG", or the chunk that ends the data, "SEND", cut after the end mark: what follows the mark in the
     // same arrival is read next, as a command.
-    Request ReadRequest(std::string& arrival) const;
+    Request ReadRequest(std::string& arrival) const override;
 
     // Whether the host's credential store holds a user name (a mail reader has fetched mail since start).
     bool CredentialsAvailable() const;

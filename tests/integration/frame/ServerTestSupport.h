@@ -10,12 +10,12 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/FakeWebDavService.h"
-#include "tests/support/HotmailTestSupport.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
 #include "mailservice/CHotmail.h"
 #include "tests/support/FakeGatewayHost.h"
+#include "tests/support/FakeWebDavService.h"
+#include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
 #include "tests/support/LoopbackPort.h"
 
@@ -29,9 +29,6 @@ using testing_support::FreePort;
 inline bool WaitForLog(const std::vector<std::string>& log, const std::string& entry, long times = 1) {
     return QTest::qWaitFor([&] { return std::count(log.begin(), log.end(), entry) >= times; }, kTimeoutMs);
 }
-
-// The mail reader's side of a connection, from the shared test support.
-using LoopbackClient = testing_support::LineClient;
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
 template <typename Server>

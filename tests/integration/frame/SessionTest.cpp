@@ -4,17 +4,17 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <string>
 
 #include "ServerTestSupport.h"
 #include "core/Error.h"
-#include "core/MErrorHandler.h"
 #include "servers/pop3/CPop3Server.h"
 
 namespace {
 
-using server_tests::LoopbackClient;
 using ::testing::ElementsAre;
+using testing_support::LineClient;
 
 const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello";
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye";
@@ -23,7 +23,7 @@ const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not underst
 using SessionTest = server_tests::ServerTest<servers::pop3::CPop3Server>;
 
 TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
-    LoopbackClient client(port);
+    LineClient client(port);
     EXPECT_EQ(client.ReceiveLine(), kHello + "\r\n");
     const std::pair<std::string, std::string> exchanges[] = {
         {"US", kUnknown + "US\r\n"},
@@ -47,7 +47,7 @@ TEST_F(SessionTest, EachArrivalIsOneRequestDispatchedByItsExactWord) {
 
 TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
     host.log.push_back("left over from before");
-    auto client = std::make_unique<LoopbackClient>(port);
+    auto client = std::make_unique<LineClient>(port);
     client->ReceiveLine();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnSendComplete Fired"));
     client->Send("noop\r\n");
@@ -68,13 +68,13 @@ TEST_F(SessionTest, Pop3SessionLogEntryByEntry) {
 }
 
 TEST_F(SessionTest, OneClientAtATimeAndListeningAgainAfterClose) {
-    auto first = std::make_unique<LoopbackClient>(port);
+    auto first = std::make_unique<LineClient>(port);
     EXPECT_EQ(first->ReceiveLine(), kHello + "\r\n");
-    EXPECT_TRUE(LoopbackClient(port).Refused());
+    EXPECT_TRUE(LineClient(port).Refused());
 
     first.reset();
     ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-    LoopbackClient second(port);
+    LineClient second(port);
     EXPECT_EQ(second.ReceiveLine(), kHello + "\r\n");
 }
 
@@ -94,24 +94,24 @@ TEST_F(SessionTest, ABadPortIsReportedFirstByStartListening) {
 TEST_F(SessionTest, StopAndASocketErrorLeaveNothingListeningUntilTheNextStart) {
     server.StopServer();
     server.StopServer();  // stopped already: nothing happens
-    EXPECT_TRUE(LoopbackClient(port).Refused());
+    EXPECT_TRUE(LineClient(port).Refused());
 
     server.StartServer();
-    LoopbackClient client(port);
+    LineClient client(port);
     EXPECT_EQ(client.ReceiveLine(), kHello + "\r\n");
     EXPECT_EQ(client.Ask("QUIT\r\n"), kGoodBye + "\r\n");
     // What the socket control raises when the connection fails (a peer's orderly close is a close).
     server.OnError(10053, "Software caused connection abort");
     EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnError Fired");
     EXPECT_EQ(server.LastCommand(), "QUIT");
-    EXPECT_TRUE(LoopbackClient(port).Refused());
+    EXPECT_TRUE(LineClient(port).Refused());
 
     // Stopping with a client connected drops the connection.
     server.StopServer();
     EXPECT_TRUE(client.Dropped());
     server.StartServer();
     EXPECT_EQ(server.LastCommand(), "CONN");
-    EXPECT_EQ(LoopbackClient(port).ReceiveLine(), kHello + "\r\n");
+    EXPECT_EQ(LineClient(port).ReceiveLine(), kHello + "\r\n");
 }
 
 }  // namespace

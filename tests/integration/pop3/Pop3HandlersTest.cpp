@@ -13,8 +13,8 @@
 
 namespace {
 
-using server_tests::LoopbackClient;
 using testing_support::DavReply;
+using testing_support::LineClient;
 using testing_support::ScriptedReply;
 
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
@@ -49,8 +49,8 @@ protected:
     }
     static std::size_t LoadRequests(std::size_t messages) { return 3 + messages; }
 
-    std::unique_ptr<LoopbackClient> LogIn(const std::string& password = "sam pw") {
-        auto reader = std::make_unique<LoopbackClient>(port);
+    std::unique_ptr<LineClient> LogIn(const std::string& password = "sam pw") {
+        auto reader = std::make_unique<LineClient>(port);
         EXPECT_EQ(reader->ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
         EXPECT_EQ(reader->Ask("USER sam\r\n"), "+OK send password\r\n");
         EXPECT_EQ(reader->Ask("PASS " + password + "\r\n"), "+OK send stat\r\n");
@@ -126,7 +126,7 @@ TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
 }
 
 TEST_F(Pop3HandlersTest, UserAndPassFillTheCredentialStoreWithoutReachingTheService) {
-    LoopbackClient reader(port);
+    LineClient reader(port);
     reader.ReceiveLine();
     EXPECT_EQ(reader.Ask("USER John Q  Public\r\n"), "+OK send password\r\n");
     EXPECT_EQ(reader.Ask("PASS  two words \r\n"), "+OK send stat\r\n");

@@ -15,9 +15,9 @@
 
 namespace {
 
-using server_tests::LoopbackClient;
 using ::testing::ElementsAre;
 using testing_support::DavReply;
+using testing_support::LineClient;
 using testing_support::ScriptedReply;
 
 const std::string kUnavailable =
@@ -46,13 +46,13 @@ protected:
         }
         return bodies;
     }
-    std::unique_ptr<LoopbackClient> Connect() {
-        auto client = std::make_unique<LoopbackClient>(port);
+    std::unique_ptr<LineClient> Connect() {
+        auto client = std::make_unique<LineClient>(port);
         EXPECT_EQ(client->ReceiveLine(), "220 tarnwick.local\r\n");
         return client;
     }
     // Envelope and DATA, each answered as it must be.
-    static void Begin(LoopbackClient& client) {
+    static void Begin(LineClient& client) {
         EXPECT_EQ(client.Ask("MAIL FROM: <sam@tarnwick.local>\r\n"), "250 ok\r\n");
         EXPECT_EQ(client.Ask("RCPT TO: <rita@tarnwick.local>\r\n"), "250 ok\r\n");
         EXPECT_EQ(client.Ask("DATA\r\n"), "354 ok\r\n");
