@@ -1,6 +1,5 @@
 // tarnwick-webmail: parses the command line, prepares the store and serves until SIGINT or SIGTERM.
 #include <csignal>
-#include <cstdio>
 #include <filesystem>
 #include <iostream>
 #include <stdexcept>

@@ -13,12 +13,12 @@ MultistatusWriter::MultistatusWriter() {
     root_.append_attribute("xmlns:m") = kMailHeaderNs;
 }
 
-pugi::xml_node MultistatusWriter::AddResponse(std::string_view href, std::string_view status) {
+pugi::xml_node MultistatusWriter::AddResponse(std::string_view href) {
     auto response = root_.append_child("D:response");
     AddProp(response, "D:href", href);
     auto propstat = response.append_child("D:propstat");
     auto prop = propstat.append_child("D:prop");
-    AddProp(propstat, "D:status", status);
+    AddProp(propstat, "D:status", kOkStatus);
     return prop;
 }
 

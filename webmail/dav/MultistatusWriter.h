@@ -19,9 +19,9 @@ public:
     // An empty D:multistatus declaring the four prefixes.
     MultistatusWriter();
 
-    // Appends a D:response holding D:href, then D:propstat holding an empty D:prop and D:status;
+    // Appends a D:response holding D:href, then D:propstat holding an empty D:prop and a D:status of kOkStatus;
     // returns the D:prop, for AddProp.
-    pugi::xml_node AddResponse(std::string_view href, std::string_view status = kOkStatus);
+    pugi::xml_node AddResponse(std::string_view href);
     // Appends a D:response holding only D:href and D:status.
     void AddStatus(std::string_view href, std::string_view status);
     // Appends <name>text</name> to prop; an empty text gives an empty element (never a text node).

@@ -42,6 +42,14 @@ DavReply PlainText(std::string body) {
     return reply;
 }
 
+// A folder as the folder list shows it: its name, its messages and how many of them are unread.
+PropfindReplies::Folder Counted(const std::string& name, const std::vector<MaildirEntry>& entries) {
+    PropfindReplies::Folder info{name, entries.size()};
+    info.unread = static_cast<std::size_t>(
+        std::count_if(entries.begin(), entries.end(), [](const MaildirEntry& e) { return !e.Seen(); }));
+    return info;
+}
+
 }  // namespace
 
 Router::Router(store::MaildirStore& store, std::string domain) : store_(store), delivery_(store, std::move(domain)) {}
@@ -78,16 +86,18 @@ DavReply Router::Route(const DavRequest& request, const ServiceTarget& target) {
         case Kind::FolderRoot:
             if (method != "PROPFIND") return MethodNotAllowed("PROPFIND");
             return FolderRoot(request, *account, urls);
-        case Kind::Folder:
-            if (!account->Folder(target.folder)) return DavReply::Failure(404, "No such folder");
-            if (method == "PROPFIND") return FolderPropfind(request, *account, urls, target.folder);
-            if (method == "BMOVE") return MoveMessages(request, *account, urls, target.folder);
+        case Kind::Folder: {
+            const auto folder = account->Folder(target.folder);
+            if (!folder) return DavReply::Failure(404, "No such folder");
+            if (method == "PROPFIND") return FolderPropfind(request, urls, target.folder, *folder);
+            if (method == "BMOVE") return MoveMessages(request, *account, urls, target.folder, *folder);
             return MethodNotAllowed("PROPFIND, BMOVE");
+        }
         case Kind::Message: {
             const auto folder = account->Folder(target.folder);
             if (!folder) return DavReply::Failure(404, "No such folder");
             if (method == "GET") return GetMessage(*folder, target);
-            if (method == "PROPPATCH") return PatchMessage(request, *account, urls, target);
+            if (method == "PROPPATCH") return PatchMessage(request, urls, target, *folder);
             return MethodNotAllowed("GET, PROPPATCH");
         }
         case Kind::SendMessage:
@@ -110,32 +120,22 @@ DavReply Router::FolderRoot(const DavRequest& request, const Account& account, c
     if (!error.empty()) return DavReply::Failure(400, error);
     std::vector<PropfindReplies::Folder> folders;
     for (const std::string& name : account.FolderNames()) {
-        PropfindReplies::Folder info{name};
-        if (auto folder = account.Folder(name)) {
-            for (const MaildirEntry& e : folder->List()) {
-                ++info.total;
-                if (!e.Seen()) ++info.unread;
-            }
-        }
-        folders.push_back(std::move(info));
+        const auto folder = account.Folder(name);
+        folders.push_back(Counted(name, folder ? folder->List() : std::vector<MaildirEntry>{}));
     }
     return Multistatus(
         PropfindReplies::Folders(urls, folders, asked.value_or(PropfindReplies::DefaultFolderProperties())));
 }
 
-DavReply Router::FolderPropfind(const DavRequest& request, const Account& account, const ServiceUrls& urls,
-                                const std::string& folderName) {
+DavReply Router::FolderPropfind(const DavRequest& request, const ServiceUrls& urls, const std::string& folderName,
+                                const MaildirFolder& folder) {
     std::string error;
     const auto asked = RequestParser::RequestedProperties(request.body, error);
     if (!error.empty()) return DavReply::Failure(400, error);
-    const MaildirFolder folder = *account.Folder(folderName);
     const std::vector<MaildirEntry> entries = folder.List();
     if (asked) {
         // Named properties ask about the folder itself, as the folder list would show it.
-        PropfindReplies::Folder info{folderName, entries.size()};
-        info.unread = static_cast<std::size_t>(
-            std::count_if(entries.begin(), entries.end(), [](const MaildirEntry& e) { return !e.Seen(); }));
-        return Multistatus(PropfindReplies::Folders(urls, {info}, *asked));
+        return Multistatus(PropfindReplies::Folders(urls, {Counted(folderName, entries)}, *asked));
     }
     std::vector<ListedMessage> messages;
     for (const MaildirEntry& entry : entries) {
@@ -156,12 +156,12 @@ DavReply Router::GetMessage(const store::MaildirFolder& folder, const ServiceTar
     return reply;
 }
 
-DavReply Router::PatchMessage(const DavRequest& request, const Account& account, const ServiceUrls& urls,
-                              const ServiceTarget& target) {
+DavReply Router::PatchMessage(const DavRequest& request, const ServiceUrls& urls, const ServiceTarget& target,
+                              const MaildirFolder& folder) {
     std::string error;
     const auto read = RequestParser::ReadFlag(request.body, error);
     if (!read) return DavReply::Failure(400, error);
-    if (!account.Folder(target.folder)->SetSeen(target.id, *read)) return DavReply::Failure(404, "No such message");
+    if (!folder.SetSeen(target.id, *read)) return DavReply::Failure(404, "No such message");
     MultistatusWriter writer;
     auto prop = writer.AddResponse(urls.Message(target.folder, target.id));
     MultistatusWriter::AddProp(prop, "hm:read", "");
@@ -169,7 +169,7 @@ DavReply Router::PatchMessage(const DavRequest& request, const Account& account,
 }
 
 DavReply Router::MoveMessages(const DavRequest& request, const Account& account, const ServiceUrls& urls,
-                              const std::string& folderName) {
+                              const std::string& folderName, const MaildirFolder& source) {
     const std::string type = RequestParser::MediaType(request.contentType);
     if (!type.empty() && type != "text/xml" && type != "application/xml") {
         return DavReply::Failure(415, "Content-Type must be text/xml");
@@ -184,7 +184,6 @@ DavReply Router::MoveMessages(const DavRequest& request, const Account& account,
     std::string error;
     const auto ids = RequestParser::MovedIds(request.body, error);
     if (!ids) return DavReply::Failure(400, error);
-    const MaildirFolder source = *account.Folder(folderName);
     MultistatusWriter writer;
     std::size_t missing = 0;
     for (const std::string& id : *ids) {

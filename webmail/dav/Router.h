@@ -23,14 +23,14 @@ public:
 private:
     DavReply Route(const DavRequest& request, const ServiceTarget& target);
     DavReply FolderRoot(const DavRequest& request, const store::Account& account, const ServiceUrls& urls);
-    DavReply FolderPropfind(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
-                            const std::string& folderName);
-    // `folder` is the one the route has already found; the message is looked up in it alone.
+    // The folder handlers are given the folder the route has already found.
+    DavReply FolderPropfind(const DavRequest& request, const ServiceUrls& urls, const std::string& folderName,
+                            const store::MaildirFolder& folder);
     static DavReply GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target);
-    DavReply PatchMessage(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
-                          const ServiceTarget& target);
+    DavReply PatchMessage(const DavRequest& request, const ServiceUrls& urls, const ServiceTarget& target,
+                          const store::MaildirFolder& folder);
     DavReply MoveMessages(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,
-                          const std::string& folderName);
+                          const std::string& folderName, const store::MaildirFolder& source);
     DavReply SendMessage(const DavRequest& request, const store::Account& account);
 
     store::MaildirStore& store_;

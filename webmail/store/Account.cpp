@@ -6,11 +6,18 @@ namespace webmail::store {
 
 namespace fs = std::filesystem;
 
+namespace {
+
+// The folders every account is made with, in the order the folder list shows them after the inbox.
+constexpr const char* kStandardFolders[] = {Account::kSentItems, Account::kDeletedItems, Account::kOutbox};
+
+}  // namespace
+
 Account::Account(std::string name, fs::path root) : name_(std::move(name)), root_(std::move(root)) {}
 
 void Account::Create(const fs::path& root) {
     MaildirFolder::Create(root);
-    for (const char* folder : {kSentItems, kDeletedItems, kOutbox}) {
+    for (const char* folder : kStandardFolders) {
         MaildirFolder::Create(root / (std::string(".") + folder));
     }
 }
@@ -27,7 +34,7 @@ std::vector<std::string> Account::FolderNames() const {
         others.push_back(dirName.substr(1));
     }
     std::sort(others.begin(), others.end());
-    for (const char* standard : {kSentItems, kDeletedItems, kOutbox}) {
+    for (const char* standard : kStandardFolders) {
         const auto it = std::find(others.begin(), others.end(), standard);
         if (it == others.end()) continue;
         names.push_back(*it);
@@ -43,7 +50,7 @@ std::optional<MaildirFolder> Account::Folder(std::string_view name) const {
         return MaildirFolder(root_);
     }
     for (const std::string& known : FolderNames()) {
-        if (known == name && known != kInbox) return MaildirFolder(root_ / ("." + known));
+        if (known == name) return MaildirFolder(root_ / ("." + known));
     }
     return std::nullopt;
 }

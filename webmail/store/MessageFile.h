@@ -23,7 +23,7 @@ public:
         bool attachmentLine = false;   // whether a line starts "Content-Disposition: attachment"
     };
 
-    // Most header bytes header() returns.
+    // Most header bytes Header() returns.
     static constexpr std::size_t kHeaderLimit = std::size_t{256} * 1024;
 
     // Opens a regular file for reading; nullopt when it is missing, a symbolic link or anything else.

@@ -34,8 +34,6 @@ public:
     std::string Serialize() const;
     // Writes the file by write-then-rename, readable by its owner only.
     void Save(const std::filesystem::path& file) const;
-    // Passwords by account name, in name order.
-    const std::map<std::string, std::string>& Entries() const { return entries_; }
 
 private:
     std::map<std::string, std::string> entries_;
