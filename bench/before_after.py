@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Two builds side by side: runs one of the other benchmarks against the older binaries and the newer ones in
+"""Two builds side by side: runs compare_dovecot.py, first_stat_floor.py or log_cost.py against the older binaries and the newer ones in
 turn (before, after, before, after, ...), and prints each of its ratio lines for both, as a table.
 
 Run by hand after building both:
@@ -23,7 +23,6 @@ HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, HERE)
 import bench_support as B  # noqa: E402
 
-RATIO = re.compile(r"^(.*?): ([0-9.]+) x \(per pair: median [0-9.]+, min ([0-9.]+), max ([0-9.]+)\)(.*)$")
 MEMORY = re.compile(r"^(.*?memory[^:]*): ([0-9.]+) MB(.*)$")
 PER_COMMAND = re.compile(r"^(.*?, per command at \d+ commands): ([0-9.]+) ms$")
 
@@ -36,7 +35,7 @@ def run(script, extra, gateway, webmail, log):
         log.flush()
     found = {}
     for line in out.splitlines():
-        m = RATIO.match(line)
+        m = B.RATIO_LINE.match(line)
         if m:
             goal = re.search(r"\[goal ([^\]]*)\]", m.group(5))
             found[m.group(1)] = (float(m.group(2)), float(m.group(3)), float(m.group(4)), goal.group(1) if goal else "",

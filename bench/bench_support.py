@@ -17,7 +17,7 @@ import time
 ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 sys.path.insert(0, os.path.join(ROOT, "tests", "support"))
 # Ports, listening sockets and stopping processes by pid, as the tests do them.
-from tarnwick_testing import HOST, SERVICE_PATH, free_port, is_listening, wait_for  # noqa: E402,F401
+from tarnwick_testing import HOST, LISTENING_LINE, SERVICE_PATH, free_port, is_listening, wait_for  # noqa: E402,F401
 from tarnwick_testing import stop_process as stop  # noqa: E402
 
 USER = "bench"
@@ -113,7 +113,7 @@ class Webmail:
             if self.proc.poll() is not None:
                 raise RuntimeError("tarnwick-webmail exited")
             self.out.seek(0)
-            m = re.search(rb"listening on (?:http://)?127\.0\.0\.1:(\d+)", self.out.read())
+            m = LISTENING_LINE.search(self.out.read())
             if m:
                 self.port = int(m.group(1))
             return self.port is not None
@@ -177,6 +177,10 @@ def timed(step):
 def describe(values, unit="s", scale=1.0):
     v = [x * scale for x in values]
     return "median %.4g %s (min %.4g, max %.4g, n=%d)" % (statistics.median(v), unit, min(v), max(v), len(v))
+
+
+# What ratio_line prints, read back by before_after.py: name, ratio, per-pair minimum and maximum, the rest.
+RATIO_LINE = re.compile(r"^(.*?): ([0-9.]+) x \(per pair: median [0-9.]+, min ([0-9.]+), max ([0-9.]+)\)(.*)$")
 
 
 def ratio_line(name, numerators, denominators, goal=None):

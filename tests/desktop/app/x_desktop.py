@@ -12,7 +12,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
-from tarnwick_testing import free_port  # noqa: E402
+from tarnwick_testing import free_port, stop_process  # noqa: E402
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -106,8 +106,7 @@ class Desktop:
         wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
 
     def stop_tray(self):
-        self.tray.terminate()
-        self.tray.wait(5)
+        stop_process(self.tray)
         self.tray = None
 
     def start(self, command, log=subprocess.DEVNULL):
@@ -117,13 +116,7 @@ class Desktop:
 
     def stop(self):
         for process in reversed(self.processes):
-            if process.poll() is None:
-                process.terminate()
-                try:
-                    process.wait(5)
-                except subprocess.TimeoutExpired:
-                    process.kill()
-                    process.wait()
+            stop_process(process)
         self.log.close()
         shutil.rmtree(self.folder, ignore_errors=True)
 

@@ -23,7 +23,6 @@ class ScriptedService:
 
     def __init__(self, port=0):
         self._failures = {}
-        self.requests = []
         self._lock = threading.Lock()
         service = self
 
@@ -58,10 +57,6 @@ class ScriptedService:
         with self._lock:
             self._failures[kind] = failure
 
-    def count(self, method):
-        with self._lock:
-            return sum(1 for m, _ in self.requests if m == method)
-
     # -- replies
 
     def _kind(self, method, path):
@@ -75,7 +70,6 @@ class ScriptedService:
             h.rfile.read(length)
         kind = self._kind(h.command, h.path)
         with self._lock:
-            self.requests.append((h.command, h.path))
             failure = self._failures.pop(kind, None)
         body = self._body(kind, h.path)
         if failure == DROP:

@@ -48,6 +48,7 @@ class Clients(unittest.TestCase):
         self.assertEqual(stack.service_requests(), 0)
 
         C.fetch_once(stack, "sam", "sam-pw")
+        self.assertGreater(stack.service_requests(), 0)
         for client, user, message in SENDS:
             with self.subTest(client):
                 result = C.send(stack, client, SENDER, user + "@tarnwick.local", message)
