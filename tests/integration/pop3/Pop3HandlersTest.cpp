@@ -25,7 +25,9 @@ struct Listed {
     std::string id;
     std::string body;
     bool read = false;
-    std::string Size() const { return std::to_string(body.size()); }
+    // The length the listing gives; the body's size unless set.
+    std::string length = {};
+    std::string Size() const { return length.empty() ? std::to_string(body.size()) : length; }
 };
 
 const Listed kPlain{"MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\r\nHello.\r\n"};
@@ -86,6 +88,19 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
     // The whole RETR answer is one log entry.
     EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
+}
+
+// Listed lengths are decimal numbers, summed and then rounded; one that is not a number fails the load.
+TEST_F(Pop3HandlersTest, MailboxSizeSumsTheListedLengthsAsDecimals) {
+    ScriptLoad({{"A", "a", false, "10.4"}, {"B", "b", false, "20.4"}});
+    auto reader = LogIn();
+    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 31\r\n");
+    reader.reset();
+    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
+
+    ScriptLoad({{"C", "c", false, "12k"}});
+    reader = LogIn();
+    EXPECT_EQ(reader->Ask("STAT\r\n"), "-ERR Type mismatch\r\n");
 }
 
 TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
