@@ -57,8 +57,10 @@ public:
     // `text` followed by CR LF.
     static std::string FormatResponse(const std::string& text);
 
-    // How long the client must have sent nothing before the held replies go out (see heldReplies_).
-    static constexpr std::chrono::milliseconds kReplyHoldTime{1500};
+    // How long the client must have sent nothing before the held replies go out (see heldReplies_). A client
+    // that stalls for longer in the middle of its message gets the replies so far early, so the hold is
+    // long; one that waits for every chunk's reply pays it once per chunk, so it is not longer.
+    static constexpr std::chrono::milliseconds kReplyHoldTime{2000};
     // For tests that wait for every held reply.
     void SetReplyHoldTime(std::chrono::milliseconds holdTime);
 
