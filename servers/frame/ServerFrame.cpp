@@ -22,11 +22,15 @@ constexpr const char* kCrLf = "\r\n";
 }  // namespace
 
 ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands)
-    : host_(host), profile_(std::move(profile)), commands_(std::move(commands)), holdTimer_(std::make_unique<QTimer>()) {
+    : host_(host),
+      profile_(std::move(profile)),
+      commands_(std::move(commands)),
+      holdTimer_(std::make_unique<QTimer>()) {
     holdTimer_->setSingleShot(true);
     holdTimer_->setInterval(kReplyHoldTime);
     // Runs from the event loop, outside every event handler: nothing may leave it.
-    QObject::connect(holdTimer_.get(), &QTimer::timeout, [this] { core::SkipOnError([&] { SendHeldReplies(); }); });
+    QObject::connect(holdTimer_.get(), &QTimer::timeout, holdTimer_.get(),
+                     [this] { core::SkipOnError([&] { SendHeldReplies(); }); });
     core::Trap(profile_.classInitializeLabel, [&] { SetDefaultValues(); });
 }
 

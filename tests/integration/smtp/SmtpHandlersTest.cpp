@@ -125,8 +125,7 @@ TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
     EXPECT_EQ(client->Ask("RCPT TO:  <rita@tarnwick.local> NOTIFY=NEVER  \r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("DATA\r\n"), "354 ok\r\n");
     EXPECT_EQ(client->Ask("one\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(),
-                ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n.\r\n"));
+    EXPECT_THAT(Posted(), ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n.\r\n"));
 }
 
 // Five messages on one connection, one log-in; each is relayed ending exactly as the client's data did.
