@@ -7,7 +7,7 @@ takes the next for the reply to QUIT and closes with replies unread, which reset
 For each pause it sends --count messages of --size bytes and prints how many the sender reported sent and how
 many reached the recipient whole. Run by hand against a built gateway (TARNWICK_GATEWAY picks another binary):
 
-  PYTHONPATH=tests/support python3 bench/smtp_pause.py --pauses 0.5,1.2,1.8,2.5
+  bench/smtp_pause.py --pauses 0.5,1.2,1.8,2.5
 """
 
 import argparse

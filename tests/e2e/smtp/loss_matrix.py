@@ -5,7 +5,7 @@ dot-unstuffing). A message the client reported sent must be stored whole, exactl
 
 Run by hand after building into build/ (or with TARNWICK_GATEWAY / TARNWICK_WEBMAIL naming other binaries):
 
-  PYTHONPATH=tests/support python3 tests/e2e/smtp/loss_matrix.py --count 10
+  tests/e2e/smtp/loss_matrix.py --count 10
 
 It prints one table, "delivered/sent" per cell, and exits 1 when any message that its client reported sent
 is missing, damaged or stored twice. test_loss_matrix runs it with a small count.
@@ -16,7 +16,9 @@ import os
 import sys
 import time
 
-sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
+sys.path.insert(0, os.path.join(HERE, "..", "..", "support"))
 
 import messages as M  # noqa: E402
 import smtp_clients as C  # noqa: E402
