@@ -27,6 +27,12 @@ public:
         AuthMode auth = AuthMode::Any;
         std::size_t maxBodySize =
             std::size_t{64} * 1024 * 1024;  // a 25 MB attachment, base64-encoded, and room to spare
+        // A connection on which nothing arrives or leaves for this long is closed, mid-request or between
+        // requests.
+        unsigned idleTimeoutSeconds = 60;
+        // Connections served at once, in all and from one client address; more are refused at once.
+        unsigned maxConnections = 256;
+        unsigned maxConnectionsPerAddress = 64;
     };
 
     // Realm named in the authentication challenges.
