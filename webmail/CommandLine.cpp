@@ -123,11 +123,11 @@ Options:
   --idle-timeout SECONDS    close a connection on which nothing arrives or
                             leaves for this long, mid-request or between
                             requests (default 60)
-  --max-connections N       connections served at once; more are refused
-                            (default 256)
+  --max-connections N       connections served at once; more wait until one
+                            ends (default 256)
   --max-connections-per-address N
                             connections served at once from one client
-                            address (default 64)
+                            address; more are closed at once (default 64)
   --add-user NAME PASSWORD  create the account (or set its password) and exit
   --demo                    create account "demo", password "demo", with a few
                             sample messages, if it does not exist yet

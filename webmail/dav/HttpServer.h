@@ -30,7 +30,8 @@ public:
         // A connection on which nothing arrives or leaves for this long is closed, mid-request or between
         // requests.
         unsigned idleTimeoutSeconds = 60;
-        // Connections served at once, in all and from one client address; more are refused at once.
+        // Connections served at once: in all (more wait until one ends) and from one client address (more are
+        // closed at once).
         unsigned maxConnections = 256;
         unsigned maxConnectionsPerAddress = 64;
     };
