@@ -223,10 +223,17 @@ std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count,
         }
         if (text.empty()) {
             // Room for the whole announced body at once: a message of many megabytes would otherwise grow
-            // through a series of ever larger copies of itself.
+            // through a series of ever larger copies of itself. A body announced beyond the limit is refused
+            // before any of it is kept.
             curl_off_t announced = -1;
-            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
-                announced > 0 && static_cast<std::uint64_t>(announced) <= std::min<std::uint64_t>(maxBytes, text.max_size())) {
+            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) != CURLE_OK) {
+                announced = -1;
+            }
+            if (announced > 0 && static_cast<std::uint64_t>(announced) > maxBytes) {
+                request->overLimit_ = true;
+                return 0;
+            }
+            if (announced > 0 && static_cast<std::uint64_t>(announced) <= text.max_size()) {
                 // An announcement too large to reserve is no reason to fail: the body still grows as it comes.
                 core::SkipOnError([&] { text.reserve(static_cast<std::size_t>(announced)); });
             }

@@ -1,9 +1,12 @@
 """A TCP relay on 127.0.0.1 in front of the gateway's SMTP port that turns a client's "EHLO name" into
 "HELO name" and passes everything else through unchanged, both ways. The gateway knows HELO only, and postal
-greets with EHLO alone. One thread per connection; nothing else is changed or kept."""
+greets with EHLO alone. The gateway serves one SMTP client at a time and listens again only once the last
+one's close is handled, so the shim tries to connect for up to 10 s before it gives a client up. One thread
+per connection; nothing else is changed or kept."""
 
 import socket
 import threading
+import time
 
 
 class HeloShim:
@@ -29,11 +32,16 @@ class HeloShim:
             threading.Thread(target=self._serve, args=(client,), daemon=True).start()
 
     def _serve(self, client):
-        try:
-            server = socket.create_connection(("127.0.0.1", self._target), timeout=120)
-        except OSError:
-            client.close()
-            return
+        server = None
+        deadline = time.monotonic() + 10
+        while server is None:
+            try:
+                server = socket.create_connection(("127.0.0.1", self._target), timeout=120)
+            except OSError:
+                if time.monotonic() > deadline:
+                    client.close()
+                    return
+                time.sleep(0.02)
         threading.Thread(target=self._pipe, args=(server, client, False), daemon=True).start()
         self._pipe(client, server, True)
 

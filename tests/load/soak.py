@@ -208,15 +208,25 @@ def run_postal(stack, seconds, max_kb):
     run = subprocess.run(["timeout", "-s", "TERM", str(seconds), "stdbuf", "-oL", "postal", "-t", "1", "-c", "1",
                           "-m", str(max_kb),
                           "-r", "600", "-f", senders, "[127.0.0.1]%d" % shim.port, users],
-                         capture_output=True, text=True)
+                         capture_output=True, text=True, cwd=stack.dir)  # it writes postal.log where it runs
     shim.close()
     stored = stack.store.folder_messages(RCPT)[before:]
+    # postal's Message-Ids repeat now and then; a duplicate is the same text (below the trace field) twice.
+    texts = Counter(t[t.index(b"From: "):] if b"From: " in t else t for t in stored)
     ids = Counter(m.group(1) for t in stored if (m := re.search(rb"Message-Id: (<[^>]+>)", t)))
     stats = [line for line in run.stdout.splitlines() if re.match(r"\d\d:\d\d,", line)]
+    # postal.log: one line per message postal counts as sent, starting with the hash its X-PostalHash carries.
+    try:
+        with open(os.path.join(stack.dir, "postal.log")) as f:
+            sent = Counter(line.split()[0] for line in f if line.strip())
+    except FileNotFoundError:
+        sent = Counter()
+    hashes = Counter(m.group(1).decode() for t in stored if (m := re.search(rb"X-PostalHash: (\w+)", t)))
+    print("postal: sent (its postal.log) %d, of them not stored %d" % (sum(sent.values()), len(set(sent) - set(hashes))))
     print("postal: %d s, bodies up to %d KB, its per-minute lines (time,messages,data K,errors,connections,ssl): %s"
           % (seconds, max_kb, "; ".join(stats) or "none"))
-    print("postal: stored %d, distinct Message-Ids %d, duplicated %d; postal's own error lines: %d (%s)"
-          % (len(stored), len(ids), sum(n - 1 for n in ids.values()), run.stderr.count("\n"),
+    print("postal: stored %d, distinct texts %d (distinct Message-Ids %d), duplicated %d; postal's own error "
+          "lines: %d (%s)" % (len(stored), len(texts), len(ids), sum(n - 1 for n in texts.values()), run.stderr.count("\n"),
              Counter(run.stderr.splitlines()).most_common(2)))
 
 
@@ -229,7 +239,8 @@ def run_rabid(stack, seconds):
         f.write("%s %s\n" % (SENDER, SENDER_PW))
     debug = os.path.join(stack.dir, "rabid-debug")
     run = subprocess.run(["timeout", "-s", "TERM", str(seconds), "rabid", "-p", "1", "-c", "3", "-z", debug,
-                          "[127.0.0.1]%d" % stack.pop3_port, users], capture_output=True, text=True)
+                          "[127.0.0.1]%d" % stack.pop3_port, users], capture_output=True, text=True,
+                         cwd=stack.dir)
     log = ""
     for name in sorted(os.listdir(stack.dir)):
         if name.startswith("rabid-debug"):

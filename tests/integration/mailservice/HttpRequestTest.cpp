@@ -98,10 +98,12 @@ TEST(HttpRequestTest, SilenceEndsTheRequestButASlowReplyThatKeepsComingIsKept) {
     svc.Enqueue(ScriptedReply{200, {}, "after", false});
 
     HttpRequest http;
+    // Without a body: libcurl averages its speed over about five seconds, so after a sent body the idle limit
+    // would only start counting once that average had fallen.
     http.Open("PROPFIND", silent.Url());
     const auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(RaisedErrorNumber([&] { http.Send("<a/>"); }), ErrorNumber::kHttpTimedOut);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
+    EXPECT_EQ(RaisedErrorNumber([&] { http.Send(); }), ErrorNumber::kHttpTimedOut);
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(4));
     EXPECT_EQ(http.ResponseText(), "");
 
     http.Open("GET", svc.Url("/slow"));
@@ -123,7 +125,7 @@ TEST(HttpRequestTest, AReplyBeyondTheLimitIsRefusedAndNothingOfItKept) {
     } cases[] = {
         {"exactly the limit", std::string(1000, 'a'), false, 0},
         {"one byte more", std::string(1001, 'b'), false, ErrorNumber::kHttpReplyTooLarge},
-        {"far more, then broken off: the limit is what counts", std::string(300000, 'c'), true, ErrorNumber::kHttpReplyTooLarge},
+        {"far more announced, then broken off: refused before any is kept", std::string(300000, 'c'), true, ErrorNumber::kHttpReplyTooLarge},
         {"small again: the object still works", "small", false, 0},
     };
     HttpRequest http;
