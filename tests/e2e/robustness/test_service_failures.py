@@ -133,6 +133,9 @@ class ServiceFailures(unittest.TestCase):
                 self.assertLess(time.monotonic() - started, 4 * TEST_TIMEOUT + 5)
                 if ENDLESS in failures.values():
                     self.assertGreaterEqual(service.endless_sent, REPLY_LIMIT)
+                for _, answer in exchanges:
+                    if answer.startswith(b"-ERR"):  # the activity log shows the failure as the reader got it
+                        self.assertIn("SERVER_RESPONSE: " + answer.decode().strip(), gateway.gateway_log())
                 self.assert_next_client_served(gateway)
 
     def test_a_service_that_stops_reading_a_posted_message(self):
