@@ -80,14 +80,6 @@ private:
     std::uint16_t port_ = 0;
 };
 
-TEST(HttpRequestTest, DefaultLimitsAreTheRequestLayersOwn) {
-    const platform::HttpLimits limits = HttpRequest::Limits();
-    EXPECT_EQ(limits.connectSeconds, 60);
-    EXPECT_EQ(limits.idleSeconds, 30);
-    EXPECT_EQ(limits.maxReplyBytes, std::uint64_t{1} << 30);
-    EXPECT_EQ(core::StandardDescription(ErrorNumber::kHttpTimedOut), "The operation timed out");
-}
-
 TEST(HttpRequestTest, SilenceEndsTheRequestButASlowReplyThatKeepsComingIsKept) {
     const Limited limits({60, 1, 1000});
     SilentPort silent;
