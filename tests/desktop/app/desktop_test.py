@@ -22,7 +22,7 @@ import time
 
 from x_desktop import QUIET_TIME, SERVICE_PORT, SKIPS, TOOLS, USER_PORTS, Desktop, Failure, Gateway, \
     close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, ordinary_user, \
-    outer_corner, settles_at, taken_ports, two_free_ports, wait_for
+    outer_corner, settles_at, stop_process, taken_ports, two_free_ports, wait_for
 
 # The client area's height; the menu bar above it belongs to the same X11 window.
 CLIENT_HEIGHT = 435
@@ -226,12 +226,16 @@ def menu_entry_as_ordinary_user(desktop, binary, build, shots):
         desktop.start([os.path.join(bindir, "tarnwick-webmail"), "--store", store, "--demo"])
         wait_for("the installed tarnwick-webmail on its default port", lambda: is_listening(SERVICE_PORT))
 
-        log = open(os.path.join(desktop.folder, "gateway.log"), "w+")
-        gateway = Gateway(desktop, None, ports=USER_PORTS, command=command, user=user, log=log, env=env)
+        gateway = Gateway(desktop, None, ports=USER_PORTS, command=command, user=user, log=subprocess.PIPE, env=env)
         window = gateway.main_window()
         check(user is None or uid_of(gateway.process) == user.pw_uid,
               "%s started as %s" % (" ".join(command), user.pw_name if user else "this user"))
-        wait_for("POP3 on %d and SMTP on %d" % USER_PORTS, lambda: all(is_listening(p) for p in USER_PORTS))
+        try:
+            wait_for("POP3 on %d and SMTP on %d" % USER_PORTS, lambda: all(is_listening(p) for p in USER_PORTS))
+        except Failure as failure:
+            # A gateway that could not listen shows its message in a box; what it wrote may still tell why.
+            stop_process(gateway.process)
+            raise Failure("%s; the gateway wrote: %r" % (failure, gateway.process.communicate()))
         print("ok: the window is up and both servers listen on %d and %d" % USER_PORTS)
 
         client = poplib.POP3("127.0.0.1", USER_PORTS[0], timeout=30)
@@ -295,7 +299,7 @@ def main():
     if case is menu_entry_as_ordinary_user:
         fixed = USER_PORTS + (SERVICE_PORT,)
         if not enter_own_network() and taken_ports(fixed):
-            print("SKIPPED: port(s) %s are taken on this machine, and only root can give the test a network of "
+            print("SKIPPED: something on this machine listens on port(s) %s, and only root can give the test a network of "
                   "its own" % ", ".join(map(str, taken_ports(fixed))))
             return 77
         extra = (arguments.build, arguments.shots and os.path.abspath(arguments.shots))
