@@ -94,8 +94,8 @@ std::string ServerFrame::ListenFailure(const core::Error& error, std::int32_t po
     switch (error.Number()) {
         case core::ErrorNumber::kPermissionDenied:
             if (port < kFirstUnprivilegedPort)
-                return what + "the " + server + " may not listen on " + portText + ", because ports below " +
-                       first + " need privileges; use a port from " + first + " up";
+                return what + "the " + server + " may not listen on " + portText + ", because ports below " + first +
+                       " need privileges; use a port from " + first + " up";
             return what + "the system does not let the " + server + " listen on " + portText;
         case core::ErrorNumber::kAddressInUse:
             return what + "another program already listens on " + portText + ", so the " + server +

@@ -299,8 +299,8 @@ def main():
     if case is menu_entry_as_ordinary_user:
         fixed = USER_PORTS + (SERVICE_PORT,)
         if not enter_own_network() and taken_ports(fixed):
-            print("SKIPPED: something on this machine listens on port(s) %s, and only root can give the test a network of "
-                  "its own" % ", ".join(map(str, taken_ports(fixed))))
+            print("SKIPPED: something on this machine listens on port(s) %s, and only root can give the test a "
+                  "network of its own" % ", ".join(map(str, taken_ports(fixed))))
             return 77
         extra = (arguments.build, arguments.shots and os.path.abspath(arguments.shots))
     try:
