@@ -15,6 +15,7 @@ constexpr std::string_view kEndOfData = "\r\n.\r\n";
 frame::ServerProfile SmtpProfile() {
     return frame::ServerProfile{
         .socketControl = &core::IGatewayHost::WinsockSMTP,
+        .serverName = "SMTP server",
         .defaultListenPort = "25",
         .errorPrefix = "500 ",
         .unrecognisedCommandText = "Tarnwick/SMTP Gateway Server does not understand the command: ",
