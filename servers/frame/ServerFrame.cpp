@@ -231,13 +231,20 @@ void ServerFrame::SendReply(Reply reply) {
 
 void ServerFrame::SendResponse(std::string text) {
     if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
-    SendHeldReplies();
+    // The held replies go out with the response, in one write: a second small write right after the first
+    // would wait for the client to acknowledge the first.
+    holdTimer_->stop();
+    const std::size_t held = heldReplies_.size();
+    if (held != 0) {
+        text.insert(0, heldReplies_);
+        heldReplies_.clear();
+    }
     // FormatResponse in place: a retrieved message is sent and logged without a copy of it.
-    const std::size_t length = text.size();
+    const std::size_t length = text.size() - held;
     text += kCrLf;
     const auto sent = std::make_shared<const std::string>(std::move(text));
     objWinsock->SendShared(sent);
-    host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(0, length), sent);
+    host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(held, length), sent);
 }
 
 void ServerFrame::SendErrorResponse(const std::string& message) {
@@ -253,7 +260,6 @@ void ServerFrame::HoldReply(const std::string& text) {
 }
 
 void ServerFrame::SendHeldReplies() {
-    holdTimer_->stop();
     if (heldReplies_.empty()) return;
     if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
     // Taken off first: a reply that cannot be sent is not sent again to anyone.

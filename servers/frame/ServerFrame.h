@@ -120,14 +120,14 @@ private:
     const Command* FindCommand(const std::string& word) const;
 
     void SendReply(Reply reply);
-    // Sends the held replies first, then `text` with CR LF, and logs "SERVER_RESPONSE: " + text. The text is
+    // Sends the held replies and then `text` with CR LF, and logs "SERVER_RESPONSE: " + text. The text is
     // taken over, not copied: the CR LF is added in place and the socket and the log share the one text.
     void SendResponse(std::string text);
     // Drops the held replies, then sends and logs the error prefix + `message`.
     void SendErrorResponse(const std::string& message);
     // Keeps `text` with CR LF back and (re)starts the hold timer.
     void HoldReply(const std::string& text);
-    // Sends the held replies, in order, without a log entry.
+    // Sends the held replies, in order, without a log entry (the client has been waiting for them).
     void SendHeldReplies();
     // Forgets the held replies and stops the hold timer: a session that ends takes them with it.
     void DropHeldReplies();
