@@ -4,14 +4,15 @@ the rest without reading, and reads its replies one byte at a time. A pause long
 time lets the held "250 ok" replies go out; the sender then takes one of them for the reply to its message,
 takes the next for the reply to QUIT and closes with replies unread, which resets the connection.
 
-For each pause it sends --count messages of --size bytes and prints how many the sender reported sent and how
-many reached the recipient whole. Run by hand against a built gateway (TARNWICK_GATEWAY picks another binary):
+For each pause it sends --count messages of --size bytes and prints in how many the replies so far came
+during the pause, how many the sender reported sent and how many reached the recipient whole. Run by hand against a built gateway (TARNWICK_GATEWAY picks another binary):
 
   bench/smtp_pause.py --pauses 0.5,1.2,1.8,2.5
 """
 
 import argparse
 import os
+import select
 import socket
 import sys
 import time
@@ -36,8 +37,8 @@ def read_line(sock):
 
 
 def send_with_pause(port, message, pause):
-    """Sends `message` (dot-stuffed, ending with CR LF), pausing once halfway; True when the client would
-    report it sent."""
+    """Sends `message` (dot-stuffed, ending with CR LF), pausing once halfway. Returns whether the client would
+    report it sent, and whether replies had come by the end of the pause."""
     sock = socket.create_connection((HOST, port), timeout=60)
     try:
         read_line(sock)
@@ -47,13 +48,14 @@ def send_with_pause(port, message, pause):
         half = len(message) // 2
         sock.sendall(message[:half])
         time.sleep(pause)
+        early = bool(select.select([sock], [], [], 0)[0])
         sock.sendall(message[half:] + b".\r\n")
         ok = read_line(sock).startswith(b"250")
         sock.sendall(b"QUIT\r\n")
         read_line(sock)
-        return ok
+        return ok, early
     except OSError:
-        return False
+        return False, False
     finally:
         sock.close()
 
@@ -75,15 +77,17 @@ def main():
             for name in os.listdir(inbox):
                 os.remove(os.path.join(inbox, name))
             messages = [b"Message-ID: <%d@example.org>\r\n" % i + M.big_message(args.size) for i in range(args.count)]
-            reported = 0
+            reported = early = 0
             for message in messages:
                 stack.wait_listening(stack.smtp_port)
-                reported += send_with_pause(stack.smtp_port, M.stuffed(message), pause)
+                ok, replied = send_with_pause(stack.smtp_port, M.stuffed(message), pause)
+                reported += ok
+                early += replied
             stack.wait_listening(stack.smtp_port)
             stored = [C.without_trace(m) for m in stack.store.folder_messages("rcpt")]
             whole = sum(1 for m in messages if stored.count(m) == 1)
-            print("pause %.1f s: reported sent %d/%d, delivered whole %d/%d" % (pause, reported, args.count, whole,
-                                                                                 args.count), flush=True)
+            print("pause %.1f s: replies during the pause %d/%d, reported sent %d/%d, delivered whole %d/%d" % (
+                pause, early, args.count, reported, args.count, whole, args.count), flush=True)
     finally:
         stack.stop()
 
