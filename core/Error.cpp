@@ -42,6 +42,8 @@ std::string StandardDescription(std::int32_t number) {
             return "The connection with the server was terminated abnormally";
         case ErrorNumber::kHttpHeaderNotFound:
             return "The requested header was not found";
+        case ErrorNumber::kHttpSecureFailure:
+            return "A security error occurred";
         default:
             return {};
     }
