@@ -134,8 +134,9 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=()):
         self.webmail_args = list(webmail_args)
+        self.gateway_args = list(gateway_args)
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -198,7 +199,7 @@ class Stack:
             self.gateway = subprocess.Popen(
                 [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
                  "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
-                 "--service-url", self.service_url()],
+                 "--service-url", self.service_url()] + self.gateway_args,
                 stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
             deadline = time.monotonic() + START_TIMEOUT
             while time.monotonic() < deadline and self.gateway.poll() is None:
