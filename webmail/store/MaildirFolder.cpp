@@ -185,11 +185,17 @@ std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
     // reading a whole folder, so that fetching each message of a large folder does not read it once each.
     const std::string wanted(id);
     if (wanted.find(kInfoSeparator) == std::string::npos && IdOf(wanted) == wanted) {
-        for (const char* flags : {"", "S"}) {
-            const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
-            if (IsPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
+        // Another process may rename the file between two of these looks (a flag set, then cleared): a few
+        // rounds of them cost a few stat calls and find it anyway.
+        for (int round = 0; round < kRenameAttempts; ++round) {
+            for (const char* flags : {"", "S"}) {
+                const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
+                if (IsPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
+            }
+            if (const fs::path fresh = dir_ / "new" / wanted; IsPlainFile(fresh)) {
+                return MaildirEntry{wanted, fresh, ""};
+            }
         }
-        if (const fs::path fresh = dir_ / "new" / wanted; IsPlainFile(fresh)) return MaildirEntry{wanted, fresh, ""};
     }
     for (const char* sub : {"cur", "new"}) {
         for (const auto& item : fs::directory_iterator(dir_ / sub, ec)) {
@@ -220,9 +226,11 @@ bool MaildirFolder::SetSeen(std::string_view id, bool seen) const {
 bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const {
     std::error_code ec;
     if (fs::equivalent(dir_, dest.dir_, ec)) return Find(id).has_value();
+    if (dest.Find(id)) return false;
+    // Looked up and renamed at once: another process renaming it in between costs one more round.
     for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
         auto entry = Find(id);
-        if (!entry || dest.Find(id)) return false;
+        if (!entry) return false;
         const int error =
             RenameNoReplace(entry->path, dest.dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + entry->flags));
         if (error != ENOENT) return error == 0;
