@@ -334,7 +334,7 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
 
 std::string HttpServer::ClientAddress(MHD_Connection* connection, bool& fromProxy) const {
     const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    const std::string peer = info != nullptr ? AddressText(info->client_addr) : std::string();
+    std::string peer = info != nullptr ? AddressText(info->client_addr) : std::string();
     fromProxy = !options_.trustedProxy.empty() && !peer.empty() && peer == options_.trustedProxy;
     if (!fromProxy) return peer;
     const std::string forwarded =
