@@ -134,9 +134,10 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None, gateway_args=()):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
         self.webmail_args = list(webmail_args)
         self.gateway_args = list(gateway_args)
+        self.gateway_env = dict(gateway_env or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -190,7 +191,7 @@ class Stack:
     def _start_gateway(self):
         runtime = os.path.join(self.dir, "runtime")
         os.makedirs(runtime, mode=0o700, exist_ok=True)
-        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen")
+        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
         for attempt in range(5):
             self.pop3_port, self.smtp_port = free_port(), free_port()
             if self.pop3_port == self.smtp_port:

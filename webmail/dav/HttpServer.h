@@ -33,6 +33,13 @@ public:
         std::string trustedProxy;
         // The Digest nonce key shared by every instance over the same store; empty: a random one.
         std::string nonceKey;
+        // A connection on which nothing arrives or leaves for this long is closed, mid-request or between
+        // requests.
+        unsigned idleTimeoutSeconds = 60;
+        // Connections served at once: in all (more wait until one ends) and from one client address (more are
+        // closed at once).
+        unsigned maxConnections = 256;
+        unsigned maxConnectionsPerAddress = 64;
     };
 
     // Whether address (as given to Options) is a loopback address: 127.0.0.0/8 or ::1.

@@ -239,6 +239,17 @@ bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const
 }
 
 std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
+    std::string id = WriteTemp(bytes);
+    try {
+        PlaceTemp(id, intoNew, flags);
+    } catch (...) {
+        DropTemp(id);
+        throw;
+    }
+    return id;
+}
+
+std::string MaildirFolder::WriteTemp(std::string_view bytes) const {
     std::string id = UniqueName();
     const fs::path temp = dir_ / "tmp" / id;
     if (!IsMaildir(dir_)) throw std::runtime_error(dir_.string() + " is not a Maildir of its own (a link?)");
@@ -254,13 +265,18 @@ std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::st
         throw;
     }
     ::close(fd);
-    const fs::path target =
-        intoNew ? dir_ / "new" / id : dir_ / "cur" / (id + std::string(kInfoSeparator) + std::string(flags));
-    if (const int error = RenameNoReplace(temp, target); error != 0) {
-        ::unlink(temp.c_str());
-        throw std::runtime_error("cannot deliver into " + target.string() + ": " + std::strerror(error));
-    }
     return id;
 }
+
+fs::path MaildirFolder::PlaceTemp(const std::string& id, bool intoNew, std::string_view flags) const {
+    fs::path target =
+        intoNew ? dir_ / "new" / id : dir_ / "cur" / (id + std::string(kInfoSeparator) + std::string(flags));
+    if (const int error = RenameNoReplace(dir_ / "tmp" / id, target); error != 0) {
+        throw std::runtime_error("cannot deliver into " + target.string() + ": " + std::strerror(error));
+    }
+    return target;
+}
+
+void MaildirFolder::DropTemp(const std::string& id) const noexcept { ::unlink((dir_ / "tmp" / id).c_str()); }
 
 }  // namespace webmail::store
