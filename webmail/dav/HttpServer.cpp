@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -358,10 +359,16 @@ std::string HttpServer::BaseUrl(MHD_Connection* connection, bool fromProxy) cons
 
 void HttpServer::LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                          const std::string& user) {
-    std::lock_guard lock(logMutex_);
-    std::fprintf(stderr, "%s %s %u %s %s\n", Printable(method).c_str(), Printable(url).c_str(), status,
-                 std::to_string(bytes).c_str(), Printable(user).c_str());
-    std::fflush(stderr);
+    // One write of the whole line and no lock: the kernel keeps the lines of concurrent writes to one file or
+    // pipe whole, where a lock would make every worker wait for the others' writes.
+    const std::string line = Printable(method) + " " + Printable(url) + " " + std::to_string(status) + " " +
+                             std::to_string(bytes) + " " + Printable(user) + "\n";
+    for (std::size_t done = 0; done < line.size();) {
+        const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;  // a log that cannot be written must not stop the service
+        done += static_cast<std::size_t>(n);
+    }
 }
 
 }  // namespace webmail::dav

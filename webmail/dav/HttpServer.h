@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "webmail/dav/DigestAuth.h"
@@ -85,7 +84,6 @@ private:
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t boundPort_ = 0;
     DigestAuth digest_;
-    std::mutex logMutex_;
 };
 
 }  // namespace webmail::dav
