@@ -33,6 +33,21 @@ def first_stat(port):
     return elapsed, count
 
 
+def cpu_seconds(pids):
+    """User and system CPU time the processes have used so far."""
+    ticks = 0
+    for pid in pids:
+        with open("/proc/%d/stat" % pid) as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        ticks += int(fields[11]) + int(fields[12])
+    return ticks / os.sysconf("SC_CLK_TCK")
+
+
+def children(pid):
+    with open("/proc/%d/task/%d/children" % (pid, pid)) as f:
+        return [int(p) for p in f.read().split()]
+
+
 def ab(url, requests, concurrency, auth=None):
     """Requests per second of one ab run; fails on any failed or non-2xx request."""
     args = ["ab", "-q", "-k", "-c", str(concurrency), "-n", str(requests)]
@@ -132,18 +147,25 @@ def main():
             webmail_url = "http://127.0.0.1:%d/mail/%s/folders/INBOX/ab-message" % (serve.port, B.USER)
             nginx_url = "http://127.0.0.1:%d/message" % static_port
             rates = {"webmail": [], "nginx": []}
+            # CPU time per request as well: on a shared machine it varies far less than requests per second.
+            cpu = {"webmail": [], "nginx": []}
+            servers = {"webmail": (webmail_url, [serve.proc.pid], "%s:%s" % (B.USER, B.PASSWORD)),
+                       "nginx": (nginx_url, children(static.proc.pid), None)}
             for _ in range(args.pairs):
-                rates["webmail"].append(ab(webmail_url, args.requests, args.concurrency,
-                                           "%s:%s" % (B.USER, B.PASSWORD)))
-                rates["nginx"].append(ab(nginx_url, args.requests, args.concurrency))
+                for name, (url, pids, auth) in servers.items():
+                    before = cpu_seconds(pids)
+                    rates[name].append(ab(url, args.requests, args.concurrency, auth))
+                    cpu[name].append((cpu_seconds(pids) - before) / args.requests)
             print("\nGET of one 12 KB message, ab -k -c %d -n %d:" % (args.concurrency, args.requests))
             for name in rates:
-                print("  %-24s %s" % (name, B.describe(rates[name], "req/s")))
+                print("  %-24s %s; CPU %s" % (name, B.describe(rates[name], "req/s"),
+                                               B.describe(cpu[name], "us/request", 1e6)))
             pair = [w / n for w, n in zip(rates["webmail"], rates["nginx"])]
             ratios.append("GET 12 KB, webmail / nginx requests per second: %.2f x (per pair: median %.2f, min %.2f, "
                           "max %.2f)  [goal >= 0.80]" % (statistics.median(rates["webmail"]) /
                                                           statistics.median(rates["nginx"]),
                                                           statistics.median(pair), min(pair), max(pair)))
+            ratios.append(B.ratio_line("GET 12 KB, CPU per request, webmail / nginx", cpu["webmail"], cpu["nginx"]))
         B.print_ratios(ratios)
     finally:
         for stop in reversed(stoppers):
