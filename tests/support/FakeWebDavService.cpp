@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 
 namespace testing_support {
 namespace {
@@ -52,23 +51,6 @@ ssize_t BreakOffReader(void* cls, uint64_t pos, char* buf, size_t max) {
 
 void FreeBreakOff(void* cls) { delete static_cast<BreakOff*>(cls); }
 
-struct Paced {
-    std::string body;
-    std::chrono::milliseconds pause;
-};
-
-ssize_t PacedReader(void* cls, uint64_t pos, char* buf, size_t max) {
-    const auto* p = static_cast<Paced*>(cls);
-    if (pos >= p->body.size()) return MHD_CONTENT_READER_END_OF_STREAM;
-    std::this_thread::sleep_for(p->pause);
-    const size_t piece = std::max<size_t>(1, (p->body.size() + 3) / 4);
-    const size_t n = std::min({max, piece, p->body.size() - pos});
-    p->body.copy(buf, n, pos);
-    return static_cast<ssize_t>(n);
-}
-
-void FreePaced(void* cls) { delete static_cast<Paced*>(cls); }
-
 }  // namespace
 
 std::optional<std::string> RecordedRequest::Header(const std::string& name) const {
@@ -95,7 +77,7 @@ ScriptedReply DavReply(std::string body, int status, std::string davError) {
 }
 
 FakeWebDavService::FakeWebDavService(Auth auth, std::string user, std::string password)
-    : auth_(auth), user_(user), password_(password), digest_(kRealm, std::move(user), std::move(password)) {
+    : auth_(auth), user_(std::move(user)), password_(std::move(password)) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = 0;
@@ -127,11 +109,6 @@ void FakeWebDavService::ClearScript() {
 std::vector<RecordedRequest> FakeWebDavService::Requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
-}
-
-void FakeWebDavService::ExpireNonces() {
-    std::lock_guard lock(mutex_);
-    digest_.ExpireNonces();
 }
 
 int FakeWebDavService::Challenges() const {
@@ -170,19 +147,6 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
             MHD_destroy_response(r);
             return q == MHD_YES;
         }
-    } else if (auth_ == Auth::Digest) {
-        std::lock_guard lock(mutex_);
-        const auto verdict = digest_.Check(pending->request.Header("Authorization").value_or(""),
-                                           pending->request.method, pending->request.path);
-        if (verdict != DigestGate::Verdict::Accepted) {
-            ++challenges_;
-            MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-            MHD_add_response_header(r, "WWW-Authenticate",
-                                    digest_.Challenge(verdict == DigestGate::Verdict::Stale).c_str());
-            const MHD_Result q = MHD_queue_response(connection, 401, r);
-            MHD_destroy_response(r);
-            return q == MHD_YES;
-        }
     }
 
     ScriptedReply reply;
@@ -200,9 +164,6 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
     if (reply.breakOff) {
         auto* b = new BreakOff{reply.body};
         response = MHD_create_response_from_callback(reply.body.size() + 1000, 4096, &BreakOffReader, b, &FreeBreakOff);
-    } else if (reply.pace.count() > 0) {
-        auto* p = new Paced{reply.body, reply.pace};
-        response = MHD_create_response_from_callback(reply.body.size(), 4096, &PacedReader, p, &FreePaced);
     } else {
         response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(), MHD_RESPMEM_MUST_COPY);
     }

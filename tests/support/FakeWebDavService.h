@@ -1,9 +1,7 @@
 // A scripted WebDAV service on 127.0.0.1 for tests: records every request exactly as it arrived and answers
-// each from a queue of scripted replies. Optionally demands Basic or Digest credentials first
-// (Digest with nonces that serve any address, each use counted by nc).
+// each from a queue of scripted replies. Optionally demands Basic credentials first.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -12,7 +10,6 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/DigestGate.h"
 #include "tests/support/LoopbackPort.h"
 
 struct MHD_Daemon;
@@ -40,8 +37,6 @@ struct ScriptedReply {
     HeaderList headers;
     std::string body;
     bool breakOff = false;  // promise more body than is sent, then drop the connection
-    // When set, the body goes out in four pieces with this pause before each: a slow reply that keeps coming.
-    std::chrono::milliseconds pace{0};
 };
 
 // A 200 reply carrying an "X-Dav-Error" header, as the service sends with every reply.
@@ -49,7 +44,7 @@ ScriptedReply DavReply(std::string body, int status = 200, std::string davError 
 
 class FakeWebDavService {
 public:
-    enum class Auth { None, Basic, Digest };
+    enum class Auth { None, Basic };
 
     explicit FakeWebDavService(Auth auth = Auth::None, std::string user = {}, std::string password = {});
     ~FakeWebDavService();
@@ -64,8 +59,6 @@ public:
     void ClearScript();
     // Every authenticated request so far, in arrival order.
     std::vector<RecordedRequest> Requests() const;
-    // Digest: every nonce handed out so far goes stale; its next use is challenged with "stale=true".
-    void ExpireNonces();
     // How many requests were answered with an authentication challenge.
     int Challenges() const;
 
@@ -77,7 +70,6 @@ private:
     Auth auth_;
     std::string user_;
     std::string password_;
-    DigestGate digest_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t port_ = 0;
     mutable std::mutex mutex_;
