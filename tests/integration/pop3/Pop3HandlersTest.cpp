@@ -127,19 +127,6 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
     EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 3) << "a bad number calls nothing on the service";
 }
 
-TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
-    ScriptLoad({kPlain, kDots});
-    auto reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + kDots.body.size()) + "\r\n");
-    reader.reset();
-    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-
-    ScriptLoad({kDots});
-    reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 1 " + kDots.Size() + "\r\n");
-    EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + LoadRequests(1));
-}
-
 TEST_F(Pop3HandlersTest, UserAndPassFillTheCredentialStoreWithoutReachingTheService) {
     LineClient reader(port);
     reader.ReceiveLine();
