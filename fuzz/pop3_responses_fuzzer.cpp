@@ -37,7 +37,7 @@ std::string UnstuffDots(std::string_view text) {
 void CheckRetr(const std::string& body) {
     mailservice::CHotmailMessage message;
     message.mLength = std::to_string(body.size());
-    message.mBody = body;
+    message.mBody = core::SpoolText::Store(body);
     const std::string head = "+OK " + message.mLength + " octets\r\nX-Application: Tarnwick Gateway - 0.2.0\r\n";
     // What goes on the wire: the response and the CR LF the frame adds.
     const std::string wire = R::BuildRETRResponse(message, "Tarnwick Gateway", "0.2.0") + "\r\n";

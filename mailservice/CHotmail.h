@@ -7,6 +7,8 @@
 #include <string>
 
 #include "core/Collection.h"
+#include "core/SpoolFile.h"
+#include "core/SpoolText.h"
 #include "mailservice/CHotmailFolder.h"
 #include "mailservice/CHotmailMessage.h"
 
@@ -70,6 +72,9 @@ public:
     void ParseMailboxInfo(const std::string& ukey);
     // The reply text of a GET of `strMessageURL`; stores nothing.
     std::string GetMessage(const std::string& strMessageURL);
+    // The same reply text, appended to `spool` as it arrives instead of kept in memory; its stretch of the
+    // file. A failed write to the spool raises the spool's error.
+    core::SpoolText GetMessage(const std::string& strMessageURL, const std::shared_ptr<core::SpoolFile>& spool);
     // Sets / clears the read flag of the message at `ukey`, then lists `currentfolder` again.
     void FlagMailRead(const std::string& ukey, const std::string& currentfolder);
     void FlagMailUnread(const std::string& ukey, const std::string& currentfolder);

@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <utility>
 
 #include "core/Error.h"
 #include "core/Trap.h"
@@ -90,6 +91,7 @@ void HttpRequest::Open(const std::string& method, const std::string& url, bool a
     headers_.clear();
     body_.clear();
     responseText_.clear();
+    sink_ = nullptr;
     haveReply_ = false;
 }
 
@@ -142,6 +144,7 @@ void HttpRequest::Send(const std::string& body) {
 void HttpRequest::Perform(const std::string* body) {
     CURL* h = Handle(curl_);
     responseText_.clear();
+    sinkError_ = nullptr;
     haveReply_ = false;
 
     // Per-request options are reset one by one rather than with curl_easy_reset, which would also drop the
@@ -182,6 +185,8 @@ void HttpRequest::Perform(const std::string* body) {
     curl_easy_setopt(h, CURLOPT_POSTFIELDS, nullptr);
     if (result != CURLE_OK) {
         responseText_.clear();
+        // The sink's own error (a full disk, say) says more than libcurl's "write error".
+        if (sinkError_) std::rethrow_exception(std::exchange(sinkError_, nullptr));
         FailFor(result);
     }
     haveReply_ = true;
@@ -190,8 +195,12 @@ void HttpRequest::Perform(const std::string* body) {
 
 std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     // Never let an exception cross libcurl: a failed append aborts the transfer instead.
+    auto* request = static_cast<HttpRequest*>(self);
     try {
-        auto* request = static_cast<HttpRequest*>(self);
+        if (request->sink_) {
+            request->sink_(std::string_view(data, size * count));
+            return size * count;
+        }
         std::string& text = request->responseText_;
         if (text.empty()) {
             // Room for the whole announced body at once: a message of many megabytes would otherwise grow
@@ -206,6 +215,7 @@ std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count,
         text.append(data, size * count);
         return size * count;
     } catch (...) {
+        request->sinkError_ = std::current_exception();
         return 0;
     }
 }
@@ -235,6 +245,7 @@ void HttpRequest::Abort() noexcept {
     headers_.clear();
     body_.clear();
     responseText_.clear();
+    sink_ = nullptr;
     haveReply_ = false;
 }
 

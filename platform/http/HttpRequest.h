@@ -4,7 +4,10 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <functional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -12,6 +15,10 @@ namespace platform {
 
 class HttpRequest {
 public:
+    // Takes the reply body piece by piece as it arrives, in place of ResponseText; an error it raises ends
+    // the transfer and is raised again by Send.
+    using BodySink = std::function<void(std::string_view piece)>;
+
     // A request object with no request open yet.
     HttpRequest();
     // Releases the handle and its connection; never throws.
@@ -29,6 +36,9 @@ public:
     void SetCredentials(const std::string& user, const std::string& password, bool forServer = true);
     // Adds a request header, sent in the order added; an empty value still sends the header.
     void SetRequestHeader(const std::string& name, const std::string& value);
+    // Hands the reply body of the next Send to `sink` instead of keeping it (ResponseText stays empty).
+    // Open drops the sink.
+    void SetResponseSink(BodySink sink) { sink_ = std::move(sink); }
     // Sends the request without a body and waits for the whole reply.
     void Send();
     // Sends the request with `body` (bytes unchanged) and waits for the whole reply.
@@ -56,6 +66,9 @@ private:
     std::vector<std::pair<std::string, std::string>> headers_;
     std::string body_;
     std::string responseText_;
+    BodySink sink_;
+    // What the sink raised, kept across libcurl to be raised again after the transfer.
+    std::exception_ptr sinkError_;
     bool haveReply_ = false;
     // Credentials are set and any scheme is still allowed: the server has not yet named its own.
     bool schemeOpen_ = false;

@@ -178,7 +178,11 @@ void ServerFrame::RunCommand(const Command& command, const Request& request) {
 void ServerFrame::SendReply(Reply reply) {
     switch (reply.kind) {
         case Reply::Kind::kResponse:
-            SendResponse(std::move(reply.text));
+            if (reply.pieces) {
+                SendStreamedResponse(reply.pieces);
+            } else {
+                SendResponse(std::move(reply.text));
+            }
             break;
         case Reply::Kind::kUnlogged:
             SendUnloggedResponse(reply.text);
@@ -197,6 +201,13 @@ void ServerFrame::SendResponse(std::string text) {
     const auto sent = std::make_shared<const std::string>(std::move(text));
     objWinsock->SendShared(sent);
     host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(0, length), sent);
+}
+
+void ServerFrame::SendStreamedResponse(const core::TextPiecesSource& pieces) {
+    if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
+    objWinsock->SendPieces(pieces());
+    objWinsock->SendData(kCrLf);
+    host_.WriteLogPieces("SERVER_RESPONSE: ", *pieces());
 }
 
 void ServerFrame::SendUnloggedResponse(const std::string& text) {

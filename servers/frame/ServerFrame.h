@@ -110,6 +110,9 @@ private:
     // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text. The text is taken over, not copied: the
     // CR LF is added in place and the socket and the log share the one text.
     void SendResponse(std::string text);
+    // Sends the text `pieces` reads with CR LF and logs "SERVER_RESPONSE: " + that text, each reading it anew
+    // in pieces.
+    void SendStreamedResponse(const core::TextPiecesSource& pieces);
     // Sends `text` with CR LF and writes no log entry.
     void SendUnloggedResponse(const std::string& text);
     // Sends and logs the error prefix + `message`.

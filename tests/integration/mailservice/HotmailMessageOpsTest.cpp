@@ -70,7 +70,7 @@ TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
         EXPECT_TRUE(reqs[0].ExtraHeaderNames().empty());
         EXPECT_EQ(reqs[1].path, "/folder");
         ASSERT_EQ(mail_.GetMailCollection()->Count(), 1);
-        EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody, "text");
+        EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody.ReadAll(), "text");
         EXPECT_EQ(mail_.HotmailError(), "207 listed");
     }
 }

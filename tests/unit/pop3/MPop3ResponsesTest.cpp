@@ -65,7 +65,7 @@ TEST(Pop3Responses, RetrCarriesTheBodyDotStuffedAfterTheSizeAndApplicationLines)
     for (const auto& [body, expected] : cases) {
         CHotmailMessage m;
         m.mLength = "1200";
-        m.mBody = body;
+        m.mBody = core::SpoolText::Store(body);
         EXPECT_EQ(R::BuildRETRResponse(m, "Tarnwick Gateway", "0.2.0"),
                   "+OK 1200 octets\r\nX-Application: Tarnwick Gateway - 0.2.0\r\n" + expected)
             << testing::PrintToString(body);
