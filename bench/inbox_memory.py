@@ -53,25 +53,28 @@ def read_response(sock):
 
 
 def session(port, count, session_pid=None):
-    """Log in, STAT (timed), RETR 1..count, then QUIT. Returns (first STAT time, bytes, pop3 process peak)."""
+    """Log in, STAT (timed), RETR 1..count (timed), then QUIT. Returns (first STAT time, RETR time, bytes,
+    pop3 process peak)."""
     pop = B.pop3_login(port)
     stat_time, (n, _) = B.timed(pop.stat)
     if n != count:
         raise RuntimeError("STAT counted %d messages, not %d" % (n, count))
     received = 0
+    start = time.perf_counter()
     for i in range(1, count + 1):
         pop.sock.sendall(b"RETR %d\r\n" % i)
         received += read_response(pop.sock)
+    retr_time = time.perf_counter() - start
     peak = B.peak_rss_mb(session_pid()) if session_pid else None
     pop.quit()
-    return stat_time, received, peak
+    return stat_time, retr_time, received, peak
 
 
 def measure(name, count, size, args, gateway_bin, webmail_bin, work):
     store = B.Store(os.path.join(work, "store"), count, size)
     webmail = B.Webmail(webmail_bin, store, work)
     dovecot = C.Dovecot(store.maildir, work)
-    idle, peak, web, dove, g_stat, d_stat = [], [], [], [], [], []
+    idle, peak, web, dove, g_stat, d_stat, g_retr, d_retr = [], [], [], [], [], [], [], []
     try:
         for _ in range(args.pairs):
             gateway = B.Gateway(gateway_bin, webmail.url(), work)
@@ -80,14 +83,16 @@ def measure(name, count, size, args, gateway_bin, webmail_bin, work):
                 time.sleep(0.5)
                 idle.append(B.peak_rss_mb(gateway.proc.pid))
                 B.reset_peak_rss(webmail.proc.pid)
-                stat, g_bytes, _ = session(gateway.pop3_port, count)
+                stat, retr, g_bytes, _ = session(gateway.pop3_port, count)
                 g_stat.append(stat)
+                g_retr.append(retr)
                 peak.append(B.peak_rss_mb(gateway.proc.pid))
                 web.append(B.peak_rss_mb(webmail.proc.pid))
             finally:
                 gateway.stop()
-            stat, d_bytes, d_peak = session(dovecot.port, count, dovecot.session_pid)
+            stat, retr, d_bytes, d_peak = session(dovecot.port, count, dovecot.session_pid)
             d_stat.append(stat)
+            d_retr.append(retr)
             dove.append(d_peak)
     finally:
         dovecot.stop()
@@ -97,9 +102,10 @@ def measure(name, count, size, args, gateway_bin, webmail_bin, work):
     med = statistics.median
     print("%s: gateway idle %s; gateway peak %s; webmail peak %s; Dovecot peak %s" % (
         name, B.describe(idle, "MB"), B.describe(peak, "MB"), B.describe(web, "MB"), B.describe(dove, "MB")))
-    print("%s: first STAT: gateway %s; Dovecot %s; RETR bytes read: gateway %d, Dovecot %d" % (
-        name, B.describe(g_stat), B.describe(d_stat), g_bytes, d_bytes))
-    return (name, med(idle), med(peak), med(web), med(dove), med(g_stat), med(d_stat))
+    print("%s: first STAT: gateway %s; Dovecot %s" % (name, B.describe(g_stat), B.describe(d_stat)))
+    print("%s: RETR of every message: gateway %s; Dovecot %s; bytes read: gateway %d, Dovecot %d" % (
+        name, B.describe(g_retr), B.describe(d_retr), g_bytes, d_bytes))
+    return (name, med(idle), med(peak), med(web), med(dove), med(g_stat), med(d_stat), med(g_retr), med(d_retr))
 
 
 def main():
@@ -124,11 +130,11 @@ def main():
         B.remove_workdir(work)
     print()
     print("| inbox | gateway idle | gateway peak | peak - idle | webmail peak | Dovecot peak | first STAT gateway |"
-          " first STAT Dovecot |")
-    print("|---|---|---|---|---|---|---|---|")
-    for name, idle, peak, web, dove, g_stat, d_stat in rows:
-        print("| %s | %.0f MB | %.0f MB | %.0f MB | %.0f MB | %.0f MB | %.3f s | %.3f s |" % (
-            name, idle, peak, peak - idle, web, dove, g_stat, d_stat))
+          " first STAT Dovecot | RETR all gateway | RETR all Dovecot |")
+    print("|---|---|---|---|---|---|---|---|---|---|")
+    for name, idle, peak, web, dove, g_stat, d_stat, g_retr, d_retr in rows:
+        print("| %s | %.0f MB | %.0f MB | %.0f MB | %.0f MB | %.0f MB | %.3f s | %.3f s | %.3f s | %.3f s |" % (
+            name, idle, peak, peak - idle, web, dove, g_stat, d_stat, g_retr, d_retr))
     print()
     for name, idle, peak, *_ in rows:
         print("gateway peak above idle, %s: %.0f MB  [goal <= 40 MB]" % (name, peak - idle))

@@ -71,6 +71,9 @@ void SocketControl::Accept(std::int32_t requestId) {
     pending_ = nullptr;
     received_.clear();
     errorRaised_ = false;
+    // A response that goes out in several writes (a message read in pieces) must not have its last bytes
+    // wait for the client's acknowledgement of the ones before: the client is waiting for them.
+    socket_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket_, &QTcpSocket::readyRead, this, &SocketControl::OnReadyRead);
     connect(socket_, &QTcpSocket::bytesWritten, this, &SocketControl::OnBytesWritten);
     connect(socket_, &QTcpSocket::errorOccurred, this, &SocketControl::OnSocketError);

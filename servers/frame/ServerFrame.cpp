@@ -17,6 +17,40 @@ namespace {
 constexpr const char* kIdleCommand = "CONN";
 constexpr const char* kCrLf = "\r\n";
 
+// A text read in pieces with CR LF added to its last piece: the response as it goes out, in one stream, so
+// that its end never waits in a small packet of its own.
+class CrLfAfter : public core::ITextPieces {
+public:
+    explicit CrLfAfter(core::TextPiecesPtr text) : text_(std::move(text)) {}
+
+    bool Next(std::string& piece) override {
+        if (done_) {
+            piece.clear();
+            return false;
+        }
+        // One piece ahead, so that the CR LF joins the last one.
+        if (!started_) {
+            started_ = true;
+            haveNext_ = text_->Next(next_);
+        }
+        piece = std::move(next_);
+        next_.clear();
+        haveNext_ = haveNext_ && text_->Next(next_);
+        if (!haveNext_) {
+            piece += kCrLf;
+            done_ = true;
+        }
+        return true;
+    }
+
+private:
+    core::TextPiecesPtr text_;
+    std::string next_;
+    bool started_ = false;
+    bool haveNext_ = false;
+    bool done_ = false;
+};
+
 }  // namespace
 
 ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands)
@@ -205,8 +239,7 @@ void ServerFrame::SendResponse(std::string text) {
 
 void ServerFrame::SendStreamedResponse(const core::TextPiecesSource& pieces) {
     if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
-    objWinsock->SendPieces(pieces());
-    objWinsock->SendData(kCrLf);
+    objWinsock->SendPieces(std::make_unique<CrLfAfter>(pieces()));
     host_.WriteLogPieces("SERVER_RESPONSE: ", *pieces());
 }
 

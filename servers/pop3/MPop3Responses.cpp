@@ -70,9 +70,10 @@ public:
         piece.clear();
         switch (stage_) {
             case Stage::kHead:
-                stage_ = Stage::kBody;
+                // The head lines go out with the first stretch of the body, not in a small packet of their own.
                 piece = std::move(head_);
-                return true;
+                stage_ = Stage::kBody;
+                [[fallthrough]];
             case Stage::kBody:
                 if (body_->Next(raw_)) {
                     stuffer_.Append(piece, raw_);
