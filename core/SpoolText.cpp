@@ -11,7 +11,10 @@ namespace {
 class SpoolPieces : public ITextPieces {
 public:
     SpoolPieces(std::shared_ptr<const SpoolFile> file, std::uint64_t offset, std::uint64_t size, std::size_t pieceBytes)
-        : file_(std::move(file)), next_(offset), end_(offset + size), pieceBytes_(std::max<std::size_t>(pieceBytes, 1)) {}
+        : file_(std::move(file)),
+          next_(offset),
+          end_(offset + size),
+          pieceBytes_(std::max<std::size_t>(pieceBytes, 1)) {}
 
     bool Next(std::string& piece) override {
         piece.clear();

@@ -48,8 +48,9 @@ void CheckRetr(const std::string& body) {
     Check(UnstuffDots(stuffed) == body, "undoing the dot stuffing gives the message text back");
     Check(R::StuffDots(body) == stuffed, "the body part is StuffDots of the message text");
     const std::size_t pieceBytes = 1 + body.size() % 7;
-    Check(core::ReadAllPieces(*R::RETRResponsePieces(message, "Tarnwick Gateway", "0.2.0", pieceBytes)) + "\r\n" == wire,
-          "RETR read in small pieces is the same text");
+    Check(
+        core::ReadAllPieces(*R::RETRResponsePieces(message, "Tarnwick Gateway", "0.2.0", pieceBytes)) + "\r\n" == wire,
+        "RETR read in small pieces is the same text");
 }
 
 void CheckListings(const std::string& text) {

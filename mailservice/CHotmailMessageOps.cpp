@@ -19,8 +19,7 @@ std::string CHotmail::GetMessage(const std::string& strMessageURL) {
     });
 }
 
-core::SpoolText CHotmail::GetMessage(const std::string& strMessageURL,
-                                     const std::shared_ptr<core::SpoolFile>& spool) {
+core::SpoolText CHotmail::GetMessage(const std::string& strMessageURL, const std::shared_ptr<core::SpoolFile>& spool) {
     return core::Trap("GetMessage Method", [&] {
         d_->HttpRequest.Open("GET", strMessageURL, false);
         const std::uint64_t start = spool->Size();

@@ -162,7 +162,9 @@ void SocketControl::ReportEarlyWrites() {
 void SocketControl::RaiseSendEvents(qint64 bytes, std::int32_t remaining) {
     QTcpSocket* socket = socket_;
     RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
-    if (socket_ == socket && remaining == 0 && NothingLeft()) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    if (socket_ == socket && remaining == 0 && NothingLeft()) {
+        RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    }
 }
 
 void SocketControl::Feed(bool everything) {
@@ -222,9 +224,7 @@ std::int32_t SocketControl::BytesRemaining() const {
     return static_cast<std::int32_t>(std::min<std::int64_t>(total, std::numeric_limits<std::int32_t>::max()));
 }
 
-bool SocketControl::NothingLeft() const {
-    return outgoing_.empty() && (!socket_ || socket_->bytesToWrite() == 0);
-}
+bool SocketControl::NothingLeft() const { return outgoing_.empty() && (!socket_ || socket_->bytesToWrite() == 0); }
 
 template <typename Step>
 void SocketControl::Later(QTcpSocket* socket, Step step) {

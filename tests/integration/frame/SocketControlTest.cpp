@@ -100,8 +100,8 @@ TEST_F(SocketControlTest, APieceThatCannotBeReadBreaksTheConnectionOff) {
     int read = 0;
     control.SendPieces(std::make_unique<CountingPieces>(read, 3));
     control.SendData("END");
-    ASSERT_TRUE(QTest::qWaitFor([&] { return client.socket.state() == QAbstractSocket::UnconnectedState; },
-                                kTimeoutMs));
+    ASSERT_TRUE(
+        QTest::qWaitFor([&] { return client.socket.state() == QAbstractSocket::UnconnectedState; }, kTimeoutMs));
     const QByteArray got = client.socket.readAll();
     // What went out before the failure, at most, and never the end of the text.
     EXPECT_LE(static_cast<std::size_t>(got.size()), 3 * kPieceBytes);

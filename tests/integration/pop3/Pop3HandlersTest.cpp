@@ -137,22 +137,22 @@ TEST_F(Pop3HandlersTest, ALongMessageGoesOutInPiecesExactlyAsOneText) {
     constexpr std::size_t kPiece = core::SpoolText::kPieceBytes;
     std::string body(5 * kPiece + 123, 'x');
     for (std::size_t at = 80; at < body.size(); at += 80) body.replace(at - 2, 2, "\r\n");
-    body.replace(kPiece - 2, 3, "\r\n.");  // CR LF before the first cut, the dot after it
-    body.replace(2 * kPiece, 3, "\r\n.");  // the second piece begins with the dot line's CR LF
+    body.replace(kPiece - 2, 3, "\r\n.");      // CR LF before the first cut, the dot after it
+    body.replace(2 * kPiece, 3, "\r\n.");      // the second piece begins with the dot line's CR LF
     body.replace(3 * kPiece - 1, 3, "\r\n.");  // CR before the third cut, LF and dot after it
     const Listed big{"BIG", body};
     ScriptLoad({big});
     auto reader = LogIn();
     const std::string retr = reader->AskMultiLine("RETR 1\r\n");
-    const std::string expected = "+OK " + big.Size() + " octets\r\n" + kAppLine +
-                                 servers::pop3::MPop3Responses::StuffDots(body) + "\r\n.\r\n";
+    const std::string expected =
+        "+OK " + big.Size() + " octets\r\n" + kAppLine + servers::pop3::MPop3Responses::StuffDots(body) + "\r\n.\r\n";
     EXPECT_EQ(retr.size(), expected.size());
     EXPECT_TRUE(retr == expected) << "the retrieved text differs from the stuffed message";
     EXPECT_EQ(servers::pop3::MPop3Responses::StuffDots(body).size(), body.size() + 3);
     EXPECT_EQ(reader->Ask("QUIT\r\n"), kGoodBye);
     ASSERT_TRUE(WaitForLog("CLIENT_REQUEST: QUIT\r\n"));
-    EXPECT_EQ(std::count(host.log.begin(), host.log.end(), "SERVER_RESPONSE: " + expected.substr(0, expected.size() - 2)),
-              1);
+    EXPECT_EQ(
+        std::count(host.log.begin(), host.log.end(), "SERVER_RESPONSE: " + expected.substr(0, expected.size() - 2)), 1);
 }
 
 // The file system refuses the spool's writes (here through the file size limit, which needs no privileges):
@@ -177,7 +177,8 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
 
     ScriptLoad({kPlain, big});
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
-    EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"), "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
+    EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
+              "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
 TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
