@@ -3,10 +3,12 @@
 // as a core::Error raised through MErrorHandler::HandleError with the failing operation's label.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "core/Collection.h"
+#include "core/ITextPieces.h"
 #include "core/SpoolFile.h"
 #include "core/SpoolText.h"
 #include "mailservice/CHotmailFolder.h"
@@ -84,6 +86,9 @@ public:
     std::string MoveMail(const std::string& uMail, const std::string& mSrcFolder, const std::string& mDestFolder);
     // Posts `strMessage` (a message/rfc821 text) to OutboxURL; returns the reply header block.
     std::string SendMail(const std::string& strMessage);
+    // The same post, with the `size` bytes of the message read a piece at a time as they go out (a message
+    // kept on disk); `strMessage` gives a reader from the start each time it is called.
+    std::string SendMail(const core::TextPiecesSource& strMessage, std::uint64_t size);
 
 private:
     struct Impl;

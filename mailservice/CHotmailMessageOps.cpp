@@ -87,4 +87,13 @@ std::string CHotmail::SendMail(const std::string& strMessage) {
     });
 }
 
+std::string CHotmail::SendMail(const core::TextPiecesSource& strMessage, std::uint64_t size) {
+    return core::Trap("SendMail Method", [&] {
+        d_->HttpRequest.Open("POST", d_->OutboxURL, false);
+        d_->HttpRequest.SetRequestHeader("Content-Type", "message/rfc821");
+        d_->HttpRequest.Send(strMessage, size);
+        return d_->ActionReply();
+    });
+}
+
 }  // namespace mailservice

@@ -2,7 +2,11 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
 #include <memory>
+#include <type_traits>
 #include <utility>
 
 #include "core/Error.h"
@@ -141,10 +145,23 @@ void HttpRequest::Send(const std::string& body) {
     Perform(&body_);
 }
 
-void HttpRequest::Perform(const std::string* body) {
+void HttpRequest::Send(const core::TextPiecesSource& body, std::uint64_t size) {
+    upload_ = body;
+    try {
+        Perform(nullptr, size);
+    } catch (...) {
+        upload_ = nullptr;
+        uploadReader_.reset();
+        throw;
+    }
+    upload_ = nullptr;
+    uploadReader_.reset();
+}
+
+void HttpRequest::Perform(const std::string* body, std::optional<std::uint64_t> uploadSize) {
     CURL* h = Handle(curl_);
     responseText_.clear();
-    sinkError_ = nullptr;
+    callbackError_ = nullptr;
     haveReply_ = false;
 
     // Per-request options are reset one by one rather than with curl_easy_reset, which would also drop the
@@ -156,10 +173,22 @@ void HttpRequest::Perform(const std::string* body) {
         // POSTFIELDS with an explicit size: bytes go out unchanged, NULs and all, with a Content-Length.
         Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size())));
         Check(curl_easy_setopt(h, CURLOPT_POSTFIELDS, body->data()));
+    } else if (uploadSize) {
+        // The same request with the body read as it goes: a POST of a known size, so a Content-Length again.
+        uploadReader_ = upload_();
+        uploadPiece_.clear();
+        uploadOffset_ = 0;
+        Check(curl_easy_setopt(h, CURLOPT_POST, 1L));
+        Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(*uploadSize)));
+        Check(curl_easy_setopt(h, CURLOPT_READFUNCTION, &HttpRequest::OnUpload));
+        Check(curl_easy_setopt(h, CURLOPT_READDATA, this));
+        Check(curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &HttpRequest::OnUploadSeek));
+        Check(curl_easy_setopt(h, CURLOPT_SEEKDATA, this));
     }
+    const bool hasBody = body || uploadSize;
     // A custom method with no body stays body-less: libcurl sends neither body nor Content-Length for it.
     // libcurl's own method (GET without a body, POST with one) needs no override; any other is sent as named.
-    const bool ownMethod = (method_ == "GET" && !body) || (method_ == "POST" && body);
+    const bool ownMethod = (method_ == "GET" && !hasBody) || (method_ == "POST" && hasBody);
     Check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, ownMethod ? nullptr : method_.c_str()));
 
     Slist list;
@@ -173,7 +202,7 @@ void HttpRequest::Perform(const std::string* body) {
     // Headers libcurl would add on its own; "Name:" with no value tells it to leave them out.
     Append(list, "Accept:");
     Append(list, "Expect:");
-    if (body && !HasHeader(headers_, "Content-Type")) {
+    if (hasBody && !HasHeader(headers_, "Content-Type")) {
         // A body given through POSTFIELDS would otherwise be labelled as a form.
         Append(list, "Content-Type:");
     }
@@ -186,7 +215,7 @@ void HttpRequest::Perform(const std::string* body) {
     if (result != CURLE_OK) {
         responseText_.clear();
         // The sink's own error (a full disk, say) says more than libcurl's "write error".
-        if (sinkError_) std::rethrow_exception(std::exchange(sinkError_, nullptr));
+        if (callbackError_) std::rethrow_exception(std::exchange(callbackError_, nullptr));
         FailFor(result);
     }
     haveReply_ = true;
@@ -215,8 +244,43 @@ std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count,
         text.append(data, size * count);
         return size * count;
     } catch (...) {
-        request->sinkError_ = std::current_exception();
+        request->callbackError_ = std::current_exception();
         return 0;
+    }
+}
+
+std::size_t HttpRequest::OnUpload(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto* request = static_cast<HttpRequest*>(self);
+    // Never let an exception cross libcurl: a reader that fails aborts the transfer instead.
+    try {
+        while (request->uploadOffset_ == request->uploadPiece_.size()) {
+            if (!request->uploadReader_->Next(request->uploadPiece_)) return 0;
+            request->uploadOffset_ = 0;
+        }
+        const std::size_t n = std::min(size * count, request->uploadPiece_.size() - request->uploadOffset_);
+        std::memcpy(buffer, request->uploadPiece_.data() + request->uploadOffset_, n);
+        request->uploadOffset_ += n;
+        return n;
+    } catch (...) {
+        request->callbackError_ = std::current_exception();
+        return CURL_READFUNC_ABORT;
+    }
+}
+
+static_assert(std::is_same_v<curl_off_t, std::int64_t>, "the seek callback's offset type");
+
+int HttpRequest::OnUploadSeek(void* self, std::int64_t offset, int origin) {
+    auto* request = static_cast<HttpRequest*>(self);
+    // libcurl only ever goes back to the start (to send the body again after a challenge): a new reader.
+    if (origin != SEEK_SET || offset != 0) return CURL_SEEKFUNC_CANTSEEK;
+    try {
+        request->uploadReader_ = request->upload_();
+        request->uploadPiece_.clear();
+        request->uploadOffset_ = 0;
+        return CURL_SEEKFUNC_OK;
+    } catch (...) {
+        request->callbackError_ = std::current_exception();
+        return CURL_SEEKFUNC_FAIL;
     }
 }
 

@@ -6,10 +6,13 @@
 #include <cstdint>
 #include <exception>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "core/ITextPieces.h"
 
 namespace platform {
 
@@ -43,6 +46,11 @@ public:
     void Send();
     // Sends the request with `body` (bytes unchanged) and waits for the whole reply.
     void Send(const std::string& body);
+    // Sends the request with the `size` bytes that a reader from `body` gives (a text kept on disk), read a
+    // piece at a time as they go out, and waits for the whole reply. `body` is asked for a new reader when
+    // the body must go again from its start (an authentication challenge); a reader's error ends the
+    // transfer and is raised again here.
+    void Send(const core::TextPiecesSource& body, std::uint64_t size);
     // The reply body, bytes unchanged; empty before a reply has arrived.
     const std::string& ResponseText() const { return responseText_; }
     // Hands the reply body over without copying it; ResponseText is empty afterwards.
@@ -55,10 +63,13 @@ public:
     void Abort() noexcept;
 
 private:
-    void Perform(const std::string* body);
+    // A body in memory (`body`), read from `upload_` (`uploadSize` bytes), or none.
+    void Perform(const std::string* body, std::optional<std::uint64_t> uploadSize = std::nullopt);
     // After an exchange that carried a challenge: from now on ask for the scheme the server named, alone.
     void NarrowAuth();
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
+    static std::size_t OnUpload(char* buffer, std::size_t size, std::size_t count, void* self);
+    static int OnUploadSeek(void* self, std::int64_t offset, int origin);
 
     void* curl_ = nullptr;  // CURL*, kept opaque so that callers need no libcurl header
     std::string method_;
@@ -67,8 +78,13 @@ private:
     std::string body_;
     std::string responseText_;
     BodySink sink_;
-    // What the sink raised, kept across libcurl to be raised again after the transfer.
-    std::exception_ptr sinkError_;
+    // The body being read for the current Send, with its current piece and the bytes of it handed over.
+    core::TextPiecesSource upload_;
+    core::TextPiecesPtr uploadReader_;
+    std::string uploadPiece_;
+    std::size_t uploadOffset_ = 0;
+    // What the sink or the body's reader raised, kept across libcurl to be raised again after the transfer.
+    std::exception_ptr callbackError_;
     bool haveReply_ = false;
     // Credentials are set and any scheme is still allowed: the server has not yet named its own.
     bool schemeOpen_ = false;
