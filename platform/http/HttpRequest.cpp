@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -258,7 +257,7 @@ std::size_t HttpRequest::OnUpload(char* buffer, std::size_t size, std::size_t co
             request->uploadOffset_ = 0;
         }
         const std::size_t n = std::min(size * count, request->uploadPiece_.size() - request->uploadOffset_);
-        std::memcpy(buffer, request->uploadPiece_.data() + request->uploadOffset_, n);
+        std::copy_n(request->uploadPiece_.data() + request->uploadOffset_, n, buffer);
         request->uploadOffset_ += n;
         return n;
     } catch (...) {

@@ -213,7 +213,7 @@ void SocketControl::FailSend(const core::Error& error) {
     state_ = kError;
     socket->abort();
     const std::int32_t number = error.Number();
-    const std::string text = error.Description();
+    const std::string& text = error.Description();
     QTimer::singleShot(0, this, [this, socket, number, text] {
         if (socket_ == socket) RaiseEvent([&](core::ISocketEvents& sink) { sink.OnError(number, text); });
     });
