@@ -32,6 +32,8 @@ std::string StandardDescription(std::int32_t number) {
             return "Object variable or With block variable not set";
         case ErrorNumber::kDuplicateKey:
             return "This key is already associated with an element of this collection";
+        case ErrorNumber::kPermissionDenied:
+            return "Permission denied";
         case ErrorNumber::kAddressInUse:
             return "Address in use";
         case ErrorNumber::kWrongProtocolState:
@@ -48,6 +50,10 @@ std::string StandardDescription(std::int32_t number) {
             return "The connection with the server was terminated abnormally";
         case ErrorNumber::kHttpHeaderNotFound:
             return "The requested header was not found";
+        case ErrorNumber::kHttpTimedOut:
+            return "The operation timed out";
+        case ErrorNumber::kHttpReplyTooLarge:
+            return "The server response exceeded the allowed size";
         default:
             return {};
     }

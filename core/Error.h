@@ -22,6 +22,7 @@ inline constexpr std::int32_t kFileAccess = 75;
 inline constexpr std::int32_t kObjectNotSet = 91;
 inline constexpr std::int32_t kDuplicateKey = 457;
 // Socket layer. A broken connection is reported with the socket library's own description.
+inline constexpr std::int32_t kPermissionDenied = 10013;
 inline constexpr std::int32_t kAddressInUse = 10048;
 inline constexpr std::int32_t kSocketConnectionAborted = 10053;
 inline constexpr std::int32_t kSocketTimedOut = 10060;
@@ -33,6 +34,8 @@ inline constexpr std::int32_t kHttpNameNotResolved = -2147012889;
 inline constexpr std::int32_t kHttpCannotConnect = -2147012867;
 inline constexpr std::int32_t kHttpConnectionAborted = -2147012866;
 inline constexpr std::int32_t kHttpHeaderNotFound = -2147012746;
+inline constexpr std::int32_t kHttpTimedOut = -2147012894;
+inline constexpr std::int32_t kHttpReplyTooLarge = -2147012712;
 }  // namespace ErrorNumber
 
 // An error as it travels through the program; thrown by value, caught by const reference.

@@ -16,11 +16,26 @@
 
 namespace platform {
 
+// How long a request may wait and how much of a reply it keeps; one setting for the whole process.
+struct HttpLimits {
+    // Connecting gives up after this many seconds.
+    long connectSeconds = 60;
+    // Sending or receiving gives up when no byte went out or came in for this many seconds: an idle limit,
+    // never a limit on a whole transfer that keeps moving.
+    long idleSeconds = 30;
+    // A reply body beyond this many bytes ends the request; nothing of it is kept.
+    std::uint64_t maxReplyBytes = std::uint64_t{1} << 30;
+};
+
 class HttpRequest {
 public:
     // Takes the reply body piece by piece as it arrives, in place of ResponseText; an error it raises ends
     // the transfer and is raised again by Send.
     using BodySink = std::function<void(std::string_view piece)>;
+
+    // The limits of every request object made from now on (and of later requests of existing ones).
+    static void SetLimits(const HttpLimits& limits);
+    static HttpLimits Limits();
 
     // A request object with no request open yet.
     HttpRequest();
@@ -85,6 +100,10 @@ private:
     std::size_t uploadOffset_ = 0;
     // What the sink or the body's reader raised, kept across libcurl to be raised again after the transfer.
     std::exception_ptr callbackError_;
+    // The reply body outgrew the limit: the transfer was stopped on purpose.
+    bool overLimit_ = false;
+    // Bytes of the reply body handed to the sink so far.
+    std::uint64_t sunkBytes_ = 0;
     bool haveReply_ = false;
     // Credentials are set and any scheme is still allowed: the server has not yet named its own.
     bool schemeOpen_ = false;
