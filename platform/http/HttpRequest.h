@@ -77,6 +77,10 @@ public:
     // Drops the current request and its reply; reads then find nothing. Never throws.
     void Abort() noexcept;
 
+    // A PEM file of CA certificates that every request object made afterwards trusts for https instead of the
+    // system's store; empty: the system's store. Certificate and host name are always verified.
+    static void SetServiceCaFile(const std::string& path);
+
 private:
     // A body in memory (`body`), read from `upload_` (`uploadSize` bytes), or none.
     void Perform(const std::string* body, std::optional<std::uint64_t> uploadSize = std::nullopt);
