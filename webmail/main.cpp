@@ -1,11 +1,15 @@
 // tarnwick-webmail: parses the command line, prepares the store and serves until SIGINT or SIGTERM.
+#include <curl/curl.h>
+
 #include <csignal>
 #include <filesystem>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 
 #include "webmail/CommandLine.h"
 #include "webmail/dav/HttpServer.h"
+#include "webmail/relay/QueueRunner.h"
 #include "webmail/store/DemoMail.h"
 #include "webmail/store/MaildirStore.h"
 
@@ -41,13 +45,30 @@ int main(int argc, char** argv) {
         sigaddset(&stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+        std::unique_ptr<webmail::relay::QueueRunner> queue;
+        if (!line.relayUrl.empty()) {
+            if (!line.relayAuthFile.empty()) {
+                webmail::relay::SmtpRelay::ReadCredentials(line.relayAuthFile, line.relay.relay.user,
+                                                           line.relay.relay.password);
+            }
+            curl_global_init(CURL_GLOBAL_DEFAULT);
+            queue = std::make_unique<webmail::relay::QueueRunner>(store, line.relay);
+        }
+
         webmail::dav::HttpServer server(store, line.server);
         server.Start();
         std::cout << "listening on " << line.server.address << ":" << std::to_string(server.Port()) << std::endl;
+        if (queue) {
+            std::cerr << "relaying mail for other domains via " << line.relayUrl << "\n";
+            queue->Start();
+        } else {
+            std::cerr << "no --relay: mail for other domains waits in the sender's Outbox\n";
+        }
         int received = 0;
         sigwait(&stopSignals, &received);
         std::cerr << "stopping on signal " << std::to_string(received) << "\n";
         server.Stop();
+        if (queue) queue->Stop();
         return 0;
     } catch (const std::exception& e) {
         std::cerr << "tarnwick-webmail: " << e.what() << "\n";

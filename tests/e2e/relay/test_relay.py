@@ -1,0 +1,235 @@
+"""Mail through the gateway to another domain reaches a real mail server (a private Postfix) through
+tarnwick-webmail's relay: byte for byte after the server's own trace lines, with the right envelope, one
+transaction for all recipients; it waits in the Outbox while the server is down and goes out once it is up;
+a 550 comes back to the sender as a delivery report fetched through the gateway; a kill -9 during a relay
+and a restart deliver it once. And the mail server delivering into an account's Maildir is mail the gateway
+serves."""
+
+import base64
+import email
+import os
+import poplib
+import re
+import subprocess
+import tempfile
+import unittest
+import urllib.request
+
+import mail_server
+from tarnwick_testing import HOST, Stack, wait_for
+
+SENDER = "sam@tarnwick.local"
+REFUSAL = "550 5.1.1 no such user here"
+RETRY = ["--relay-retry", "1s,2s"]
+SKIP = mail_server.unavailable()
+
+mx = None
+stack = None
+work = None
+
+
+def setUpModule():
+    global mx, stack, work
+    if SKIP:
+        raise unittest.SkipTest(SKIP)
+    work = tempfile.TemporaryDirectory(prefix="tarnwick-relay-")
+    os.chmod(work.name, 0o711)  # for Postfix's own user
+    mx = mail_server.Postfix(os.path.join(work.name, "mx"),
+                             mailboxes={"someone@example.test": "someone/", "another@example.test": "another/"},
+                             refused={"refuse@example.test": REFUSAL})
+    mx.start()
+    stack = Stack(webmail_args=["--relay", mx.url()] + RETRY)
+    stack.store.add_user("sam", "sam-pw")
+    stack.store.add_user("lena", "lena-pw")
+    stack.start()
+    fetch(stack, "sam", "sam-pw")  # the gateway sends with the credentials of the last fetch
+
+
+def tearDownModule():
+    if stack:
+        stack.stop()
+    if mx:
+        mx.stop()
+    if work:
+        work.cleanup()
+
+
+def fetch(stack, user, password):
+    """Every message of the user's inbox, fetched through the gateway (without the gateway's own line)."""
+    stack.wait_listening(stack.pop3_port)
+    pop = poplib.POP3(HOST, stack.pop3_port, timeout=60)
+    pop.user(user)
+    pop.pass_(password)
+    count = pop.stat()[0]
+    messages = [b"\r\n".join(pop.retr(i + 1)[1][1:]) + b"\r\n" for i in range(count)]
+    pop.quit()
+    return messages
+
+
+def send(recipients, message):
+    """Sends with msmtp through the gateway's SMTP server, as a mail reader's user would."""
+    stack.wait_listening(stack.smtp_port)
+    result = subprocess.run(["msmtp", "--file=/dev/null", "--host=" + HOST, "--port=%d" % stack.smtp_port,
+                             "--tls=off", "--auth=off", "--from=" + SENDER, "--"] + recipients,
+                            input=message, capture_output=True, timeout=60)
+    if result.returncode != 0:
+        raise AssertionError("msmtp failed: %r" % (result.stdout + result.stderr))
+
+
+def message(subject):
+    # A dot at a line's start and 8-bit text: neither may change on the way.
+    return (b"Date: Mon, 23 Nov 2026 10:00:00 +0000\r\nMessage-ID: <%s@tarnwick.local>\r\n"
+            b"From: Sam <sam@tarnwick.local>\r\nTo: someone@example.test\r\nSubject: %s\r\n\r\n"
+            b"Hello out there.\r\n.A line that starts with a dot\r\nGr\xfc\xdfe\r\n"
+            % (subject.replace(" ", "-").encode(), subject.encode()))
+
+
+def outbox():
+    return stack.store.folder_messages("sam", "Outbox")
+
+
+def sent_copy(subject):
+    return [m for m in stack.store.folder_messages("sam", "Sent Items") if b"Subject: " + subject.encode() in m]
+
+
+def split_trace(delivered):
+    """The envelope sender and recipient Postfix records (Return-Path, Delivered-To) and what follows its own
+    Received field."""
+    m = re.match(rb"Return-Path: <([^>]*)>\n(?:X-Original-To: \S+\n)?Delivered-To: (\S+)\nReceived: [^\n]*\n(?:[ \t][^\n]*\n)*", delivered)
+    if not m:
+        raise AssertionError("no Postfix trace lines at the top of %r" % delivered[:400])
+    return m.group(1).decode(), m.group(2).decode(), delivered[m.end():]
+
+
+def webmail_log_count(text):
+    return stack.webmail_output().count(text)
+
+
+class Relay(unittest.TestCase):
+
+    def test_1_relayed_byte_for_byte_with_its_envelope(self):
+        text = message("Out into the world")
+        send(["someone@example.test"], text)
+        (delivered,) = mx.wait_delivered("someone@example.test", b"Subject: Out into the world", 20)
+        sender, recipient, rest = split_trace(delivered)
+        self.assertEqual((sender, recipient), (SENDER, "someone@example.test"))
+        # Postfix stores lines with LF; otherwise the text is the Sent Items copy, tarnwick-webmail's trace
+        # field and all, and it ends with exactly what msmtp sent.
+        (copy,) = sent_copy("Out into the world")
+        self.assertEqual(rest, copy.replace(b"\r\n", b"\n"))
+        self.assertTrue(rest.endswith(text.replace(b"\r\n", b"\n")))
+        self.assertNotIn(b"X-Tarnwick-Envelope", rest)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_1b_every_recipient_in_one_transaction(self):
+        # The gateway passes on one recipient per message; a client of the service's own send address may
+        # give several.
+        body = (b"MAIL FROM:<sam@tarnwick.local>\r\nRCPT TO:<someone@example.test>\r\n"
+                b"RCPT TO:<another@example.test>\r\nRCPT TO:<lena@tarnwick.local>\r\n\r\n"
+                + message("To two of them") + b".\r\n")
+        request = urllib.request.Request("http://%s:%d/mail/sam/sendmsg" % (HOST, stack.service_port), data=body,
+                                         headers={"Content-Type": "message/rfc821", "Authorization": "Basic "
+                                                  + base64.b64encode(b"sam:sam-pw").decode()})
+        with urllib.request.urlopen(request, timeout=30) as reply:
+            self.assertEqual(reply.status, 200)
+        for address in ("someone@example.test", "another@example.test"):
+            with self.subTest(address):
+                mail = mx.wait_delivered(address, b"Subject: To two of them", 20)
+                self.assertEqual(len(mail), 1)
+                self.assertEqual(split_trace(mail[0])[:2], (SENDER, address))
+        self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
+        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test> via"), 1)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_2_waits_while_the_mail_server_is_down_then_goes_out(self):
+        mx.stop()
+        try:
+            send(["someone@example.test"], message("While you were out"))
+            wait_for(lambda: webmail_log_count("deferred <someone@example.test>") >= 1, 20, "a deferral")
+            self.assertEqual(len(outbox()), 1)
+            self.assertIn(b"Subject: While you were out", outbox()[0])
+        finally:
+            mx.start()
+        # The pauses are 1 s then 2 s: the next attempt comes within a few seconds of the server's start.
+        delivered = mx.wait_delivered("someone@example.test", b"Subject: While you were out", 10)
+        self.assertEqual(len(delivered), 1)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_3_refused_recipient_comes_back_as_a_delivery_report(self):
+        send(["refuse@example.test"], message("To nobody"))
+        wait_for(lambda: any(b"multipart/report" in m for m in stack.store.folder_messages("sam")), 20,
+                 "a delivery report in sam's inbox")
+        self.assertEqual(outbox(), [])
+        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"multipart/report" in m]
+        parsed = email.message_from_bytes(report)
+        self.assertEqual(parsed.get_content_type(), "multipart/report")
+        self.assertEqual(parsed.get_param("report-type"), "delivery-status")
+        self.assertEqual(parsed["To"], "<sam@tarnwick.local>")
+        explanation, status, headers = parsed.get_payload()
+        self.assertIn("refuse@example.test", explanation.get_payload())
+        self.assertEqual(status.get_content_type(), "message/delivery-status")
+        fields = {}
+        for block in status.get_payload():
+            fields.update(block.items())
+        self.assertEqual(fields["Final-Recipient"], "rfc822; refuse@example.test")
+        self.assertEqual(fields["Action"], "failed")
+        self.assertEqual(fields["Status"], "5.1.1")
+        self.assertEqual(fields["Diagnostic-Code"],
+                         "smtp; 550 5.1.1 <refuse@example.test>: Recipient address rejected: no such user here")
+        self.assertEqual(headers.get_content_type(), "text/rfc822-headers")
+        original = headers.get_payload()
+        self.assertIn("Subject: To nobody", original)
+        self.assertIn("Message-ID: <To-nobody@tarnwick.local>", original)
+        self.assertNotIn("Hello out there", original)
+
+    def test_4_killed_during_a_relay_and_restarted_delivers_once(self):
+        slow = mail_server.Postfix(os.path.join(work.name, "slow"), mailboxes={"late@example.test": "late/"},
+                                   data_pause=3)
+        slow.start()
+        try:
+            stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
+            send(["late@example.test"], message("Killed midway"))
+            wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
+            # The server waits 3 s before it answers DATA: the relay is under way.
+            wait_for(lambda: "connect from localhost" in slow.log(), 5, "the connection")
+            mail_server.settle(1)
+            stack.restart_webmail(kill=True)
+            slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
+            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+            mail_server.settle(4)  # longer than a second transfer would take
+            self.assertEqual(len(slow.delivered("late@example.test")), 1)
+            self.assertIn("an attempt was cut short", stack.webmail_output())
+        finally:
+            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
+            slow.stop()
+
+    def test_5_mail_server_delivers_into_an_account_and_the_gateway_serves_it(self):
+        # Postfix will not deliver as root: the account's tree belongs to nobody, the folders above it may be
+        # passed through. tarnwick-webmail (root here) reads it all.
+        for d in (stack.dir, stack.store.root):
+            os.chmod(d, 0o711)
+        for base, dirs, files in os.walk(os.path.join(stack.store.root, "lena")):
+            for name in [base] + [os.path.join(base, n) for n in dirs + files]:
+                os.chown(name, 65534, 65534)
+        inbound = mail_server.Postfix(os.path.join(work.name, "inbound"), domains=("tarnwick.local",),
+                                      mailboxes={"lena@tarnwick.local": "lena/"}, mail_base=stack.store.root)
+        inbound.start()
+        try:
+            text = message("From the world").replace(b"To: someone@example.test", b"To: lena@tarnwick.local")
+            with subprocess.Popen(["swaks", "--server", HOST, "--port", str(inbound.port), "--from",
+                                   "someone@example.test", "--to", "lena@tarnwick.local", "--data", "-"],
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as p:
+                out = p.communicate(text[:-2], timeout=60)[0]  # swaks ends the last line itself
+            self.assertEqual(p.returncode, 0, out)
+            inbound.wait_delivered("lena@tarnwick.local", b"Subject: From the world", 20)
+        finally:
+            inbound.stop()
+        (fetched,) = [m for m in fetch(stack, "lena", "lena-pw") if b"Subject: From the world" in m]
+        _, recipient, rest = split_trace(fetched.replace(b"\r\n", b"\n"))
+        self.assertEqual(recipient, "lena@tarnwick.local")
+        # Postfix stored LF line ends; the gateway serves the file's last bare LF with a line break of its own.
+        self.assertEqual(rest.rstrip(b"\n"), text.replace(b"\r\n", b"\n").rstrip(b"\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()
