@@ -16,7 +16,7 @@ import unittest
 import urllib.request
 
 import mail_server
-from tarnwick_testing import HOST, Stack, wait_for
+from tarnwick_testing import HOST, Stack, free_port, wait_for
 
 SENDER = "sam@tarnwick.local"
 REFUSAL = "550 5.1.1 no such user here"
@@ -181,6 +181,23 @@ class Relay(unittest.TestCase):
         self.assertIn("Subject: To nobody", original)
         self.assertIn("Message-ID: <To-nobody@tarnwick.local>", original)
         self.assertNotIn("Hello out there", original)
+
+    def test_3b_given_up_after_the_time_limit(self):
+        nowhere = "smtp://%s:%d" % (HOST, free_port())  # nothing listens there
+        stack.restart_webmail(webmail_args=["--relay", nowhere, "--relay-retry", "1s,1s", "--relay-give-up", "3s"])
+        try:
+            send(["someone@example.test"], message("Too late"))
+            wait_for(lambda: any(b"Subject: Too late" in m and b"multipart/report" in m
+                                 for m in stack.store.folder_messages("sam")), 20, "the report")
+            self.assertEqual(outbox(), [])
+            (report,) = [m for m in stack.store.folder_messages("sam") if b"Subject: Too late" in m]
+            self.assertIn(b"<someone@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
+                          report)
+            self.assertIn(b"Final-Recipient: rfc822; someone@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n",
+                          report)
+            self.assertGreaterEqual(webmail_log_count("deferred <someone@example.test>"), 2)
+        finally:
+            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
 
     def test_4_killed_during_a_relay_and_restarted_delivers_once(self):
         slow = mail_server.Postfix(os.path.join(work.name, "slow"), mailboxes={"late@example.test": "late/"},
