@@ -77,12 +77,15 @@ void SmtpExchange::ReplyLine(std::string_view line) {
 
 std::string SmtpExchange::Transcript() const {
     std::string out;
+    bool secret = false;  // an AUTH command and every answer to its 334 challenges carry credentials
     for (const Step& step : steps_) {
         if (!step.command.empty()) {
-            const bool secret = step.command.size() >= 4 && core::Ascii::EqualsIgnoreCase(step.command.substr(0, 4), "AUTH");
-            out += "> " + (secret ? std::string("AUTH ...") : step.command) + "\n";
+            const bool auth = step.command.size() >= 4 && core::Ascii::EqualsIgnoreCase(step.command.substr(0, 4), "AUTH");
+            secret = auth || secret;
+            out += "> " + (secret ? std::string(auth ? "AUTH ..." : "...") : step.command) + "\n";
         }
         if (step.code != 0) out += "< " + step.reply + "\n";
+        secret = secret && step.code == 334;
     }
     return out;
 }

@@ -123,6 +123,23 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
     }
 }
 
+TEST(SmtpExchangeTest, TranscriptLeavesOutCredentials) {
+    SmtpExchange exchange;
+    for (const auto& [sent, bytes] : std::vector<std::pair<bool, std::string>>{
+             {false, "220 mx\r\n"}, {true, "AUTH LOGIN\r\n"}, {false, "334 VXNlcm5hbWU6\r\n"},
+             {true, "c2Ft\r\n"}, {false, "334 UGFzc3dvcmQ6\r\n"}, {true, "c2VjcmV0\r\n"},
+             {false, "235 2.7.0 ok\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "250 ok\r\n"}}) {
+        if (sent) {
+            exchange.Sent(bytes);
+        } else {
+            exchange.Received(bytes);
+        }
+    }
+    EXPECT_EQ(exchange.Transcript(),
+              "< 220 mx\n> AUTH ...\n< 334 VXNlcm5hbWU6\n> ...\n< 334 UGFzc3dvcmQ6\n> ...\n< 235 2.7.0 ok\n"
+              "> MAIL FROM:<a@x.org>\n< 250 ok\n");
+}
+
 TEST(QueueStateTest, SurvivesItsFileAndPausesDouble) {
     TempDir dir;
     QueueState state;
