@@ -35,6 +35,7 @@ virtual   unix  -       n       n       -       -       virtual
 anvil     unix  -       -       n       -       1       anvil
 scache    unix  -       -       n       -       1       scache
 postlog   unix-dgram n  -       n       -       1       postlogd
+tlsmgr    unix  -       -       n       1000?   1       tlsmgr
 """
 
 
@@ -52,18 +53,23 @@ class Postfix:
     under `mail_base`, where the delivering user (uid/gid, never root: Postfix refuses that) may write.
     `mail_base` (default: a folder of its own, owned by nobody) is where relative Maildir paths lie.
     `refused` maps addresses to the reply that refuses them at RCPT ("550 5.1.1 ..."); `data_pause` makes it
-    wait that many seconds before answering DATA. The postfix user must be able to pass through the folders
+    wait that many seconds before answering DATA. With `tls`, it offers STARTTLS on its port and TLS from the
+    start on `tls_port`, with a certificate for 127.0.0.1 of its own (`ca_file`). With `login` (user,
+    password), mail is accepted only after SASL PLAIN or LOGIN as that user (TLS only). The postfix user must be able to pass through the folders
     above `folder` (a temporary folder is made mode 0711 for that)."""
 
     def __init__(self, folder, domains=("example.test",), mailboxes=None, refused=None, data_pause=0,
-                 uid=65534, gid=65534, mail_base=None):
+                 uid=65534, gid=65534, mail_base=None, tls=False, login=None):
         self.dir = folder
         self.domains = domains
         self.mailboxes = dict(mailboxes or {"someone@example.test": "someone/"})
         self.refused = dict(refused or {})
         self.data_pause = data_pause
         self.uid, self.gid = uid, gid
+        self.tls = tls or login is not None
+        self.login = login
         self.port = None
+        self.tls_port = None
         self.master = None
         self._log = None
         self.etc = os.path.join(folder, "etc")
@@ -125,19 +131,62 @@ class Postfix:
             "queue_run_delay": "1s",
             "minimal_backoff_time": "1s",
         }
+        if self.tls:
+            settings.update(self._tls_settings())
+        if self.login:
+            settings.update(self._login_settings())
         with open(os.path.join(self.etc, "main.cf"), "w") as f:
             for key, value in settings.items():
                 f.write("%s = %s\n" % (key, value))
         with open(os.path.join(self.etc, "master.cf"), "w") as f:
-            f.write("%s:%d inet n - n - - smtpd\n" % (HOST, self.port) + SERVICES)
+            f.write("%s:%d inet n - n - - smtpd\n" % (HOST, self.port))
+            if self.tls:
+                f.write("%s:%d inet n - n - - smtpd -o smtpd_tls_wrappermode=yes\n" % (HOST, self.tls_port))
+            f.write(SERVICES)
         check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
         if check.returncode != 0:
             raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
 
+    @property
+    def ca_file(self):
+        return os.path.join(self.etc, "cert.pem")
+
+    def _tls_settings(self):
+        if not os.path.exists(self.ca_file):
+            made = subprocess.run(
+                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                 "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", os.path.join(self.etc, "key.pem"),
+                 "-out", self.ca_file], capture_output=True, timeout=60)
+            if made.returncode != 0:
+                raise AssertionError("openssl req failed: %r" % made.stderr)
+        return {"smtpd_tls_cert_file": self.ca_file, "smtpd_tls_key_file": os.path.join(self.etc, "key.pem"),
+                "smtpd_tls_security_level": "may", "smtpd_tls_loglevel": "1",
+                "smtpd_tls_received_header": "yes"}
+
+    def _login_settings(self):
+        user, password = self.login
+        sasldb = os.path.join(self.etc, "sasldb2")
+        made = subprocess.run(["saslpasswd2", "-f", sasldb, "-p", "-c", "-u", self.domains[0], user],
+                              input=password.encode(), capture_output=True, timeout=60)
+        if made.returncode != 0:
+            raise AssertionError("saslpasswd2 failed: %r" % made.stderr)
+        shutil.chown(sasldb, "postfix")
+        # Debian's Postfix reads CONFIG/sasl/smtpd.conf.
+        os.makedirs(os.path.join(self.etc, "sasl"), exist_ok=True)
+        with open(os.path.join(self.etc, "sasl", "smtpd.conf"), "w") as f:
+            f.write("pwcheck_method: auxprop\nauxprop_plugin: sasldb\nmech_list: PLAIN LOGIN\n"
+                    "sasldb_path: %s\n" % sasldb)
+        return {"smtpd_sasl_auth_enable": "yes", "smtpd_sasl_type": "cyrus", "smtpd_sasl_path": "smtpd",
+                "cyrus_sasl_config_path": self.etc, "smtpd_sasl_local_domain": self.domains[0],
+                "smtpd_tls_auth_only": "yes", "smtpd_sasl_authenticated_header": "yes",
+                "smtpd_recipient_restrictions": "permit_sasl_authenticated, reject"}
+
     def start(self):
-        """Starts the master (on the same port as before when restarted) and waits until it listens."""
+        """Starts the master (on the same ports as before when restarted) and waits until it listens."""
         if self.port is None:
             self.port = free_port()
+        if self.tls and self.tls_port is None:
+            self.tls_port = free_port()
         self._configure()
         self._log = open(os.path.join(self.dir, "maillog"), "ab")
         # A session of its own: on SIGTERM the master stops its process group, its services with it.
@@ -147,7 +196,7 @@ class Postfix:
         def up():
             if self.master.poll() is not None:
                 raise AssertionError("postfix master exited:\n" + self.log())
-            return is_listening(self.port)
+            return is_listening(self.port) and (self.tls_port is None or is_listening(self.tls_port))
 
         wait_for(up, 20, "postfix to listen on %d" % self.port)
 
@@ -167,7 +216,9 @@ class Postfix:
         except FileNotFoundError:
             return ""
 
-    def url(self):
+    def url(self, tls_from_the_start=False):
+        if tls_from_the_start:
+            return "smtps://%s:%d" % (HOST, self.tls_port)
         return "smtp://%s:%d" % (HOST, self.port)
 
     def maildir(self, address):

@@ -248,5 +248,42 @@ class Relay(unittest.TestCase):
         self.assertEqual(rest.rstrip(b"\n"), text.replace(b"\r\n", b"\n").rstrip(b"\n"))
 
 
+class SecureRelay(unittest.TestCase):
+
+    def test_6_tls_and_login_with_a_checked_certificate(self):
+        secure = mail_server.Postfix(os.path.join(work.name, "secure"), mailboxes={"safe@example.test": "safe/"},
+                                     login=("relayuser", "s3cret:pass word"))
+        secure.start()
+        auth = os.path.join(work.name, "relay-auth")
+        with open(os.open(auth, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w") as f:
+            f.write("relayuser:s3cret:pass word\n")
+        fetch(stack, "sam", "sam-pw")  # the gateway sends as the account of its last fetch
+        try:
+            # The system's authorities do not know the server's certificate: the message waits.
+            stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
+            send(["safe@example.test"], message("Safe 0"))
+            wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
+                     "a deferral for the unknown certificate")
+            self.assertEqual(secure.delivered("safe@example.test"), [])
+            for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
+                with self.subTest(url):
+                    stack.restart_webmail(webmail_args=["--relay", url, "--relay-auth", auth, "--relay-ca",
+                                                        secure.ca_file, "--relay-trace"] + RETRY)
+                    if n == 1:
+                        secure.wait_delivered("safe@example.test", b"Subject: Safe 0", 20)
+                    send(["safe@example.test"], message("Safe %d" % n))
+                    (mail,) = secure.wait_delivered("safe@example.test", b"Subject: Safe %d" % n, 20)
+                    # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
+                    self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n\tby mx\.example\.test "
+                                           rb"\(Postfix\) with ESMTPSA")
+            self.assertIn("> AUTH ...", stack.webmail_output())
+            self.assertNotIn("s3cret", stack.webmail_output())
+            self.assertEqual(len(re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())), 3)
+            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        finally:
+            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
+            secure.stop()
+
+
 if __name__ == "__main__":
     unittest.main()
