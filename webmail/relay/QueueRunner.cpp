@@ -107,9 +107,9 @@ std::size_t QueueRunner::RunOnce() {
         std::set<std::string> queued;
         for (const auto& entry : entries) queued.insert(UniqueOf(entry.path));
         for (const auto& item : fs::directory_iterator(stateDir, ec)) {
-            if (!queued.count(item.path().filename().string()) && !item.path().string().ends_with(".new")) {
-                fs::remove(item.path(), ec);
-            }
+            std::string unique = item.path().filename().string();
+            if (unique.ends_with(".new")) unique.resize(unique.size() - 4);  // a write cut short
+            if (!queued.count(unique)) fs::remove(item.path(), ec);
         }
         for (const auto& entry : entries) {
             {

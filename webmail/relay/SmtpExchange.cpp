@@ -63,7 +63,8 @@ void SmtpExchange::Command(std::string line) {
 
 void SmtpExchange::ReplyLine(std::string_view line) {
     if (!replyLines_.empty()) replyLines_ += ' ';
-    replyLines_ += line;
+    // A reply ends up in logs, state files and report headers: printable ASCII only.
+    for (char c : line) replyLines_ += c >= ' ' && c < 127 ? c : '?';
     if (!IsLastLine(line)) return;
     if (answered_ == steps_.size()) {
         // No command waits: the greeting, or the reply to the message text.

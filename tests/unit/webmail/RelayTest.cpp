@@ -102,6 +102,11 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
          false,
          {Verdict::Temporary, Verdict::Temporary},
          {"421-busy 421 later", "421-busy 421 later"}},
+        {"a sender refused for good with a control byte in the reply",
+         {{false, "220 mx\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "554 no\x1b[1mway\r\n"}},
+         false,
+         {Verdict::Permanent, Verdict::Permanent},
+         {"554 no?[1mway", "554 no?[1mway"}},
         {"no connection", {}, false, {Verdict::Temporary, Verdict::Temporary}, {"connection lost", "connection lost"}},
     };
     for (const auto& c : cases) {
@@ -197,15 +202,17 @@ TEST(BounceReportTest, StatusCodesAndParts) {
     report.originalHeaders = "Subject: s\r\nTo: b@y.org\r\n";
     const std::string text = report.Build();
     const std::string boundary = "--=_tarnwick-report-123.M4P5Q6.host-report1";
+    std::string lastPart = boundary;
+    lastPart += "\r\nContent-Type: text/rfc822-headers\r\n\r\nSubject: s\r\nTo: b@y.org\r\n\r\n";
+    lastPart += boundary;
+    lastPart += "--\r\n";
     for (const std::string& part :
          {"Content-Type: multipart/report; report-type=delivery-status;\r\n\tboundary=\"" + boundary.substr(2) + "\"",
           boundary + "\r\nContent-Type: message/delivery-status\r\n\r\nReporting-MTA: dns; tarnwick.local\r\n",
           std::string("Final-Recipient: rfc822; b@y.org\r\nAction: failed\r\nStatus: 5.1.1\r\n"
                       "Remote-MTA: dns; mx.example.org\r\nDiagnostic-Code: smtp; 550 5.1.1 unknown\r\n"),
           std::string("Final-Recipient: rfc822; c@y.org\r\nAction: failed\r\nStatus: 4.4.7\r\n"),
-          std::string("<c@y.org>: not delivered within 5 days; last attempt: Failed to connect\r\n"),
-          boundary + "\r\nContent-Type: text/rfc822-headers\r\n\r\nSubject: s\r\nTo: b@y.org\r\n\r\n" + boundary +
-              "--\r\n"}) {
+          std::string("<c@y.org>: not delivered within 5 days; last attempt: Failed to connect\r\n"), lastPart}) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
     }
     EXPECT_EQ(text.find("\n\n"), std::string::npos);  // CR LF throughout
