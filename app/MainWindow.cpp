@@ -77,6 +77,8 @@ MainWindow::MainWindow()
     txtData->setHorizontalScrollBarPolicy(Qt::ScrollBarAlwaysOff);
     // The log can hold whole messages; an undo history of them would only double the memory.
     txtData->setUndoRedoEnabled(false);
+    // Tab and Shift+Tab move on from the log as from every other control; the log takes no tab characters.
+    txtData->setTabChangesFocus(true);
     setCentralWidget(client);
 
     // Captions without access keys, items without shortcuts.

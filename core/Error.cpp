@@ -26,6 +26,8 @@ std::string StandardDescription(std::int32_t number) {
             return "Object variable or With block variable not set";
         case ErrorNumber::kDuplicateKey:
             return "This key is already associated with an element of this collection";
+        case ErrorNumber::kPermissionDenied:
+            return "Permission denied";
         case ErrorNumber::kAddressInUse:
             return "Address in use";
         case ErrorNumber::kWrongProtocolState:

@@ -18,6 +18,7 @@ inline constexpr std::int32_t kInternal = 51;
 inline constexpr std::int32_t kObjectNotSet = 91;
 inline constexpr std::int32_t kDuplicateKey = 457;
 // Socket layer. A broken connection is reported with the socket library's own description.
+inline constexpr std::int32_t kPermissionDenied = 10013;
 inline constexpr std::int32_t kAddressInUse = 10048;
 inline constexpr std::int32_t kSocketConnectionAborted = 10053;
 inline constexpr std::int32_t kSocketTimedOut = 10060;

@@ -28,7 +28,7 @@ public:
     // The port Listen() binds; 0 after closing.
     virtual void SetLocalPort(std::int32_t port) = 0;
     virtual std::int32_t LocalPort() const = 0;
-    // Starts listening on LocalPort(); a port in use raises error 10048.
+    // Starts listening on LocalPort(); a port this user may not use raises error 10013, a port in use 10048.
     virtual void Listen() = 0;
     // Takes the pending connection `requestId` onto this control; nothing listens afterwards.
     virtual void Accept(std::int32_t requestId) = 0;

@@ -53,6 +53,8 @@ void SocketControl::Listen() {
         const std::string text = server->errorString().toStdString();
         delete server;
         if (error == QAbstractSocket::AddressInUseError) core::Raise(core::ErrorNumber::kAddressInUse, "SocketControl");
+        if (error == QAbstractSocket::SocketAccessError)
+            core::Raise(core::ErrorNumber::kPermissionDenied, "SocketControl");
         throw core::Error(core::ErrorNumber::kInvalidProcedureCall, "SocketControl", text);
     }
     connect(server, &QTcpServer::newConnection, this, &SocketControl::OnNewConnection);

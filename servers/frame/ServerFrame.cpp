@@ -16,6 +16,8 @@ namespace {
 
 constexpr const char* kIdleCommand = "CONN";
 constexpr const char* kCrLf = "\r\n";
+// Ports below this one need privileges.
+constexpr std::int32_t kFirstUnprivilegedPort = 1024;
 
 }  // namespace
 
@@ -74,9 +76,33 @@ void ServerFrame::EndSession() {
 void ServerFrame::StartListening() {
     core::Trap("StartListening Method", [&] {
         if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
-        objWinsock->SetLocalPort(core::ToInt32(listenPort_));
-        objWinsock->Listen();
+        const std::int32_t port = core::ToInt32(listenPort_);
+        objWinsock->SetLocalPort(port);
+        try {
+            objWinsock->Listen();
+        } catch (const core::Error& error) {
+            throw core::Error(error.Number(), error.Source(), ListenFailure(error, port));
+        }
     });
+}
+
+std::string ServerFrame::ListenFailure(const core::Error& error, std::int32_t port) const {
+    const std::string what = error.Description() + ": ";
+    const std::string server = profile_.serverName;
+    const std::string portText = "port " + core::ToText(port);
+    const std::string first = core::ToText(kFirstUnprivilegedPort);
+    switch (error.Number()) {
+        case core::ErrorNumber::kPermissionDenied:
+            if (port < kFirstUnprivilegedPort)
+                return what + "the " + server + " may not listen on " + portText + ", because ports below " + first +
+                       " need privileges; use a port from " + first + " up";
+            return what + "the system does not let the " + server + " listen on " + portText;
+        case core::ErrorNumber::kAddressInUse:
+            return what + "another program already listens on " + portText + ", so the " + server +
+                   " cannot; stop that program or choose another port";
+        default:
+            return error.Description();
+    }
 }
 
 void ServerFrame::MakeWinsock() {

@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/Error.h"
 #include "core/IGatewayHost.h"
 #include "core/ISocketControl.h"
 #include "core/ISocketEvents.h"
@@ -46,7 +47,7 @@ public:
     const std::string& LastResponse() const { return lastResponse_; }
     void SetLastResponse(const std::string& New_LastResponse) { lastResponse_ = New_LastResponse; }
 
-    // Binds the socket control and starts listening on ListenPort; a bad port raises (13, 6 or 10048).
+    // Binds the socket control and starts listening on ListenPort; a bad port raises (13, 6, 10013 or 10048).
     void StartServer();
     // Closes and releases the socket control; silent when nothing is bound.
     void StopServer();
@@ -93,6 +94,8 @@ private:
     void RestartSession();
     void EndSession();
     void StartListening();
+    // The description of a listening error that a user can act on: which server, which port, and why.
+    std::string ListenFailure(const core::Error& error, std::int32_t port) const;
     void MakeWinsock();
     void KillWinsock();
     void MakeCHotmail();

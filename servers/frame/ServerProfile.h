@@ -18,6 +18,8 @@ struct ServerProfile {
 
     // The host's socket control this server attaches to (WinsockPOP3 or WinsockSMTP).
     core::ISocketControl& (core::IGatewayHost::*socketControl)();
+    // How a message to the user names this server: "POP3 server" or "SMTP server".
+    std::string serverName;
     // ListenPort after creation: "110" or "25".
     std::string defaultListenPort;
     // Put before every error message: "-ERR " or "500 ".

@@ -18,6 +18,7 @@ constexpr std::size_t kCommandWordLength = 4;
 frame::ServerProfile Pop3Profile() {
     return frame::ServerProfile{
         .socketControl = &core::IGatewayHost::WinsockPOP3,
+        .serverName = "POP3 server",
         .defaultListenPort = "110",
         .errorPrefix = "-ERR ",
         .unrecognisedCommandText = "Tarnwick/POP3 Gateway Server does not understand the command: ",

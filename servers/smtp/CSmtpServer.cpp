@@ -17,6 +17,7 @@ constexpr std::size_t kEndLineLength = 3;
 frame::ServerProfile SmtpProfile() {
     return frame::ServerProfile{
         .socketControl = &core::IGatewayHost::WinsockSMTP,
+        .serverName = "SMTP server",
         .defaultListenPort = "25",
         .errorPrefix = "500 ",
         .unrecognisedCommandText = "Tarnwick/SMTP Gateway Server does not understand the command: ",

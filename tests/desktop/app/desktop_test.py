@@ -2,17 +2,32 @@
 """The gateway's window on a real X11 desktop (x_desktop: Xvfb, openbox, and the trayer notification area
 when the case starts with one).
 
-  desktop_test.py --gateway PATH with_notification_area | without_notification_area
+  desktop_test.py --gateway PATH [--build DIR] [--shots DIR] CASE
 
-Exits 77 (skipped) when a tool is missing."""
+menu_entry_as_ordinary_user installs the build into a prefix (--build) and starts the desktop entry's command
+as an ordinary user; with --shots it saves what that user sees there. Exits 77 (skipped) when a tool is
+missing or the fixed ports it needs are taken."""
 
 import argparse
+import os
+import poplib
+import re
+import shlex
 import shutil
+import socket
+import subprocess
 import sys
+import tempfile
 import time
 
-from x_desktop import QUIET_TIME, SKIPS, TOOLS, Desktop, Failure, Gateway, close_by_close_box, \
-    open_file_menu_and_exit, outer_corner, settles_at, wait_for
+from x_desktop import QUIET_TIME, SERVICE_PORT, SKIPS, TOOLS, USER_PORTS, Desktop, Failure, Gateway, \
+    close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, ordinary_user, \
+    outer_corner, settles_at, stop_process, taken_ports, two_free_ports, wait_for
+
+# The client area's height; the menu bar above it belongs to the same X11 window.
+CLIENT_HEIGHT = 435
+# The log box in the client area, in pixels (x, y, width, height).
+LOG_BOX = (8, 152, 425, 257)
 
 
 def check(condition, message):
@@ -106,14 +121,173 @@ def without_notification_area(desktop, binary):
     check(close_by_close_box(desktop, gateway, window) == 0, "closing the window ends the gateway with status 0")
 
 
+def click_log_box(desktop, window):
+    x, y, width, height, _ = desktop.geometry(window)
+    top = y + height - CLIENT_HEIGHT + LOG_BOX[1]
+    # Without --sync: that waits for the pointer to move, and it may be there already.
+    desktop.x("xdotool", "mousemove", str(x + LOG_BOX[0] + LOG_BOX[2] // 2), str(top + LOG_BOX[3] // 2), "click", "1")
+
+
+def keys(desktop, *names):
+    desktop.x("xdotool", "key", "--delay", "60", *names)
+
+
+def replace_text(desktop, text):
+    keys(desktop, "ctrl+a")
+    desktop.x("xdotool", "type", "--delay", "60", text)
+
+
+def greeting(port):
+    with socket.create_connection(("127.0.0.1", port), timeout=10) as client:
+        return client.makefile("rb").readline().decode("ascii", "replace")
+
+
+def keyboard(desktop, binary):
+    """The Tab order once around each way, log box included, seen through what the keys start and stop: a
+    focus that stayed in the log would type into it and start nothing."""
+    gateway = Gateway(desktop, binary)
+    window = gateway.main_window()
+    running = (gateway.pop3_port, gateway.smtp_port)
+    wait_for("both servers listening", lambda: all(is_listening(p) for p in running))
+    desktop.x("xdotool", "windowactivate", "--sync", window)
+
+    def stop_from_log_box(ports):
+        # Running, Stop is the one control besides the log that takes the focus.
+        click_log_box(desktop, window)
+        keys(desktop, "Tab", "space")
+        wait_for("Tab from the log to Stop, and Space on it to stop both servers",
+                 lambda: not any(is_listening(p) for p in ports))
+
+    def check_started(ports, how):
+        wait_for(how, lambda: all(is_listening(p) for p in ports))
+        check(greeting(ports[0]).startswith("+OK ") and greeting(ports[1]).startswith("220 "),
+              how + ": POP3 on %d, SMTP on %d" % ports)
+
+    stop_from_log_box(running)
+    # Stopped, forwards from the log: Start, the POP3 box, the SMTP box, the log, and round to Start.
+    ports = two_free_ports()
+    click_log_box(desktop, window)
+    keys(desktop, "Tab", "Tab")
+    replace_text(desktop, str(ports[0]))
+    keys(desktop, "Tab")
+    replace_text(desktop, str(ports[1]))
+    keys(desktop, "Tab", "Tab", "space")
+    check_started(ports, "Tab once around from the log and Space on Start")
+
+    stop_from_log_box(ports)
+    # Backwards from the log: the SMTP box, the POP3 box, Start, the log, and round to Start again.
+    ports = two_free_ports()
+    click_log_box(desktop, window)
+    keys(desktop, "shift+Tab")
+    replace_text(desktop, str(ports[1]))
+    keys(desktop, "shift+Tab")
+    replace_text(desktop, str(ports[0]))
+    keys(desktop, "shift+Tab", "shift+Tab", "shift+Tab", "shift+Tab", "shift+Tab", "space")
+    check_started(ports, "Shift+Tab once around from the log and Space on Start")
+    check(close_by_close_box(desktop, gateway, window) == 0, "the gateway ends with status 0")
+
+
+def desktop_entry_command(path):
+    """The Exec line of a desktop entry, split as the desktop does; it must need no field codes."""
+    with open(path) as entry:
+        match = re.search(r"^Exec=(.*)$", entry.read(), re.MULTILINE)
+    if not match:
+        raise Failure("no Exec line in " + path)
+    command = shlex.split(match.group(1))
+    if any("%" in word for word in command):
+        raise Failure("the Exec line needs field codes this test does not expand: " + match.group(1))
+    return command
+
+
+def uid_of(process):
+    with open("/proc/%d/status" % process.pid) as status:
+        return int(re.search(r"^Uid:\s+(\d+)", status.read(), re.MULTILINE).group(1))
+
+
+def menu_entry_as_ordinary_user(desktop, binary, build, shots):
+    """A newcomer's path: install, start the menu entry's command as it stands as an ordinary user, see the
+    window with both servers on the ports the entry names, fetch mail; then start it by hand on a port below
+    1024 and read the error."""
+    if not build:
+        raise Failure("menu_entry_as_ordinary_user needs --build")
+    user = ordinary_user()
+    prefix = tempfile.mkdtemp(prefix="tarnwick-prefix-")
+    try:
+        os.chmod(prefix, 0o755)
+        subprocess.run(["cmake", "--install", build, "--prefix", prefix], check=True, stdout=subprocess.DEVNULL)
+        bindir = os.path.join(prefix, "bin")
+        installed = os.path.join(bindir, "tarnwick-gateway")
+        command = desktop_entry_command(os.path.join(prefix, "share", "applications", "tarnwick-gateway.desktop"))
+        env = {"PATH": bindir + os.pathsep + os.environ.get("PATH", "")}
+        version = subprocess.run([installed, "--version"], capture_output=True, text=True,
+                                 env=dict(os.environ, XDG_RUNTIME_DIR=desktop.folder)).stdout.split()[-1]
+
+        store = os.path.join(prefix, "store")
+        desktop.start([os.path.join(bindir, "tarnwick-webmail"), "--store", store, "--demo"])
+        wait_for("the installed tarnwick-webmail on its default port", lambda: is_listening(SERVICE_PORT))
+
+        gateway = Gateway(desktop, None, ports=USER_PORTS, command=command, user=user, log=subprocess.PIPE, env=env)
+        window = gateway.main_window()
+        check(user is None or uid_of(gateway.process) == user.pw_uid,
+              "%s started as %s" % (" ".join(command), user.pw_name if user else "this user"))
+        try:
+            wait_for("POP3 on %d and SMTP on %d" % USER_PORTS, lambda: all(is_listening(p) for p in USER_PORTS))
+        except Failure as failure:
+            # A gateway that could not listen shows its message in a box; what it wrote may still tell why.
+            stop_process(gateway.process)
+            raise Failure("%s; the gateway wrote: %r" % (failure, gateway.process.communicate()))
+        print("ok: the window is up and both servers listen on %d and %d" % USER_PORTS)
+
+        client = poplib.POP3("127.0.0.1", USER_PORTS[0], timeout=30)
+        client.user("demo")
+        client.pass_("demo")
+        count, _ = client.stat()
+        first_line = client.retr(1)[1][0].decode("ascii", "replace")
+        client.quit()
+        check(count > 0 and first_line == "X-Application: Tarnwick Gateway - " + version,
+              "the first fetch: %d messages, the first beginning \"%s\"" % (count, first_line))
+        time.sleep(0.5)  # let the log be drawn
+        if shots:
+            desktop.screenshot(os.path.join(shots, "menu-entry-as-ordinary-user.png"))
+        open_file_menu_and_exit(desktop, window)
+        check(gateway.exit_status() == 0, "File, Exit ends the gateway with status 0")
+
+        # By hand, on a port below 1024.
+        by_hand = [installed, "--pop3-port", "110", "--smtp-port", str(USER_PORTS[1])]
+        with open("/proc/sys/net/ipv4/ip_unprivileged_port_start") as start:
+            if int(start.read()) <= 110:
+                print("skip: every user may listen on port 110 here; no permission error to see")
+                return
+        headless = Gateway(desktop, None, command=by_hand + ["--headless"], user=user, log=subprocess.PIPE)
+        _, errors = headless.process.communicate(timeout=30)
+        expected = ("tarnwick-gateway: Error 10013: Permission denied: the POP3 server may not listen on port 110, "
+                    "because ports below 1024 need privileges; use a port from 1024 up (in StartListening Method)\n")
+        check(headless.process.returncode == 1 and errors.decode() == expected,
+              "by hand and headless on port 110: status %d, %r" % (headless.process.returncode, errors.decode()))
+        windowed = Gateway(desktop, None, command=by_hand, user=user)
+        box = windowed.main_window()
+        check(desktop.geometry(box)[2] != 446, "by hand on port 110 a message box comes, and no main window")
+        time.sleep(0.5)
+        if shots:
+            desktop.screenshot(os.path.join(shots, "port-below-1024-by-hand.png"), desktop.outer_rectangle(box))
+        desktop.x("xdotool", "windowactivate", "--sync", box, "key", "Return")
+        check(windowed.exit_status() == 1, "after OK the gateway ends with status 1")
+    finally:
+        shutil.rmtree(prefix, ignore_errors=True)
+
+
 # Each case with whether its desktop starts with a notification area.
 CASES = {"with_notification_area": (with_notification_area, True),
-         "without_notification_area": (without_notification_area, False)}
+         "without_notification_area": (without_notification_area, False),
+         "keyboard": (keyboard, False),
+         "menu_entry_as_ordinary_user": (menu_entry_as_ordinary_user, True)}
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--gateway", required=True, help="the tarnwick-gateway binary")
+    parser.add_argument("--build", help="the build folder, installed into a prefix by menu_entry_as_ordinary_user")
+    parser.add_argument("--shots", help="a folder for menu_entry_as_ordinary_user's screenshots")
     parser.add_argument("case", choices=sorted(CASES))
     arguments = parser.parse_args()
     missing = [tool for tool in TOOLS if not shutil.which(tool)]
@@ -121,10 +295,18 @@ def main():
         print("SKIPPED: the desktop test needs %s (scripts/setup installs them)" % ", ".join(missing))
         return 77
     case, with_tray = CASES[arguments.case]
+    extra = ()
+    if case is menu_entry_as_ordinary_user:
+        fixed = USER_PORTS + (SERVICE_PORT,)
+        if not enter_own_network() and taken_ports(fixed):
+            print("SKIPPED: something on this machine listens on port(s) %s, and only root can give the test a "
+                  "network of its own" % ", ".join(map(str, taken_ports(fixed))))
+            return 77
+        extra = (arguments.build, arguments.shots and os.path.abspath(arguments.shots))
     try:
         desktop = Desktop(with_tray)
         try:
-            case(desktop, arguments.gateway)
+            case(desktop, arguments.gateway, *extra)
         finally:
             desktop.stop()
     except Failure as failure:

@@ -2,17 +2,21 @@
 when asked, the trayer notification area; the gateway driven with xdotool and read with xwininfo and xprop.
 The desktop test and scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
+import fcntl
 import os
+import pwd
 import random
 import re
 import shutil
+import socket
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
-from tarnwick_testing import free_port, stop_process  # noqa: E402
+from tarnwick_testing import is_listening, stop_process  # noqa: E402
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -24,8 +28,57 @@ QUIET_TIME = 1.5
 SKIPS = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
 
 
+# The ports a user's mail reader is pointed at: the desktop entry's, scripts/run's and the user service's.
+USER_PORTS = (1110, 1025)
+# Where tarnwick-webmail listens by default, which the gateway's built-in service address names.
+SERVICE_PORT = 8110
+# Set in the environment of a program re-run by enter_own_network.
+OWN_NETWORK = "TARNWICK_OWN_NETWORK"
+
+
 class Failure(Exception):
     pass
+
+
+def enter_own_network():
+    """Runs the calling program in a network namespace of its own, with only its loopback interface, so that
+    the fixed ports it listens on cannot clash with anything else on the machine: re-executes the program under
+    unshare(1) (same process id) when it may (as root). Returns whether the program now runs in one."""
+    if os.environ.pop(OWN_NETWORK, None) == "1":
+        # A new namespace's loopback interface starts down: set IFF_UP with SIOCGIFFLAGS/SIOCSIFFLAGS.
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
+            request = struct.pack("16sH", b"lo", 0)
+            flags = struct.unpack("16sH", fcntl.ioctl(s, 0x8913, request))[1]
+            fcntl.ioctl(s, 0x8914, struct.pack("16sH", b"lo", flags | 0x1))
+        return True
+    if os.geteuid() != 0 or not shutil.which("unshare") or \
+            subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
+        return False
+    sys.stdout.flush()
+    os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv], dict(os.environ, **{OWN_NETWORK: "1"}))
+
+
+def two_free_ports():
+    """Two different ports that nothing listened on a moment ago (both held at once while they are found)."""
+    with socket.socket() as first, socket.socket() as second:
+        first.bind(("127.0.0.1", 0))
+        second.bind(("127.0.0.1", 0))
+        return first.getsockname()[1], second.getsockname()[1]
+
+
+def taken_ports(ports):
+    """Those of `ports` that something on this machine (in this network namespace) listens on."""
+    return [port for port in ports if is_listening(port)]
+
+
+def ordinary_user():
+    """The user an ordinary desktop user's programs run as: this one, or `nobody` when this is root."""
+    if os.geteuid() != 0:
+        return None
+    try:
+        return pwd.getpwnam("nobody")
+    except KeyError:
+        raise Failure("running as root and there is no user nobody to start the gateway as")
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
@@ -49,6 +102,7 @@ class Desktop:
         self.env = dict(os.environ, QT_QPA_PLATFORM="xcb", XDG_RUNTIME_DIR=self.folder, HOME=self.folder)
         self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
         self.tray = None
+        self.user_folders = []
         try:
             self.start_display()
             openbox = self.start(["openbox", "--sm-disable"], self.log)
@@ -109,8 +163,18 @@ class Desktop:
         stop_process(self.tray)
         self.tray = None
 
-    def start(self, command, log=subprocess.DEVNULL):
-        process = subprocess.Popen(command, env=self.env, stdout=log, stderr=log)
+    def start(self, command, log=subprocess.DEVNULL, user=None, env=None):
+        """Starts a program on this display; as `user` (a pwd entry) with a home and runtime folder of its
+        own when given, else as this user."""
+        env = dict(self.env, **(env or {}))
+        ids = {}
+        if user is not None:
+            folder = tempfile.mkdtemp(prefix="tarnwick-user-")
+            self.user_folders.append(folder)
+            os.chown(folder, user.pw_uid, user.pw_gid)
+            env.update(HOME=folder, XDG_RUNTIME_DIR=folder, USER=user.pw_name, LOGNAME=user.pw_name)
+            ids = dict(user=user.pw_uid, group=user.pw_gid, extra_groups=[])
+        process = subprocess.Popen(command, env=env, stdout=log, stderr=log, **ids)
         self.processes.append(process)
         return process
 
@@ -119,6 +183,21 @@ class Desktop:
             stop_process(process)
         self.log.close()
         shutil.rmtree(self.folder, ignore_errors=True)
+        for folder in self.user_folders:
+            shutil.rmtree(folder, ignore_errors=True)
+
+    def screenshot(self, path, rectangle=None):
+        """Saves the screen, or the rectangle (x, y, width, height) of it, as a PNG file."""
+        command = ["import", "-window", "root"]
+        if rectangle:
+            command += ["-crop", "%dx%d+%d+%d" % (rectangle[2], rectangle[3], rectangle[0], rectangle[1]), "+repage"]
+        subprocess.run(command + [path], env=self.env, check=True)
+
+    def outer_rectangle(self, window):
+        """(x, y, width, height) of a window with its frame."""
+        x, y, width, height, _ = self.geometry(window)
+        left, right, top, bottom = self.frame_extents(window)
+        return x - left, y - top, width + left + right, height + top + bottom
 
     def x(self, *command):
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
@@ -169,11 +248,13 @@ class Desktop:
 
 
 class Gateway:
-    def __init__(self, desktop, binary, extra=()):
+    def __init__(self, desktop, binary, extra=(), ports=None, command=None, user=None, log=subprocess.DEVNULL,
+                 env=None):
+        """The gateway on ports of its own (or `ports`); `command` runs instead as it stands."""
         self.desktop = desktop
-        self.pop3_port = free_port()
-        self.process = desktop.start([binary, "--pop3-port", str(self.pop3_port), "--smtp-port", str(free_port()),
-                                      *extra])
+        self.pop3_port, self.smtp_port = ports or two_free_ports()
+        self.process = desktop.start(command or [binary, "--pop3-port", str(self.pop3_port),
+                                                 "--smtp-port", str(self.smtp_port), *extra], log, user, env)
 
     def main_window(self):
         """The main window, once it is mapped."""

@@ -47,7 +47,10 @@ TEST_F(GatewayProcessTest, StartUpFailureEndsTheProgramWithItsErrorOnStandardErr
     EXPECT_EQ(Run("abc"), 1);
     EXPECT_EQ(stderrText, "tarnwick-gateway: Error 13: Type mismatch (in StartListening Method)\n");
     EXPECT_EQ(Run(std::to_string(occupant.serverPort())), 1);
-    EXPECT_EQ(stderrText, "tarnwick-gateway: Error 10048: Address in use (in StartListening Method)\n");
+    EXPECT_EQ(stderrText, "tarnwick-gateway: Error 10048: Address in use: another program already listens on port " +
+                              std::to_string(occupant.serverPort()) +
+                              ", so the POP3 server cannot; stop that program or choose another port (in "
+                              "StartListening Method)\n");
 }
 
 TEST_F(GatewayProcessTest, SecondInstanceIsRefusedAndTheFirstLogsToStandardOutput) {
