@@ -1,6 +1,6 @@
-// The relay's pieces that decide what happens to a queued message: its envelope and relayed text, the
-// verdict an SMTP conversation gives each recipient, the queue state on disk and the retry pauses, and the
-// delivery report's status codes.
+// The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
+// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, the queue state
+// on disk and the retry pauses, and the delivery report's status codes.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -50,13 +50,6 @@ TEST(QueuedMessageTest, TakesTheEnvelopeFromTheHeaderOnly) {
     std::string error;
     EXPECT_FALSE(QueuedMessage::Parse("Subject: s\r\n\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n", error));
     EXPECT_FALSE(error.empty());
-    std::string headersError;
-    const auto message =
-        QueuedMessage::Parse("X-Tarnwick-Envelope-From: <a@x.org>\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n"
-                             "Subject: s\r\nTo: b@y.org\r\n\r\nbody\r\n",
-                             headersError);
-    ASSERT_TRUE(message);
-    EXPECT_EQ(message->Headers(), "Subject: s\r\nTo: b@y.org\r\n");
 }
 
 TEST(SmtpExchangeTest, JudgesEachRecipient) {
@@ -128,23 +121,6 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
     }
 }
 
-TEST(SmtpExchangeTest, TranscriptLeavesOutCredentials) {
-    SmtpExchange exchange;
-    for (const auto& [sent, bytes] : std::vector<std::pair<bool, std::string>>{
-             {false, "220 mx\r\n"}, {true, "AUTH LOGIN\r\n"}, {false, "334 VXNlcm5hbWU6\r\n"},
-             {true, "c2Ft\r\n"}, {false, "334 UGFzc3dvcmQ6\r\n"}, {true, "c2VjcmV0\r\n"},
-             {false, "235 2.7.0 ok\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "250 ok\r\n"}}) {
-        if (sent) {
-            exchange.Sent(bytes);
-        } else {
-            exchange.Received(bytes);
-        }
-    }
-    EXPECT_EQ(exchange.Transcript(),
-              "< 220 mx\n> AUTH ...\n< 334 VXNlcm5hbWU6\n> ...\n< 334 UGFzc3dvcmQ6\n> ...\n< 235 2.7.0 ok\n"
-              "> MAIL FROM:<a@x.org>\n< 250 ok\n");
-}
-
 TEST(QueueStateTest, SurvivesItsFileAndPausesDouble) {
     TempDir dir;
     QueueState state;
@@ -177,7 +153,7 @@ TEST(QueueStateTest, SurvivesItsFileAndPausesDouble) {
     }
 }
 
-TEST(BounceReportTest, StatusCodesAndParts) {
+TEST(BounceReportTest, StatusCodes) {
     const struct {
         const char* reply;
         bool timeLimit;
@@ -192,30 +168,6 @@ TEST(BounceReportTest, StatusCodesAndParts) {
     for (const auto& c : cases) {
         EXPECT_EQ(BounceReport::Status({"b@y.org", c.reply, c.timeLimit}), c.status) << c.reply;
     }
-    BounceReport report;
-    report.domain = "tarnwick.local";
-    report.remoteHost = "mx.example.org";
-    report.to = "sam@tarnwick.local";
-    report.id = "123.M4P5Q6.host-report1";
-    report.failures = {{"b@y.org", "550 5.1.1 unknown", false}, {"c@y.org", "Failed to connect", true}};
-    report.timeLimitText = "5 days";
-    report.originalHeaders = "Subject: s\r\nTo: b@y.org\r\n";
-    const std::string text = report.Build();
-    const std::string boundary = "--=_tarnwick-report-123.M4P5Q6.host-report1";
-    std::string lastPart = boundary;
-    lastPart += "\r\nContent-Type: text/rfc822-headers\r\n\r\nSubject: s\r\nTo: b@y.org\r\n\r\n";
-    lastPart += boundary;
-    lastPart += "--\r\n";
-    for (const std::string& part :
-         {"Content-Type: multipart/report; report-type=delivery-status;\r\n\tboundary=\"" + boundary.substr(2) + "\"",
-          boundary + "\r\nContent-Type: message/delivery-status\r\n\r\nReporting-MTA: dns; tarnwick.local\r\n",
-          std::string("Final-Recipient: rfc822; b@y.org\r\nAction: failed\r\nStatus: 5.1.1\r\n"
-                      "Remote-MTA: dns; mx.example.org\r\nDiagnostic-Code: smtp; 550 5.1.1 unknown\r\n"),
-          std::string("Final-Recipient: rfc822; c@y.org\r\nAction: failed\r\nStatus: 4.4.7\r\n"),
-          std::string("<c@y.org>: not delivered within 5 days; last attempt: Failed to connect\r\n"), lastPart}) {
-        EXPECT_NE(text.find(part), std::string::npos) << part;
-    }
-    EXPECT_EQ(text.find("\n\n"), std::string::npos);  // CR LF throughout
 }
 
 }  // namespace
