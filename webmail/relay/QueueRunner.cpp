@@ -156,23 +156,41 @@ bool QueueRunner::TryMessage(const store::Account& account, const std::string& i
         Finish(account, id, stateFile);
         return false;
     }
-    if (state.sending) Log(what + "an attempt was cut short (the service stopped); sending again");
-
-    fs::create_directories(stateDir);
-    ++state.attempts;
-    state.sending = true;
-    state.Save(stateFile);
-    Log(what + "sending to " + AngleList(pending) + " via " + relay_.Host() + " (attempt " +
-        std::to_string(state.attempts) + ")");
-    const SmtpRelay::Attempt attempt = relay_.Send(message->sender, pending, message->text);
-    if (options_.trace) Log(what + "SMTP conversation:\n" + attempt.transcript);
+    // While the smarthost cannot be reached, a message waits, unless its time is up: then it is returned
+    // without another attempt, so that a long queue is not returned one message per pause.
+    const bool waitForRelay = start < unreachableUntil_;
+    if (waitForRelay && start - state.queued < options_.giveUp.count()) return false;
+    std::vector<SmtpExchange::Result> results;
+    if (waitForRelay) {
+        const std::string& reply = state.lastReply.empty() ? unreachableReply_ : state.lastReply;
+        for (const std::string& r : pending) results.push_back({r, Verdict::Temporary, reply});
+    } else {
+        if (state.sending) Log(what + "an attempt was cut short (the service stopped); sending again");
+        fs::create_directories(stateDir);
+        ++state.attempts;
+        state.sending = true;
+        state.Save(stateFile);
+        Log(what + "sending to " + AngleList(pending) + " via " + relay_.Host() + " (attempt " +
+            std::to_string(state.attempts) + ")");
+        SmtpRelay::Attempt attempt = relay_.Send(message->sender, pending, message->text);
+        if (options_.trace) Log(what + "SMTP conversation:\n" + attempt.transcript);
+        if (attempt.reached) {
+            unreachable_ = 0;
+        } else {
+            const auto wait = QueueState::Pause(++unreachable_, options_.firstPause, options_.maxPause);
+            unreachableUntil_ = std::time(nullptr) + wait.count();
+            if (!attempt.results.empty()) unreachableReply_ = attempt.results.front().reply;
+            Log("relay: " + relay_.Host() + " cannot be reached; the queue waits " + DurationText(wait));
+        }
+        results = std::move(attempt.results);
+    }
 
     const std::time_t now = std::time(nullptr);
     const bool expired = now - state.queued >= options_.giveUp.count();
     std::vector<BounceReport::Failure> failures;
     std::vector<std::string> deferred;
     std::string deferReply;
-    for (const auto& result : attempt.results) {
+    for (const auto& result : results) {
         if (result.verdict == Verdict::Delivered) {
             state.done.push_back(result.recipient);
             Log(what + "delivered to <" + result.recipient + ">: " + result.reply);
@@ -188,7 +206,7 @@ bool QueueRunner::TryMessage(const store::Account& account, const std::string& i
         report.domain = options_.domain;
         report.remoteHost = relay_.Host();
         report.to = account.Name() + "@" + options_.domain;
-        report.id = UniqueOf(file) + "-report" + std::to_string(state.attempts);
+        report.id = UniqueOf(file) + "-report" + std::to_string(state.attempts) + (waitForRelay ? "x" : "");
         report.arrival = state.queued;
         report.now = now;
         report.timeLimitText = DurationText(options_.giveUp);

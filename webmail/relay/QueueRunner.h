@@ -3,7 +3,8 @@
 // that doubles from the first to the longest; a refusal for good, or the time limit, sends the account a
 // delivery report. A message leaves its Outbox once every recipient is delivered or reported (a copy is
 // already in Sent Items). The state of each message lives beside the Outbox (QueueState), so that a
-// restart resumes where the last run stopped; a message whose attempt was cut short is sent again.
+// restart resumes where the last run stopped; a message whose attempt was cut short is sent again. While the
+// smarthost cannot be reached at all, the whole queue waits.
 #pragma once
 
 #include <chrono>
@@ -60,6 +61,11 @@ private:
     Options options_;
     SmtpRelay relay_;
     std::set<std::string> reported_;  // files without an envelope, logged once
+    // While the smarthost cannot be reached, no message is tried before this time (each failure in a row
+    // doubles the pause, as for one message), so that a long queue does not wait out one timeout each.
+    std::time_t unreachableUntil_ = 0;
+    unsigned unreachable_ = 0;
+    std::string unreachableReply_ = "no connection to the mail server";  // why it could not be reached
     std::thread thread_;
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -158,7 +158,7 @@ SmtpRelay::Attempt SmtpRelay::Send(const std::string& sender, const std::vector<
     // Nothing may point at this call's locals once it returns (closing the kept connection later says QUIT).
     curl_easy_reset(curl);
     curl_slist_free_all(rcpt);
-    return {exchange.Judge(recipients, code == CURLE_OK, error), exchange.Transcript()};
+    return {exchange.Judge(recipients, code == CURLE_OK, error), exchange.Transcript(), !exchange.Steps().empty()};
 }
 
 }  // namespace webmail::relay

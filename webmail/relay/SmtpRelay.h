@@ -23,6 +23,7 @@ public:
     struct Attempt {
         std::vector<SmtpExchange::Result> results;  // one per recipient, in the order given
         std::string transcript;                      // SmtpExchange::Transcript()
+        bool reached = false;                        // the smarthost said anything at all
     };
 
     explicit SmtpRelay(Options options);
