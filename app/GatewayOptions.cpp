@@ -4,14 +4,31 @@
 #include <QCoreApplication>
 #include <QHostAddress>
 
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string_view>
 
 namespace app {
 namespace {
 
 constexpr int kUsageError = 2;
+// Test suites only: seconds for both the connect and the idle time-out of service requests, so that a test of
+// a stalled service does not wait the full defaults. Not a user setting.
+constexpr const char* kTestTimeoutVariable = "TARNWICK_TEST_HTTP_TIMEOUT";
+
+// A whole number from `low` up, ASCII digits only; nullopt for anything else or a value beyond 2^62.
+std::optional<std::uint64_t> WholeNumber(std::string_view text, std::uint64_t low) {
+    if (text.empty() || text.size() > 18) return std::nullopt;
+    std::uint64_t value = 0;
+    for (const char c : text) {
+        if (c < '0' || c > '9') return std::nullopt;
+        value = value * 10 + static_cast<std::uint64_t>(c - '0');
+    }
+    if (value < low) return std::nullopt;
+    return value;
+}
 
 [[noreturn]] void FailUsage(QCommandLineParser& parser, const QString& message) {
     std::fprintf(stderr, "tarnwick-gateway: %s\n\n%s", qPrintable(message), qPrintable(parser.helpText()));
@@ -39,7 +56,12 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
         "Entry address of the web mail service (default http://127.0.0.1:8110/svcs/hotmail/tarnwick.asp).", "URL");
     const QCommandLineOption listenAddress("listen-address", "Address both servers listen on (default 127.0.0.1).",
                                            "ADDR");
-    parser.addOptions({headless, pop3Port, smtpPort, serviceUrl, listenAddress});
+    const QCommandLineOption maxReplySize(
+        "max-reply-size",
+        "Largest reply body, in bytes, the gateway accepts from the service (default 1073741824, 1 GiB); a larger "
+        "reply ends the request with an error and nothing of it is kept.",
+        "BYTES");
+    parser.addOptions({headless, pop3Port, smtpPort, serviceUrl, listenAddress, maxReplySize});
     if (!parser.parse(application.arguments())) FailUsage(parser, parser.errorText());
     if (parser.isSet("help")) parser.showHelp(0);
     if (parser.isSet("version")) parser.showVersion();
@@ -57,6 +79,19 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
             FailUsage(parser, "not an IP address: " + parser.value(listenAddress));
         }
         options.listenAddress = parser.value(listenAddress).toStdString();
+    }
+    if (parser.isSet(maxReplySize)) {
+        const auto bytes = WholeNumber(parser.value(maxReplySize).toStdString(), 1);
+        if (!bytes) FailUsage(parser, "not a positive whole number of bytes: " + parser.value(maxReplySize));
+        options.httpLimits.maxReplyBytes = *bytes;
+    }
+    if (const char* test = std::getenv(kTestTimeoutVariable); test != nullptr && *test != '\0') {
+        const auto seconds = WholeNumber(test, 1);
+        if (!seconds || *seconds > 3600) {
+            FailUsage(parser, QString::fromLatin1(kTestTimeoutVariable) + " is not a number of seconds from 1 to 3600");
+        }
+        options.httpLimits.connectSeconds = static_cast<long>(*seconds);
+        options.httpLimits.idleSeconds = static_cast<long>(*seconds);
     }
     return options;
 }

@@ -5,6 +5,8 @@
 #include <optional>
 #include <string>
 
+#include "platform/http/HttpRequest.h"
+
 class QCoreApplication;
 
 namespace app {
@@ -19,6 +21,9 @@ struct GatewayOptions {
     std::optional<std::string> serviceUrl;
     // The address both servers listen on.
     std::string listenAddress = "127.0.0.1";
+    // Time-outs and the reply size limit of every service request: --max-reply-size sets the size; the
+    // time-outs keep their defaults except under the test-only TARNWICK_TEST_HTTP_TIMEOUT variable.
+    platform::HttpLimits httpLimits;
 
     // Parses the application's arguments; --help and --version print and exit 0, a bad option exits 2.
     static GatewayOptions Parse(const QCoreApplication& application);

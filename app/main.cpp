@@ -16,6 +16,7 @@
 #include "core/MessageBox.h"
 #include "core/Version.h"
 #include "mailservice/CHotmail.h"
+#include "platform/http/HttpRequest.h"
 
 namespace {
 
@@ -43,6 +44,7 @@ int main(int argc, char** argv) {
     const app::GatewayOptions options = app::GatewayOptions::Parse(*application);
     // Before any server starts, so that the first connection's service client already uses it.
     if (options.serviceUrl) mailservice::CHotmail::SetServiceEntryURL(*options.serviceUrl);
+    platform::HttpRequest::SetLimits(options.httpLimits);
 
     QLockFile lock(LockFilePath());
     if (!lock.tryLock(0)) {

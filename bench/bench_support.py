@@ -136,7 +136,7 @@ class Webmail:
 class Gateway:
     """The gateway pointed at one webmail; headless, or with its window on `display` (an X display name)."""
 
-    def __init__(self, binary, service_url, workdir, display=None, log_path=None):
+    def __init__(self, binary, service_url, workdir, display=None, log_path=None, extra_args=()):
         runtime = tempfile.mkdtemp(prefix="rt-", dir=workdir)
         os.chmod(runtime, 0o700)
         env = dict(os.environ, XDG_RUNTIME_DIR=runtime)
@@ -149,6 +149,7 @@ class Gateway:
             env["QT_QPA_PLATFORM"] = "xcb"
         self.pop3_port, smtp_port = free_port(), free_port()
         args += ["--pop3-port", str(self.pop3_port), "--smtp-port", str(smtp_port), "--service-url", service_url]
+        args += list(extra_args)
         self.log = open(log_path or os.devnull, "wb")
         self.proc = subprocess.Popen(args, stdout=self.log, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL,
                                      env=env)

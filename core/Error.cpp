@@ -44,6 +44,10 @@ std::string StandardDescription(std::int32_t number) {
             return "The connection with the server was terminated abnormally";
         case ErrorNumber::kHttpHeaderNotFound:
             return "The requested header was not found";
+        case ErrorNumber::kHttpTimedOut:
+            return "The operation timed out";
+        case ErrorNumber::kHttpReplyTooLarge:
+            return "The server response exceeded the allowed size";
         default:
             return {};
     }

@@ -30,6 +30,8 @@ inline constexpr std::int32_t kHttpNameNotResolved = -2147012889;
 inline constexpr std::int32_t kHttpCannotConnect = -2147012867;
 inline constexpr std::int32_t kHttpConnectionAborted = -2147012866;
 inline constexpr std::int32_t kHttpHeaderNotFound = -2147012746;
+inline constexpr std::int32_t kHttpTimedOut = -2147012894;
+inline constexpr std::int32_t kHttpReplyTooLarge = -2147012712;
 }  // namespace ErrorNumber
 
 // An error as it travels through the program; thrown by value, caught by const reference.

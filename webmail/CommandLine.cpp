@@ -55,6 +55,16 @@ std::chrono::seconds ParseDuration(const std::string& option, const std::string&
     return std::chrono::seconds(static_cast<std::chrono::seconds::rep>(*count * unit));
 }
 
+// A count or a number of seconds for `option`, from 1 to `most`.
+unsigned ParseCount(const std::string& option, const std::string& text, unsigned most) {
+    const auto n = Decimal(text, 6);
+    if (!n || *n < 1 || *n > most) {
+        throw std::invalid_argument(option + ": expected a number from 1 to " + std::to_string(most) + ", got \"" +
+                                    text + "\"");
+    }
+    return static_cast<unsigned>(*n);
+}
+
 }  // namespace
 
 CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
@@ -122,6 +132,12 @@ CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
             }
         } else if (arg == "--relay-trace") {
             line.relay.trace = true;
+        } else if (arg == "--idle-timeout") {
+            line.server.idleTimeoutSeconds = ParseCount(arg, value("a number of seconds"), 86400);
+        } else if (arg == "--max-connections") {
+            line.server.maxConnections = ParseCount(arg, value("a number"), 10000);
+        } else if (arg == "--max-connections-per-address") {
+            line.server.maxConnectionsPerAddress = ParseCount(arg, value("a number"), 10000);
         } else {
             throw std::invalid_argument("unknown option \"" + arg + "\" (see --help)");
         }
@@ -156,6 +172,14 @@ Options:
   --auth basic|digest|any   HTTP authentication offered (default any: both)
   --max-message-size BYTES  largest request body accepted (default 67108864,
                             64 MiB: room for a 25 MB attachment in base64)
+  --idle-timeout SECONDS    close a connection on which nothing arrives or
+                            leaves for this long, mid-request or between
+                            requests (default 60)
+  --max-connections N       connections served at once; more wait until one
+                            ends (default 256)
+  --max-connections-per-address N
+                            connections served at once from one client
+                            address; more are closed at once (default 64)
   --add-user NAME PASSWORD  create the account (or set its password) and exit
   --demo                    create account "demo", password "demo", with a few
                             sample messages, if it does not exist yet
@@ -176,7 +200,8 @@ Outbox folder):
   --relay-trace             log every SMTP conversation with the relay
 
 Every request is logged on standard error: method, path, status, bytes, user;
-so is every attempt to relay a message and its outcome.
+a failure the client gets a short reason for is logged there in full, and so is
+every attempt to relay a message and its outcome.
 SIGINT or SIGTERM stops the service.
 )";
 }

@@ -13,7 +13,8 @@ namespace webmail {
 
 struct CommandLine {
     std::string store;                   // --store DIR (required)
-    dav::HttpServer::Options server;     // --listen, --domain, --auth, --max-message-size
+    dav::HttpServer::Options server;     // --listen, --domain, --auth, --max-message-size, --idle-timeout,
+                                         // --max-connections, --max-connections-per-address
     std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
     std::string addUserPassword;         //                           password
     bool demo = false;                   // --demo

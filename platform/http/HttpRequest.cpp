@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <memory>
 
 #include "core/Error.h"
@@ -11,6 +12,12 @@ namespace platform {
 namespace {
 
 CURL* Handle(void* p) { return static_cast<CURL*>(p); }
+
+// Set once at start-up, before any request is made; read on the same thread.
+HttpLimits& ProcessLimits() {
+    static HttpLimits limits;
+    return limits;
+}
 
 // libcurl must be initialised once per process before any handle is made.
 void GlobalInit() {
@@ -34,6 +41,9 @@ void GlobalInit() {
             core::Raise(core::ErrorNumber::kHttpCannotConnect);
         case CURLE_OUT_OF_MEMORY:
             core::Raise(core::ErrorNumber::kOutOfMemory);
+        case CURLE_OPERATION_TIMEDOUT:
+            // Connecting took too long, or nothing moved in either direction for the idle limit.
+            core::Raise(core::ErrorNumber::kHttpTimedOut);
         default:
             // Everything else (nothing received, a reply cut short, a send or receive error) is a broken transfer.
             core::Raise(core::ErrorNumber::kHttpConnectionAborted);
@@ -65,12 +75,16 @@ bool HasHeader(const std::vector<std::pair<std::string, std::string>>& headers, 
 
 }  // namespace
 
+void HttpRequest::SetLimits(const HttpLimits& limits) { ProcessLimits() = limits; }
+
+HttpLimits HttpRequest::Limits() { return ProcessLimits(); }
+
 HttpRequest::HttpRequest() {
     GlobalInit();
     curl_ = curl_easy_init();
     if (!curl_) core::Raise(core::ErrorNumber::kOutOfMemory);
     CURL* h = Handle(curl_);
-    // Options that hold for every request of the object. No time-out is set: libcurl's defaults apply.
+    // Options that hold for every request of the object.
     curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(h, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
     // Without this an "ftp:" or "file:" address would be fetched instead of failing as an unknown scheme.
@@ -142,6 +156,7 @@ void HttpRequest::Send(const std::string& body) {
 void HttpRequest::Perform(const std::string* body) {
     CURL* h = Handle(curl_);
     responseText_.clear();
+    overLimit_ = false;
     haveReply_ = false;
 
     // Per-request options are reset one by one rather than with curl_easy_reset, which would also drop the
@@ -149,6 +164,12 @@ void HttpRequest::Perform(const std::string* body) {
     // HTTPGET first: it clears any body and upload mode the previous request left on the handle.
     Check(curl_easy_setopt(h, CURLOPT_HTTPGET, 1L));
     Check(curl_easy_setopt(h, CURLOPT_URL, url_.c_str()));
+    // libcurl waits for ever once connected. Fewer than one byte a second for the idle limit, sending or
+    // receiving, ends the transfer; a slow reply that keeps arriving is never cut. Name resolution has no limit.
+    const HttpLimits& limits = ProcessLimits();
+    Check(curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, limits.connectSeconds));
+    Check(curl_easy_setopt(h, CURLOPT_LOW_SPEED_LIMIT, 1L));
+    Check(curl_easy_setopt(h, CURLOPT_LOW_SPEED_TIME, limits.idleSeconds));
     if (body) {
         // POSTFIELDS with an explicit size: bytes go out unchanged, NULs and all, with a Content-Length.
         Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size())));
@@ -181,7 +202,9 @@ void HttpRequest::Perform(const std::string* body) {
     curl_easy_setopt(h, CURLOPT_HTTPHEADER, nullptr);
     curl_easy_setopt(h, CURLOPT_POSTFIELDS, nullptr);
     if (result != CURLE_OK) {
-        responseText_.clear();
+        // Release the memory, not just the length: an oversized reply must not stay held.
+        std::string().swap(responseText_);
+        if (overLimit_) core::Raise(core::ErrorNumber::kHttpReplyTooLarge);
         FailFor(result);
     }
     haveReply_ = true;
@@ -193,12 +216,24 @@ std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count,
     try {
         auto* request = static_cast<HttpRequest*>(self);
         std::string& text = request->responseText_;
+        const std::uint64_t maxBytes = ProcessLimits().maxReplyBytes;
+        if (size * count > maxBytes - std::min<std::uint64_t>(maxBytes, text.size())) {
+            request->overLimit_ = true;
+            return 0;  // libcurl ends the transfer
+        }
         if (text.empty()) {
             // Room for the whole announced body at once: a message of many megabytes would otherwise grow
-            // through a series of ever larger copies of itself.
+            // through a series of ever larger copies of itself. A body announced beyond the limit is refused
+            // before any of it is kept.
             curl_off_t announced = -1;
-            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) == CURLE_OK &&
-                announced > 0 && static_cast<std::uint64_t>(announced) <= text.max_size()) {
+            if (curl_easy_getinfo(Handle(request->curl_), CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &announced) != CURLE_OK) {
+                announced = -1;
+            }
+            if (announced > 0 && static_cast<std::uint64_t>(announced) > maxBytes) {
+                request->overLimit_ = true;
+                return 0;
+            }
+            if (announced > 0 && static_cast<std::uint64_t>(announced) <= text.max_size()) {
                 // An announcement too large to reserve is no reason to fail: the body still grows as it comes.
                 core::SkipOnError([&] { text.reserve(static_cast<std::size_t>(announced)); });
             }

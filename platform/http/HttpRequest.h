@@ -10,8 +10,23 @@
 
 namespace platform {
 
+// How long a request may wait and how much of a reply it keeps; one setting for the whole process.
+struct HttpLimits {
+    // Connecting gives up after this many seconds.
+    long connectSeconds = 60;
+    // Sending or receiving gives up when no byte went out or came in for this many seconds: an idle limit,
+    // never a limit on a whole transfer that keeps moving.
+    long idleSeconds = 30;
+    // A reply body beyond this many bytes ends the request; nothing of it is kept.
+    std::uint64_t maxReplyBytes = std::uint64_t{1} << 30;
+};
+
 class HttpRequest {
 public:
+    // The limits of every request object made from now on (and of later requests of existing ones).
+    static void SetLimits(const HttpLimits& limits);
+    static HttpLimits Limits();
+
     // A request object with no request open yet.
     HttpRequest();
     // Releases the handle and its connection; never throws.
@@ -56,6 +71,8 @@ private:
     std::vector<std::pair<std::string, std::string>> headers_;
     std::string body_;
     std::string responseText_;
+    // The reply body outgrew the limit: the transfer was stopped on purpose.
+    bool overLimit_ = false;
     bool haveReply_ = false;
     // Credentials are set and any scheme is still allowed: the server has not yet named its own.
     bool schemeOpen_ = false;

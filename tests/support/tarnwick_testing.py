@@ -134,8 +134,10 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
         self.webmail_args = list(webmail_args)
+        self.gateway_args = list(gateway_args)
+        self.gateway_env = dict(gateway_env or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -206,7 +208,7 @@ class Stack:
     def _start_gateway(self):
         runtime = os.path.join(self.dir, "runtime")
         os.makedirs(runtime, mode=0o700, exist_ok=True)
-        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen")
+        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
         for attempt in range(5):
             self.pop3_port, self.smtp_port = free_port(), free_port()
             if self.pop3_port == self.smtp_port:
@@ -215,7 +217,7 @@ class Stack:
             self.gateway = subprocess.Popen(
                 [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
                  "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
-                 "--service-url", self.service_url()],
+                 "--service-url", self.service_url()] + self.gateway_args,
                 stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
             deadline = time.monotonic() + START_TIMEOUT
             while time.monotonic() < deadline and self.gateway.poll() is None:

@@ -26,8 +26,6 @@ constexpr unsigned kNonceTimeoutSeconds = 300;
 constexpr unsigned kNonceSlots = 1024;
 // The opaque value of the Digest challenge, echoed by clients.
 constexpr const char* kOpaque = "tarnwick";
-// Seconds an idle connection is kept.
-constexpr unsigned kConnectionTimeoutSeconds = 60;
 constexpr unsigned kWorkerThreads = 4;
 // Bytes of a converted message handed to libmicrohttpd at a time.
 constexpr std::size_t kServeBlock = std::size_t{64} * 1024;
@@ -134,7 +132,9 @@ void HttpServer::Start() {
     daemon_ = MHD_start_daemon(
         MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::OnRequest, this,
         MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
-        MHD_OPTION_CONNECTION_TIMEOUT, kConnectionTimeoutSeconds, MHD_OPTION_NOTIFY_COMPLETED,
+        MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_CONNECTION_LIMIT,
+        std::max(options_.maxConnections, kWorkerThreads), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
+        options_.maxConnectionsPerAddress, MHD_OPTION_NOTIFY_COMPLETED,
         &ServerCallbacks::OnCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, MHD_OPTION_END);
     if (daemon_ == nullptr) {
         throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));

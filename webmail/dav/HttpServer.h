@@ -27,6 +27,13 @@ public:
         AuthMode auth = AuthMode::Any;
         std::size_t maxBodySize =
             std::size_t{64} * 1024 * 1024;  // a 25 MB attachment, base64-encoded, and room to spare
+        // A connection on which nothing arrives or leaves for this long is closed, mid-request or between
+        // requests.
+        unsigned idleTimeoutSeconds = 60;
+        // Connections served at once: in all (more wait until one ends) and from one client address (more are
+        // closed at once).
+        unsigned maxConnections = 256;
+        unsigned maxConnectionsPerAddress = 64;
     };
 
     // Realm named in the authentication challenges.

@@ -1,6 +1,7 @@
 #include "webmail/dav/Router.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <mutex>
@@ -60,7 +61,9 @@ DavReply Router::Handle(const DavRequest& request) {
     try {
         return Route(request, target);
     } catch (const std::exception& e) {
-        return DavReply::Failure(500, std::string("Store error: ") + e.what());
+        // The detail names paths of the store: it goes to the service's own log, the client gets the reason.
+        std::fprintf(stderr, "store error on %s %s: %s\n", request.method.c_str(), request.path.c_str(), e.what());
+        return DavReply::Failure(500, "Store error");
     }
 }
 

@@ -1,5 +1,8 @@
 #include "webmail/store/MailDelivery.h"
 
+#include <unistd.h>
+
+#include <filesystem>
 #include <stdexcept>
 
 #include "core/Ascii.h"
@@ -18,6 +21,47 @@ MaildirFolder RequireFolder(const Account& account, const char* name) {
     if (!folder) throw std::runtime_error("folder " + std::string(name) + " of " + account.Name() + " is missing");
     return *folder;
 }
+
+// The copies of one delivery: each is written to its folder's tmp/ first and renamed into place only when all
+// are written, so a failure on any copy (a full disk, say) leaves no copy behind and the poster can try again
+// without making a duplicate.
+class AllOrNothing {
+public:
+    AllOrNothing() = default;
+    AllOrNothing(const AllOrNothing&) = delete;
+    AllOrNothing& operator=(const AllOrNothing&) = delete;
+    // Removes every copy still written or placed: the delivery did not complete.
+    ~AllOrNothing() {
+        for (const Copy& c : copies_) {
+            if (c.placed.empty()) {
+                c.folder.DropTemp(c.id);
+            } else {
+                ::unlink(c.placed.c_str());
+            }
+        }
+    }
+
+    void Write(MaildirFolder folder, const std::string& bytes, bool intoNew, std::string flags = {}) {
+        const std::string id = folder.WriteTemp(bytes);
+        copies_.push_back(Copy{std::move(folder), id, intoNew, std::move(flags), {}});
+    }
+
+    // Renames every copy into place; the delivery is complete once this returns.
+    void Commit() {
+        for (Copy& c : copies_) c.placed = c.folder.PlaceTemp(c.id, c.intoNew, c.flags);
+        copies_.clear();
+    }
+
+private:
+    struct Copy {
+        MaildirFolder folder;
+        std::string id;
+        bool intoNew;
+        std::string flags;
+        std::filesystem::path placed;  // empty while the copy is in tmp/
+    };
+    std::vector<Copy> copies_;
+};
 
 }  // namespace
 
@@ -39,11 +83,12 @@ MailDelivery::Result MailDelivery::Deliver(const Account& sender, const Submissi
                                      : std::string_view("\r\n");
     const auto onlyOne = [](const std::vector<std::string>& list) { return list.size() == 1 ? &list[0] : nullptr; };
     Result result;
+    AllOrNothing copies;
     std::vector<std::string> remote;
     for (const std::string& recipient : submission.recipients) {
         if (auto account = LocalAccount(recipient)) {
-            RequireFolder(*account, Account::kInbox)
-                .Deliver(TraceField(sender.Name(), origin, &recipient, eol) + submission.message, true);
+            copies.Write(RequireFolder(*account, Account::kInbox),
+                         TraceField(sender.Name(), origin, &recipient, eol) + submission.message, true);
             result.local.push_back(account->Name());
         } else {
             remote.push_back(recipient);
@@ -55,12 +100,13 @@ MailDelivery::Result MailDelivery::Deliver(const Account& sender, const Submissi
         queued += "X-Tarnwick-Envelope-From: <" + submission.sender + ">" + std::string(eol);
         for (const std::string& r : remote) queued += "X-Tarnwick-Envelope-To: <" + r + ">" + std::string(eol);
         queued += submission.message;
-        RequireFolder(sender, Account::kOutbox).Deliver(queued, true);
+        copies.Write(RequireFolder(sender, Account::kOutbox), queued, true);
         result.queued = remote;
     }
-    RequireFolder(sender, Account::kSentItems)
-        .Deliver(TraceField(sender.Name(), origin, onlyOne(submission.recipients), eol) + submission.message, false,
+    copies.Write(RequireFolder(sender, Account::kSentItems),
+                 TraceField(sender.Name(), origin, onlyOne(submission.recipients), eol) + submission.message, false,
                  "S");
+    copies.Commit();
     return result;
 }
 

@@ -213,6 +213,17 @@ bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const
 }
 
 std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
+    std::string id = WriteTemp(bytes);
+    try {
+        PlaceTemp(id, intoNew, flags);
+    } catch (...) {
+        DropTemp(id);
+        throw;
+    }
+    return id;
+}
+
+std::string MaildirFolder::WriteTemp(std::string_view bytes) const {
     std::string id = UniqueName();
     const fs::path temp = dir_ / "tmp" / id;
     if (!IsMaildir(dir_)) throw std::runtime_error(dir_.string() + " is not a Maildir of its own (a link?)");
@@ -228,10 +239,16 @@ std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::st
         throw;
     }
     ::close(fd);
-    const fs::path target =
-        intoNew ? dir_ / "new" / id : dir_ / "cur" / (id + std::string(kInfoSeparator) + std::string(flags));
-    fs::rename(temp, target);
     return id;
 }
+
+fs::path MaildirFolder::PlaceTemp(const std::string& id, bool intoNew, std::string_view flags) const {
+    fs::path target =
+        intoNew ? dir_ / "new" / id : dir_ / "cur" / (id + std::string(kInfoSeparator) + std::string(flags));
+    fs::rename(dir_ / "tmp" / id, target);
+    return target;
+}
+
+void MaildirFolder::DropTemp(const std::string& id) const noexcept { ::unlink((dir_ / "tmp" / id).c_str()); }
 
 }  // namespace webmail::store

@@ -50,6 +50,12 @@ public:
     bool MoveTo(std::string_view id, const MaildirFolder& dest) const;
     // Writes bytes to tmp/ then renames them into new/ (unseen) or cur/ with the given flags; returns the id.
     std::string Deliver(std::string_view bytes, bool intoNew, std::string_view flags = "") const;
+    // The two halves of Deliver, for a delivery of several copies that must happen all or not at all.
+    // WriteTemp writes and syncs bytes as tmp/ID and returns ID (nothing is left behind when it throws);
+    // PlaceTemp renames tmp/ID into new/ or cur/ and returns the path it now has; DropTemp removes tmp/ID.
+    std::string WriteTemp(std::string_view bytes) const;
+    std::filesystem::path PlaceTemp(const std::string& id, bool intoNew, std::string_view flags = "") const;
+    void DropTemp(const std::string& id) const noexcept;
 
 private:
     std::filesystem::path dir_;

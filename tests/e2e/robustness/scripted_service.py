@@ -5,6 +5,7 @@ scripted a failure for the next request of one kind. Runs in a thread of the tes
 import http.server
 import socket
 import threading
+import time
 
 INBOX = [
     ("msg-1", b"From: Ann <ann@example.org>\r\nSubject: one\r\n\r\nThe first message.\r\n"),
@@ -17,6 +18,10 @@ DROP = "drop"                        # reply headers and part of the body, then 
 ERROR_500 = "500"                    # status 500, an HTML page, with an X-Dav-Error header
 ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
 TRUNCATED = "truncated"              # status 200 with X-Dav-Error, the XML cut off half-way
+SILENT = "silent"                    # reads the request, then says nothing and keeps the connection open
+STALL_MID_BODY = "stall mid-body"    # reply headers and half the body, then nothing, the connection kept open
+ENDLESS = "endless"                  # reply headers, then body bytes for ever (chunked, no end)
+SLOW_READ = "slow read"              # reads a few bytes of the posted body slowly, then reads nothing more
 
 
 class ScriptedService:
@@ -24,6 +29,8 @@ class ScriptedService:
     def __init__(self, port=0):
         self._failures = {}
         self._lock = threading.Lock()
+        self._stop = threading.Event()
+        self.endless_sent = 0  # body bytes the endless replies have sent so far
         service = self
 
         class Handler(http.server.BaseHTTPRequestHandler):
@@ -44,6 +51,7 @@ class ScriptedService:
         self._thread.start()
 
     def stop(self):
+        self._stop.set()
         self._server.shutdown()
         self._server.server_close()
 
@@ -64,14 +72,61 @@ class ScriptedService:
             return {"/svcs/hotmail/tarnwick.asp": "login", "/folders/": "folders"}.get(path, "inbox")
         return method.lower()
 
+    def _hold(self, h):
+        """Keeps the connection open and silent until the client gives up (or the service stops)."""
+        h.close_connection = True
+        h.connection.settimeout(0.2)
+        while not self._stop.is_set():
+            try:
+                if not h.connection.recv(65536):
+                    return
+            except socket.timeout:
+                continue
+            except OSError:
+                return
+
+    def _endless(self, h):
+        h.send_response(200)
+        h.send_header("X-Dav-Error", "200 No error")
+        h.send_header("Transfer-Encoding", "chunked")
+        h.end_headers()
+        chunk = b"%x\r\n%s\r\n" % (1 << 16, b"x" * (1 << 16))
+        h.close_connection = True
+        while not self._stop.is_set():
+            try:
+                h.wfile.write(chunk)
+            except OSError:
+                return
+            with self._lock:
+                self.endless_sent += 1 << 16
+
     def _answer(self, h):
-        length = int(h.headers.get("Content-Length") or 0)
-        if length:
-            h.rfile.read(length)
         kind = self._kind(h.command, h.path)
         with self._lock:
             failure = self._failures.pop(kind, None)
+        length = int(h.headers.get("Content-Length") or 0)
+        if failure == SLOW_READ:
+            # A few bytes a second while the client keeps sending, then nothing: the client's send stalls.
+            h.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
+            for _ in range(3):
+                h.rfile.read(16)
+                time.sleep(0.5)
+            return self._hold_unread(h)
+        if length:
+            h.rfile.read(length)
         body = self._body(kind, h.path)
+        if failure == SILENT:
+            return self._hold(h)
+        if failure == ENDLESS:
+            return self._endless(h)
+        if failure == STALL_MID_BODY:
+            h.send_response(200)
+            h.send_header("X-Dav-Error", "200 No error")
+            h.send_header("Content-Length", str(len(body)))
+            h.end_headers()
+            h.wfile.write(body[: len(body) // 2])
+            h.wfile.flush()
+            return self._hold(h)
         if failure == DROP:
             h.send_response(200)
             h.send_header("X-Dav-Error", "200 No error")
@@ -94,6 +149,11 @@ class ScriptedService:
         h.send_header("Content-Length", str(len(body)))
         h.end_headers()
         h.wfile.write(body)
+
+    def _hold_unread(self, h):
+        """Keeps the connection open and reads nothing more, so that the client's sending stalls."""
+        h.close_connection = True
+        self._stop.wait()
 
     def _body(self, kind, path):
         b = self.base()

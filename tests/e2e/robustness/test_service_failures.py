@@ -5,10 +5,12 @@ that is not XML is an empty mailbox, a reply without an X-Dav-Error header is a 
 of the process is the one every later failure reports. That last rule is why each row starts a gateway of
 its own. Every row ends by showing that the gateway then serves the next client."""
 
+import time
 import unittest
 
 import messages as M
-from scripted_service import DROP, ERROR_500, ERROR_500_NO_DAV, ERROR_PAGE, INBOX, TRUNCATED, ScriptedService
+from scripted_service import (DROP, ENDLESS, ERROR_500, ERROR_500_NO_DAV, ERROR_PAGE, INBOX, SILENT, SLOW_READ,
+                              STALL_MID_BODY, TRUNCATED, ScriptedService)
 from tarnwick_testing import APP_LINE, Stack, free_port
 
 SIZES = [len(text) for _, text in INBOX]
@@ -18,6 +20,12 @@ ABORTED = b"-ERR The connection with the server was terminated abnormally\r\n"
 NO_DAV_HEADER = b"-ERR The requested header was not found\r\n"
 NO_INBOX_ADDRESS = b"-ERR The URL is invalid\r\n"
 CANNOT_CONNECT = b"-ERR A connection with the server could not be established\r\n"
+TIMED_OUT = b"-ERR The operation timed out\r\n"
+TOO_LARGE = b"-ERR The server response exceeded the allowed size\r\n"
+# The stall rows run the gateway with 2-second request time-outs (a setting for tests only) and a 1 MB reply
+# limit, so that a row takes seconds, not the defaults' 30.
+TEST_TIMEOUT = 2
+REPLY_LIMIT = 1 << 20
 
 
 def retr(number, body=None):
@@ -57,10 +65,22 @@ ROWS = [
 ]
 
 
+# A service that stops talking: (what goes wrong, the failure scripted, the reader's commands and answers).
+STALLS = [
+    ("the log-in is never answered: the request times out", {"login": SILENT}, [("STAT", TIMED_OUT)]),
+    ("the listing stops half-way and the connection stays open: it times out",
+     {"inbox": STALL_MID_BODY}, [("STAT", TIMED_OUT)]),
+    ("a fetch stops half-way: it times out and, like any failed fetch, the message arrives empty",
+     {"get": STALL_MID_BODY}, [("STAT", LISTED), ("RETR 1", retr(1, b"")), ("RETR 2", retr(2))]),
+    ("the listing never ends: it is cut at the reply limit and nothing of it is kept",
+     {"inbox": ENDLESS}, [("STAT", TOO_LARGE)]),
+]
+
+
 class ServiceFailures(unittest.TestCase):
 
-    def start_gateway(self, entry_url):
-        gateway = Stack(service_url=entry_url)
+    def start_gateway(self, entry_url, **stack_args):
+        gateway = Stack(service_url=entry_url, **stack_args)
         gateway.start()
         return gateway
 
@@ -92,6 +112,52 @@ class ServiceFailures(unittest.TestCase):
                 finally:
                     gateway.stop()
                     service.stop()
+
+    def stalling(self):
+        """A scripted service and a gateway with short time-outs and a small reply limit, both stopped at the end."""
+        service = ScriptedService()
+        self.addCleanup(service.stop)
+        gateway = self.start_gateway(service.entry_url(), gateway_args=["--max-reply-size", str(REPLY_LIMIT)],
+                                     gateway_env={"TARNWICK_TEST_HTTP_TIMEOUT": str(TEST_TIMEOUT)})
+        self.addCleanup(gateway.stop)
+        return service, gateway
+
+    def test_a_service_that_stops_talking(self):
+        for what, failures, exchanges in STALLS:
+            with self.subTest(what):
+                service, gateway = self.stalling()
+                for kind, failure in failures.items():
+                    service.fail_next(kind, failure)
+                started = time.monotonic()
+                self.session(gateway, exchanges)
+                self.assertLess(time.monotonic() - started, 4 * TEST_TIMEOUT + 5)
+                if ENDLESS in failures.values():
+                    self.assertGreaterEqual(service.endless_sent, REPLY_LIMIT)
+                for _, answer in exchanges:
+                    if answer.startswith(b"-ERR"):  # the activity log shows the failure as the reader got it
+                        self.assertIn("SERVER_RESPONSE: " + answer.decode().strip(), gateway.gateway_log())
+                self.assert_next_client_served(gateway)
+
+    def test_a_service_that_stops_reading_a_posted_message(self):
+        service, gateway = self.stalling()
+        self.session(gateway, [("STAT", LISTED)])  # the sending account is the one the POP3 server last saw
+        service.fail_next("post", SLOW_READ)
+        c = gateway.client(gateway.smtp_port)
+        self.addCleanup(c.close)
+        c.line()
+        for command in ("HELO reader", "MAIL FROM:<ann@tarnwick.local>", "RCPT TO:<bob@example.org>"):
+            self.assertTrue(c.command(command).startswith(b"250"), command)
+        self.assertTrue(c.command("DATA").startswith(b"354"))
+        started = time.monotonic()
+        # Far more than the socket buffers on both sides hold, so that the gateway's sending stalls.
+        c.sock.sendall(M.big_message(24 << 20) + b"\r\n.\r\n")
+        answer = c.line()
+        while answer == b"250 ok\r\n":  # the chunk replies the gateway may send before its verdict
+            answer = c.line()
+        self.assertEqual(answer, b"500 The operation timed out\r\n")
+        self.assertLess(time.monotonic() - started, 4 * TEST_TIMEOUT + 20)
+        c.close()
+        self.assert_next_client_served(gateway)
 
     def test_a_service_that_is_down_then_back(self):
         port = free_port()

@@ -107,6 +107,7 @@ class StartupTest(ServiceCase):
     def test_bad_command_lines_fail_clearly(self):
         for args in (["--listen", "127.0.0.1:99999"], ["--auth", "ntlm"], ["--frobnicate"],
                      ["--max-message-size", "lots"], ["--add-user", "../x", "pw"], ["--listen", "nowhere:0"],
+                     ["--idle-timeout", "0"], ["--max-connections", "many"], ["--max-connections-per-address"],
                      ["--listen", "127.0.0.1:%d" % self.svc.port]):
             run = subprocess.run([BINARY, "--store", self.svc.store, *args], capture_output=True, timeout=10)
             self.assertNotEqual(run.returncode, 0, args)
@@ -187,6 +188,63 @@ class RefusalTest(ServiceCase):
             s.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHo")  # cut off inside the header
         self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER})[0], 207)
         self.assertEqual(os.listdir(os.path.join(self.svc.store, "demo", ".Sent Items", "cur")), [])
+
+
+    def test_a_post_the_store_cannot_take_leaves_no_copy_and_names_no_path(self):
+        sent_items = os.path.join(self.svc.store, "demo", ".Sent Items")
+        os.rename(sent_items, sent_items + ".away")
+        with open(sent_items, "w") as f:
+            f.write("in the way\n")  # the folder cannot be made again: the Sent Items copy fails
+        text = "MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<ann@tarnwick.local>\r\n\r\nSubject: once\r\n\r\nx\r\n.\r\n"
+        status, headers, body = self.post("demo", text)
+        self.assertEqual((status, headers["X-Dav-Error"]), (500, "500 Store error"))
+        self.assertNotIn(self.svc.store.encode(), body + headers.as_bytes())
+        with open(self.svc.log.name, "rb") as f:
+            self.assertIn(b"store error on POST /mail/demo/sendmsg: ", f.read())
+        self.assertEqual(self.svc.served("ann"), ([], []))
+        os.remove(sent_items)
+        os.rename(sent_items + ".away", sent_items)
+        self.assertEqual(self.post("demo", text)[0], 200)  # tried again: delivered once
+        self.assertEqual(len(self.svc.served("ann")[1]), 1)
+
+
+class ConnectionLimitTest(ServiceCase):
+    extra_args = ("--idle-timeout", "1", "--max-connections", "4", "--max-connections-per-address", "3")
+
+    def connect(self, source="127.0.0.1"):
+        s = socket.create_connection(("127.0.0.1", self.svc.port), timeout=10, source_address=(source, 0))
+        self.addCleanup(s.close)
+        return s
+
+    def closed_within(self, s, seconds):
+        """Whether the service closes `s` (nothing to read, or a reset) within `seconds`."""
+        s.settimeout(seconds)
+        try:
+            return s.recv(4096) == b""
+        except ConnectionResetError:
+            return True
+        except socket.timeout:
+            return False
+
+    def test_silent_and_stalled_clients_are_dropped_and_no_one_takes_every_slot(self):
+        silent = self.connect()
+        stalled = self.connect()
+        stalled.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\nab")
+        third = self.connect()
+        # All three slots of 127.0.0.1 are taken: a fourth connection from it is closed at once.
+        self.assertTrue(self.closed_within(self.connect(), 0.5))
+        # Another address still gets in, up to the limit in all; beyond it a client waits for a free slot.
+        other = self.connect("127.0.0.2")
+        waiting = self.connect("127.0.0.3")
+        waiting.sendall(b"PROPFIND /mail/demo/folders/ HTTP/1.1\r\nHost: x\r\nAuthorization: Basic ZGVtbzpkZW1v\r\n"
+                        b"Connection: close\r\n\r\n")
+        waiting.settimeout(0.5)
+        self.assertRaises(socket.timeout, waiting.recv, 100)
+        for s in (silent, stalled, third, other):
+            self.assertTrue(self.closed_within(s, 5))
+        waiting.settimeout(5)
+        self.assertTrue(waiting.recv(100).startswith(b"HTTP/1.1 207 "))
+        self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER})[0], 207)
 
 
 class LoadTest(ServiceCase):

@@ -1,6 +1,9 @@
 // The Maildir store: listing order and ids across new/ -> cur/, flags and moves, delivery, links never
 // followed, the password file, and delivery of a submission with its trace field.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <csignal>
 
 #include <chrono>
 #include <fstream>
@@ -205,6 +208,54 @@ TEST_F(MailDeliveryTest, TraceFieldFollowsTheMessagesLineEnds) {
               "Received: from unknown (authenticated account ann)\n\tby tarnwick-webmail (example.org) with HTTP\n"
               "\tfor <bob@example.org>; Wed, 18 Nov 2026 11:06:40 +0000\n" +
                   s.message);
+}
+
+// Every file of every message folder of one account, tmp/ included.
+std::vector<fs::path> FilesOf(const fs::path& account) {
+    std::vector<fs::path> files;
+    for (const auto& e : fs::recursive_directory_iterator(account)) {
+        if (e.is_regular_file()) files.push_back(e.path());
+    }
+    return files;
+}
+
+TEST_F(MailDeliveryTest, ACopyThatCannotBeStoredLeavesNoCopyAnywhere) {
+    // Copies are made for bob's INBOX, then ann's Outbox (the largest), then ann's Sent Items.
+    const Submission s{"ann@example.org", {"bob@example.org", "far@elsewhere.net"}, "Subject: t\r\n\r\nhi\r\n"};
+    const struct {
+        const char* what;
+        void (*breakStore)(const fs::path& root);
+    } cases[] = {
+        {"the Outbox copy outgrows the file size limit",
+         [](const fs::path&) {
+             // Room for the INBOX copy, not for the Outbox copy with its envelope lines.
+             const rlimit limit{200, RLIM_INFINITY};
+             ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &limit), 0);
+         }},
+        {"the Sent Items folder cannot be made",
+         [](const fs::path& root) {
+             fs::remove_all(root / "ann" / ".Sent Items");
+             std::ofstream(root / "ann" / ".Sent Items") << "in the way";
+         }},
+    };
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    rlimit saved{};
+    ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &saved), 0);
+    for (const auto& c : cases) {
+        c.breakStore(dir.path());
+        const auto ann = FilesOf(dir.path() / "ann");
+        const auto bob = FilesOf(dir.path() / "bob");
+        EXPECT_ANY_THROW(delivery.Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673})) << c.what;
+        ::setrlimit(RLIMIT_FSIZE, &saved);
+        EXPECT_EQ(FilesOf(dir.path() / "bob"), bob) << c.what;
+        EXPECT_EQ(FilesOf(dir.path() / "ann"), ann) << c.what;
+    }
+    std::signal(SIGXFSZ, oldHandler);
+    // Once the store can take it, the same message is delivered whole, once.
+    fs::remove(dir.path() / "ann" / ".Sent Items");
+    delivery.Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
+    EXPECT_NE(Only("bob", "INBOX").find("hi"), std::string::npos);
+    EXPECT_NE(Only("ann", "Sent Items").find("hi"), std::string::npos);
 }
 
 }  // namespace
