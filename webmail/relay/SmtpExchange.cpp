@@ -83,6 +83,7 @@ std::string SmtpExchange::Transcript() const {
         if (!step.command.empty()) {
             const bool auth = step.command.size() >= 4 && core::Ascii::EqualsIgnoreCase(step.command.substr(0, 4), "AUTH");
             secret = auth || secret;
+            if (step.command == ".") out += "> (the message text)\n";
             out += "> " + (secret ? std::string(auth ? "AUTH ..." : "...") : step.command) + "\n";
         }
         if (step.code != 0) out += "< " + step.reply + "\n";

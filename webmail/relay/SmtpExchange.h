@@ -30,7 +30,8 @@ public:
     void Received(std::string_view bytes);
 
     const std::vector<Step>& Steps() const { return steps_; }
-    // The conversation, one "> command" or "< reply" line each, ended by LF (credentials left out).
+    // The conversation, one "> command" or "< reply" line each, ended by LF (credentials and the message
+    // text left out).
     std::string Transcript() const;
 
     // The verdict for each recipient, given whether the transfer as a whole succeeded and, if not, the
