@@ -1,5 +1,7 @@
 #include "webmail/relay/QueueRunner.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -56,7 +58,25 @@ std::optional<std::string> ReadWhole(const fs::path& file) {
 QueueRunner::QueueRunner(const store::MaildirStore& store, Options options)
     : store_(store), options_(std::move(options)), relay_(options_.relay) {}
 
-QueueRunner::~QueueRunner() { Stop(); }
+QueueRunner::~QueueRunner() {
+    Stop();
+    if (lockFd_ >= 0) ::close(lockFd_);
+}
+
+bool QueueRunner::HoldsLock() {
+    if (lockFd_ >= 0) return true;
+    const fs::path file = store_.Root() / ".relay.lock";
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+    if (fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+        lockFd_ = fd;
+        if (lockReported_) Log("relay: the other process let go of the queue; this one runs it now");
+        return true;
+    }
+    if (fd >= 0) ::close(fd);
+    if (!lockReported_) Log("relay: another process runs this store's queue (" + file.string() + "); waiting");
+    lockReported_ = true;
+    return false;
+}
 
 void QueueRunner::Start() {
     thread_ = std::thread([this] {
@@ -85,6 +105,7 @@ void QueueRunner::Stop() {
 
 std::size_t QueueRunner::RunOnce() {
     std::size_t tried = 0;
+    if (!HoldsLock()) return tried;
     std::error_code ec;
     std::vector<std::string> names;
     for (const auto& item : fs::directory_iterator(store_.Root(), ec)) {

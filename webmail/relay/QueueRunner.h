@@ -4,7 +4,8 @@
 // delivery report. A message leaves its Outbox once every recipient is delivered or reported (a copy is
 // already in Sent Items). The state of each message lives beside the Outbox (QueueState), so that a
 // restart resumes where the last run stopped; a message whose attempt was cut short is sent again. While the
-// smarthost cannot be reached at all, the whole queue waits.
+// smarthost cannot be reached at all, the whole queue waits. One process at a time runs a store's queue (a
+// lock on DIR/.relay.lock); another one started on the same store waits until the lock is free.
 #pragma once
 
 #include <chrono>
@@ -56,6 +57,8 @@ private:
     // Takes the message out of the Outbox (if it is still there) and forgets its state.
     void Finish(const store::Account& account, const std::string& id, const std::filesystem::path& stateFile);
     void Log(const std::string& line) const;
+    // Whether this process holds the store's relay lock, taking it when it is free.
+    bool HoldsLock();
 
     const store::MaildirStore& store_;
     Options options_;
@@ -66,6 +69,8 @@ private:
     std::time_t unreachableUntil_ = 0;
     unsigned unreachable_ = 0;
     std::string unreachableReply_ = "no connection to the mail server";  // why it could not be reached
+    int lockFd_ = -1;
+    bool lockReported_ = false;
     std::thread thread_;
     std::mutex mutex_;
     std::condition_variable wake_;

@@ -16,7 +16,7 @@ import unittest
 import urllib.request
 
 import mail_server
-from tarnwick_testing import HOST, Stack, free_port, wait_for
+from tarnwick_testing import HOST, Stack, binary, free_port, stop_process, wait_for
 
 SENDER = "sam@tarnwick.local"
 REFUSAL = "550 5.1.1 no such user here"
@@ -145,6 +145,26 @@ class Relay(unittest.TestCase):
         self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
         self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test> via"), 1)
         wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_1c_a_second_service_on_the_same_store_leaves_the_queue_alone(self):
+        log = os.path.join(work.name, "second-webmail.err")
+        with open(log, "wb") as err:
+            second = subprocess.Popen([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store",
+                                       stack.store.root, "--listen", HOST + ":0", "--relay", mx.url()] + RETRY,
+                                      stdout=subprocess.DEVNULL, stderr=err, stdin=subprocess.DEVNULL)
+        try:
+            wait_for(lambda: b"another process runs this store's queue" in open(log, "rb").read(), 20,
+                     "the second service to find the queue taken")
+            for n in range(5):
+                post(["someone@example.test"], message("Twice started %d" % n))
+            for n in range(5):
+                mx.wait_delivered("someone@example.test", b"Subject: Twice started %d" % n, 20)
+            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+            mail_server.settle(2)  # passes of both services
+            self.assertEqual(sum(b"Subject: Twice started" in m for m in mx.delivered("someone@example.test")), 5)
+        finally:
+            stop_process(second)
+        self.assertNotIn(b"sending to", open(log, "rb").read())
 
     def test_2_waits_while_the_mail_server_is_down_then_goes_out(self):
         mx.stop()
