@@ -159,10 +159,13 @@ bool QueueRunner::TryMessage(const store::Account& account, const std::string& i
         state.queued = ModificationTime(file);
     }
     if (!state.sending && state.nextTry > start) return false;
-    const auto bytes = ReadWhole(file);
-    if (!bytes) return false;  // moved away meanwhile
     std::string error;
-    const auto message = QueuedMessage::Parse(*bytes, error);
+    std::optional<QueuedMessage> message;
+    if (auto bytes = ReadWhole(file)) {  // the file's bytes are let go before the message is sent
+        message = QueuedMessage::Parse(*bytes, error);
+    } else {
+        return false;  // moved away meanwhile
+    }
     if (!message) {
         if (reported_.insert(file.parent_path().string() + "/" + UniqueOf(file)).second) {
             Log(what + "left alone: " + error);
