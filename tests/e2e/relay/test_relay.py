@@ -234,19 +234,20 @@ class Relay(unittest.TestCase):
 
     def test_4_killed_during_a_relay_and_restarted_delivers_once(self):
         slow = mail_server.Postfix(os.path.join(work.name, "slow"), mailboxes={"late@example.test": "late/"},
-                                   data_pause=3)
+                                   data_pause=4)
         slow.start()
         try:
             stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
             send(["late@example.test"], message("Killed midway"))
             wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
-            # The server waits 3 s before it answers DATA: the relay is under way.
-            wait_for(lambda: "connect from localhost" in slow.log(), 5, "the connection")
+            # The server has taken the recipient (its queue file is open) and waits 4 s before it answers
+            # DATA: the relay is under way.
+            wait_for(lambda: re.search(r": client=localhost", slow.log()), 10, "the recipient taken")
             mail_server.settle(1)
             stack.restart_webmail(kill=True)
             slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
             wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-            mail_server.settle(4)  # longer than a second transfer would take
+            mail_server.settle(5)  # longer than a second transfer would take
             self.assertEqual(len(slow.delivered("late@example.test")), 1)
             self.assertIn("an attempt was cut short", stack.webmail_output())
         finally:
