@@ -146,6 +146,28 @@ class Relay(unittest.TestCase):
         self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test> via"), 1)
         wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
 
+    def test_1d_a_recipient_refused_for_now_is_tried_alone_again(self):
+        mx.refused["busy@example.test"] = "450 4.2.0 mailbox busy"
+        mx.stop()
+        mx.start()
+        try:
+            post(["someone@example.test", "busy@example.test"], message("Partly"))
+            mx.wait_delivered("someone@example.test", b"Subject: Partly", 20)
+            wait_for(lambda: webmail_log_count("sending to <busy@example.test> via") >= 1, 20, "a second attempt")
+            self.assertIn("deferred <busy@example.test>: 450 4.2.0 <busy@example.test>: Recipient address "
+                          "rejected: mailbox busy", stack.webmail_output())
+        finally:
+            del mx.refused["busy@example.test"]
+            mx.stop()
+            mx.start()
+        # Now the server knows no such mailbox: the report comes, the Outbox empties, and the recipient
+        # delivered at the first attempt got the message once.
+        wait_for(lambda: any(b"Final-Recipient: rfc822; busy@example.test" in m
+                             for m in stack.store.folder_messages("sam")), 20, "the report for busy@")
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <busy@example.test> via"), 1)
+        self.assertEqual(len(mx.wait_delivered("someone@example.test", b"Subject: Partly", 1)), 1)
+
     def test_1c_a_second_service_on_the_same_store_leaves_the_queue_alone(self):
         log = os.path.join(work.name, "second-webmail.err")
         with open(log, "wb") as err:
@@ -182,10 +204,10 @@ class Relay(unittest.TestCase):
 
     def test_3_refused_recipient_comes_back_as_a_delivery_report(self):
         send(["refuse@example.test"], message("To nobody"))
-        wait_for(lambda: any(b"multipart/report" in m for m in stack.store.folder_messages("sam")), 20,
+        wait_for(lambda: any(b"Subject: To nobody" in m for m in stack.store.folder_messages("sam")), 20,
                  "a delivery report in sam's inbox")
         self.assertEqual(outbox(), [])
-        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"multipart/report" in m]
+        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"Subject: To nobody" in m]
         parsed = email.message_from_bytes(report)
         self.assertEqual(parsed.get_content_type(), "multipart/report")
         self.assertEqual(parsed.get_param("report-type"), "delivery-status")
