@@ -214,8 +214,10 @@ bool QueueRunner::TryMessage(const store::Account& account, const std::string& i
     std::vector<BounceReport::Failure> failures;
     std::vector<std::string> deferred;
     std::string deferReply;
+    bool delivered = false;
     for (const auto& result : results) {
         if (result.verdict == Verdict::Delivered) {
+            delivered = true;
             state.done.push_back(result.recipient);
             Log(what + "delivered to <" + result.recipient + ">: " + result.reply);
         } else if (result.verdict == Verdict::Permanent || expired) {
@@ -226,6 +228,8 @@ bool QueueRunner::TryMessage(const store::Account& account, const std::string& i
         }
     }
     if (!failures.empty()) {
+        // Those delivered are recorded first: should the report fail, they are not sent to again.
+        if (delivered) state.Save(stateFile);
         BounceReport report;
         report.domain = options_.domain;
         report.remoteHost = relay_.Host();
