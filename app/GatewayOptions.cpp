@@ -2,6 +2,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QFileInfo>
 #include <QHostAddress>
 
 #include <cstdint>
@@ -56,12 +57,17 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
         "Entry address of the web mail service (default http://127.0.0.1:8110/svcs/hotmail/tarnwick.asp).", "URL");
     const QCommandLineOption listenAddress("listen-address", "Address both servers listen on (default 127.0.0.1).",
                                            "ADDR");
+    const QCommandLineOption serviceCa(
+        "service-ca",
+        "PEM file of the CA certificates to trust for an https service address instead of the system's "
+        "(default: the system's CA store). The certificate and its host name are always verified.",
+        "FILE");
     const QCommandLineOption maxReplySize(
         "max-reply-size",
         "Largest reply body, in bytes, the gateway accepts from the service (default 1073741824, 1 GiB); a larger "
         "reply ends the request with an error and nothing of it is kept.",
         "BYTES");
-    parser.addOptions({headless, pop3Port, smtpPort, serviceUrl, listenAddress, maxReplySize});
+    parser.addOptions({headless, pop3Port, smtpPort, serviceUrl, serviceCa, listenAddress, maxReplySize});
     if (!parser.parse(application.arguments())) FailUsage(parser, parser.errorText());
     if (parser.isSet("help")) parser.showHelp(0);
     if (parser.isSet("version")) parser.showVersion();
@@ -74,6 +80,13 @@ GatewayOptions GatewayOptions::Parse(const QCoreApplication& application) {
     if (parser.isSet(pop3Port)) options.pop3Port = parser.value(pop3Port).toStdString();
     if (parser.isSet(smtpPort)) options.smtpPort = parser.value(smtpPort).toStdString();
     if (parser.isSet(serviceUrl)) options.serviceUrl = parser.value(serviceUrl).toStdString();
+    if (parser.isSet(serviceCa)) {
+        const QString file = parser.value(serviceCa);
+        if (!QFileInfo(file).isFile() || !QFileInfo(file).isReadable()) {
+            FailUsage(parser, "--service-ca: cannot read " + file);
+        }
+        options.serviceCa = QFileInfo(file).absoluteFilePath().toStdString();
+    }
     if (parser.isSet(listenAddress)) {
         if (QHostAddress(parser.value(listenAddress)).isNull()) {
             FailUsage(parser, "not an IP address: " + parser.value(listenAddress));

@@ -19,6 +19,8 @@ struct GatewayOptions {
     std::string smtpPort = "25";
     // Replaces the service client's built-in entry address when given.
     std::optional<std::string> serviceUrl;
+    // A PEM file of CA certificates trusted for an https service instead of the system's store.
+    std::optional<std::string> serviceCa;
     // The address both servers listen on.
     std::string listenAddress = "127.0.0.1";
     // Time-outs and the reply size limit of every service request: --max-reply-size sets the size; the

@@ -44,6 +44,7 @@ int main(int argc, char** argv) {
     const app::GatewayOptions options = app::GatewayOptions::Parse(*application);
     // Before any server starts, so that the first connection's service client already uses it.
     if (options.serviceUrl) mailservice::CHotmail::SetServiceEntryURL(*options.serviceUrl);
+    if (options.serviceCa) platform::HttpRequest::SetServiceCaFile(*options.serviceCa);
     platform::HttpRequest::SetLimits(options.httpLimits);
 
     QLockFile lock(LockFilePath());

@@ -48,6 +48,8 @@ std::string StandardDescription(std::int32_t number) {
             return "The operation timed out";
         case ErrorNumber::kHttpReplyTooLarge:
             return "The server response exceeded the allowed size";
+        case ErrorNumber::kHttpSecureFailure:
+            return "A security error occurred";
         default:
             return {};
     }

@@ -32,6 +32,9 @@ inline constexpr std::int32_t kHttpConnectionAborted = -2147012866;
 inline constexpr std::int32_t kHttpHeaderNotFound = -2147012746;
 inline constexpr std::int32_t kHttpTimedOut = -2147012894;
 inline constexpr std::int32_t kHttpReplyTooLarge = -2147012712;
+// HTTP request layer, https: the service's certificate was not accepted (no trusted CA, expired, another host
+// name) or no secure connection could be agreed.
+inline constexpr std::int32_t kHttpSecureFailure = -2147012721;
 }  // namespace ErrorNumber
 
 // An error as it travels through the program; thrown by value, caught by const reference.

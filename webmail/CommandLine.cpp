@@ -83,11 +83,32 @@ CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
             const std::string& listen = value("ADDRESS:PORT");
             const std::size_t colon = listen.rfind(':');
             if (colon == std::string::npos || colon == 0) {
-                throw std::invalid_argument("--listen: expected ADDRESS:PORT, such as 127.0.0.1:8110");
+                throw std::invalid_argument("--listen: expected ADDRESS:PORT, such as 127.0.0.1:8110 or [::1]:8110");
             }
-            line.server.address = listen.substr(0, colon);
-            if (line.server.address == "localhost") line.server.address = "127.0.0.1";
+            std::string address = listen.substr(0, colon);
+            if (address.size() > 2 && address.front() == '[' && address.back() == ']') {
+                address = address.substr(1, address.size() - 2);
+            } else if (address.find(':') != std::string::npos) {
+                throw std::invalid_argument("--listen: an IPv6 address goes in brackets, such as [::1]:8110");
+            }
+            if (address == "localhost") address = "127.0.0.1";
+            if (dav::HttpServer::NormalAddress(address).empty()) {
+                throw std::invalid_argument("--listen: not an IPv4 or IPv6 address: \"" + address + "\"");
+            }
+            line.server.address = address;
             line.server.port = ParsePort(listen.substr(colon + 1));
+        } else if (arg == "--tls-cert") {
+            line.tlsCertFile = value("a PEM certificate file");
+        } else if (arg == "--tls-key") {
+            line.tlsKeyFile = value("a PEM key file");
+        } else if (arg == "--nonce-key-file") {
+            line.nonceKeyFile = value("a key file");
+        } else if (arg == "--trusted-proxy") {
+            const std::string& proxy = value("an IP address");
+            line.server.trustedProxy = dav::HttpServer::NormalAddress(proxy);
+            if (line.server.trustedProxy.empty()) {
+                throw std::invalid_argument("--trusted-proxy: not an IPv4 or IPv6 address: \"" + proxy + "\"");
+            }
         } else if (arg == "--domain") {
             line.server.domain = value("a domain name");
             if (line.server.domain.empty() || line.server.domain.find_first_of(" @<>\t\r\n") != std::string::npos) {
@@ -143,6 +164,9 @@ CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
         }
     }
     if (!line.help && line.store.empty()) throw std::invalid_argument("--store DIR is required (see --help)");
+    if (line.tlsCertFile.empty() != line.tlsKeyFile.empty()) {
+        throw std::invalid_argument("--tls-cert and --tls-key go together");
+    }
     const bool relayOptions = !line.relayAuthFile.empty() || !line.relay.relay.caFile.empty() || line.relay.trace ||
                               line.relay.giveUp != relay::QueueRunner::Options().giveUp ||
                               line.relay.firstPause != relay::QueueRunner::Options().firstPause ||
@@ -159,14 +183,25 @@ std::string CommandLine::Usage() {
 
 A small local web mail service over a Maildir store, speaking the WebDAV mail
 interface of Tarnwick Gateway. The entry address is
-  http://ADDRESS:PORT/svcs/hotmail/tarnwick.asp
+  http://ADDRESS:PORT/svcs/hotmail/tarnwick.asp (https:// with --tls-cert)
 
 Options:
   --store DIR               store folder: the password file "passwd" and one
                             Maildir++ tree per account (created if missing)
-  --listen ADDRESS:PORT     IPv4 address and port (default 127.0.0.1:8110);
-                            port 0 picks a free port. Once listening, prints
+  --listen ADDRESS:PORT     address and port (default 127.0.0.1:8110); an IPv6
+                            address in brackets ([::1]:8110); port 0 picks a
+                            free port. Once listening, prints
                             "listening on ADDRESS:PORT" on standard output
+  --tls-cert FILE           serve HTTPS (TLS 1.2 or newer) with this PEM
+                            certificate chain (server certificate first)
+  --tls-key FILE            and this PEM private key (both or neither)
+  --nonce-key-file FILE     key of the Digest nonces (at least 16 bytes,
+                            readable by its owner only): instances reading the
+                            same file accept each other's nonces (default: a
+                            random key per process)
+  --trusted-proxy ADDRESS   the reverse proxy in front: only requests from this
+                            address have their X-Forwarded-For (client address
+                            in the Received: line) and X-Forwarded-Proto believed
   --domain NAME             mail domain of the store's accounts
                             (default tarnwick.local)
   --auth basic|digest|any   HTTP authentication offered (default any: both)
@@ -202,6 +237,8 @@ Outbox folder):
 Every request is logged on standard error: method, path, status, bytes, user;
 a failure the client gets a short reason for is logged there in full, and so is
 every attempt to relay a message and its outcome.
+Listening on an address other than the loopback without TLS, it warns that
+passwords and mail would cross the network in clear.
 SIGINT or SIGTERM stops the service.
 )";
 }

@@ -14,7 +14,9 @@ namespace webmail {
 struct CommandLine {
     std::string store;                   // --store DIR (required)
     dav::HttpServer::Options server;     // --listen, --domain, --auth, --max-message-size, --idle-timeout,
-                                         // --max-connections, --max-connections-per-address
+                                         // --max-connections, --max-connections-per-address, --trusted-proxy
+    std::string tlsCertFile, tlsKeyFile; // --tls-cert FILE, --tls-key FILE (both or neither)
+    std::string nonceKeyFile;            // --nonce-key-file FILE
     std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
     std::string addUserPassword;         //                           password
     bool demo = false;                   // --demo

@@ -1,9 +1,12 @@
 // tarnwick-webmail: parses the command line, prepares the store and serves until SIGINT or SIGTERM.
 #include <curl/curl.h>
+#include <sys/stat.h>
 
 #include <csignal>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
+#include <iterator>
 #include <memory>
 #include <stdexcept>
 
@@ -12,6 +15,28 @@
 #include "webmail/relay/QueueRunner.h"
 #include "webmail/store/DemoMail.h"
 #include "webmail/store/MaildirStore.h"
+
+namespace {
+
+std::string ReadFile(const std::string& path, const char* option) {
+    std::ifstream in(path, std::ios::binary);
+    if (!in) throw std::runtime_error(std::string(option) + ": cannot read " + path);
+    return {std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
+}
+
+// The shared Digest key: whoever can read it can forge nonces, so it must be its owner's alone.
+std::string ReadNonceKey(const std::string& path) {
+    struct stat facts {};
+    if (::stat(path.c_str(), &facts) != 0) throw std::runtime_error("--nonce-key-file: cannot read " + path);
+    if ((facts.st_mode & 077) != 0) {
+        throw std::runtime_error("--nonce-key-file: " + path + " must be readable by its owner only (chmod 600)");
+    }
+    std::string key = ReadFile(path, "--nonce-key-file");
+    if (key.size() < 16) throw std::runtime_error("--nonce-key-file: " + path + " holds fewer than 16 bytes");
+    return key;
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     using webmail::CommandLine;
@@ -45,6 +70,18 @@ int main(int argc, char** argv) {
         sigaddset(&stopSignals, SIGTERM);
         pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
+        if (!line.tlsCertFile.empty()) {
+            line.server.tlsCertificate = ReadFile(line.tlsCertFile, "--tls-cert");
+            line.server.tlsKey = ReadFile(line.tlsKeyFile, "--tls-key");
+        }
+        if (!line.nonceKeyFile.empty()) line.server.nonceKey = ReadNonceKey(line.nonceKeyFile);
+        const bool v6 = line.server.address.find(':') != std::string::npos;
+        const std::string address = v6 ? "[" + line.server.address + "]" : line.server.address;
+        if (line.server.tlsCertificate.empty() && !webmail::dav::HttpServer::IsLoopback(line.server.address)) {
+            std::cerr << "tarnwick-webmail: warning: " << address << " is not a loopback address and there is no TLS:"
+                      << " passwords and mail would cross the network in clear (see --tls-cert and --tls-key)\n";
+        }
+
         std::unique_ptr<webmail::relay::QueueRunner> queue;
         if (!line.relayUrl.empty()) {
             if (!line.relayAuthFile.empty()) {
@@ -57,7 +94,7 @@ int main(int argc, char** argv) {
 
         webmail::dav::HttpServer server(store, line.server);
         server.Start();
-        std::cout << "listening on " << line.server.address << ":" << std::to_string(server.Port()) << std::endl;
+        std::cout << "listening on " << address << ":" << std::to_string(server.Port()) << std::endl;
         if (queue) {
             std::cerr << "relaying mail for other domains via " << line.relayUrl << "\n";
             queue->Start();

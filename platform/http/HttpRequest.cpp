@@ -28,6 +28,12 @@ void GlobalInit() {
     (void)done;
 }
 
+// The CA file given by SetServiceCaFile; empty: the system's store.
+std::string& ServiceCaFile() {
+    static std::string path;
+    return path;
+}
+
 [[noreturn]] void FailFor(CURLcode code) {
     switch (code) {
         case CURLE_URL_MALFORMAT:
@@ -44,6 +50,16 @@ void GlobalInit() {
         case CURLE_OPERATION_TIMEDOUT:
             // Connecting took too long, or nothing moved in either direction for the idle limit.
             core::Raise(core::ErrorNumber::kHttpTimedOut);
+        // Every failure of the secure connection is one error: libcurl does not say reliably which check of
+        // the certificate failed (its issuer, its dates or its host name), and a precise wrong reason would
+        // mislead more than a general right one.
+        case CURLE_PEER_FAILED_VERIFICATION:
+        case CURLE_SSL_CACERT_BADFILE:
+        case CURLE_SSL_CONNECT_ERROR:
+        case CURLE_SSL_CERTPROBLEM:
+        case CURLE_SSL_CIPHER:
+        case CURLE_SSL_ENGINE_INITFAILED:
+            core::Raise(core::ErrorNumber::kHttpSecureFailure);
         default:
             // Everything else (nothing received, a reply cut short, a send or receive error) is a broken transfer.
             core::Raise(core::ErrorNumber::kHttpConnectionAborted);
@@ -91,7 +107,13 @@ HttpRequest::HttpRequest() {
     curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, &HttpRequest::OnBody);
     curl_easy_setopt(h, CURLOPT_WRITEDATA, this);
+    // https: the certificate must chain to a trusted CA and name the host; never relaxed.
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
+    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
+    if (!ServiceCaFile().empty()) curl_easy_setopt(h, CURLOPT_CAINFO, ServiceCaFile().c_str());
 }
+
+void HttpRequest::SetServiceCaFile(const std::string& path) { ServiceCaFile() = path; }
 
 HttpRequest::~HttpRequest() {
     if (curl_) curl_easy_cleanup(Handle(curl_));

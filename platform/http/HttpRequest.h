@@ -59,6 +59,10 @@ public:
     // Drops the current request and its reply; reads then find nothing. Never throws.
     void Abort() noexcept;
 
+    // A PEM file of CA certificates that every request object made afterwards trusts for https instead of the
+    // system's store; empty: the system's store. Certificate and host name are always verified.
+    static void SetServiceCaFile(const std::string& path);
+
 private:
     void Perform(const std::string* body);
     // After an exchange that carried a challenge: from now on ask for the scheme the server named, alone.

@@ -102,13 +102,22 @@ std::optional<std::map<std::string, std::string>> Parameters(std::string_view te
 
 }  // namespace
 
-DigestAuth::DigestAuth(std::string realm, std::string opaque, unsigned lifetimeSeconds, std::size_t maxTracked)
+DigestAuth::DigestAuth(std::string realm, std::string opaque, unsigned lifetimeSeconds, std::size_t maxTracked,
+                       std::string key)
     : realm_(std::move(realm)), opaque_(std::move(opaque)), lifetime_(lifetimeSeconds), maxTracked_(maxTracked) {
-    unsigned char key[32];
-    if (::getrandom(key, sizeof key, 0) != static_cast<ssize_t>(sizeof key)) {
-        throw std::runtime_error("no random bytes for the Digest nonce key");
+    unsigned char random[35];
+    if (::getrandom(random, sizeof random, 0) != static_cast<ssize_t>(sizeof random)) {
+        throw std::runtime_error("no random bytes for the Digest nonces");
     }
-    secret_ = Hex(key, sizeof key);
+    secret_ = key.empty() ? Hex(random, 32) : std::move(key);
+    instance_ = (std::uint64_t{random[32]} << 16 | std::uint64_t{random[33]} << 8 | random[34]) << kSerialBits;
+    nextSerial_ = instance_;
+    firstTracked_ = instance_;
+}
+
+bool DigestAuth::Forgotten(const Nonce& nonce) const {
+    if ((nonce.serial >> kSerialBits) == (instance_ >> kSerialBits)) return nonce.serial < firstTracked_;
+    return static_cast<std::int64_t>(nonce.issued) <= forgotUpTo_;
 }
 
 std::string DigestAuth::NonceText(Nonce nonce) const {
@@ -178,6 +187,7 @@ bool DigestAuth::Advance(const std::string& nonce, std::uint32_t nc, std::int64_
         if (lastNc_.size() >= maxTracked_) {
             lastNc_.clear();
             firstTracked_ = nextSerial_;
+            forgotUpTo_ = now;
             return false;
         }
     }
@@ -206,12 +216,12 @@ DigestAuth::Result DigestAuth::Check(std::string_view authorization, std::string
     bool forgotten = false;
     {
         std::lock_guard lock(mutex_);
-        forgotten = nonce->serial < firstTracked_;
+        forgotten = Forgotten(*nonce);
     }
     if (expired || forgotten) return {Outcome::Stale, {}};
     if (!Advance(credentials->nonce, static_cast<std::uint32_t>(*HexNumber(credentials->nc)), now)) {
         std::lock_guard lock(mutex_);
-        return {nonce->serial < firstTracked_ ? Outcome::Stale : Outcome::Refused, {}};
+        return {Forgotten(*nonce) ? Outcome::Stale : Outcome::Refused, {}};
     }
     return {Outcome::Accepted, credentials->username};
 }

@@ -1,6 +1,7 @@
 // HTTP Digest authentication (RFC 7616, MD5, qop=auth) with nonces that need no storage: each carries its
-// issue time and serial number and a keyed MD5 over both, so any nonce of this process is recognised on any
-// address and with any method until it expires. The last nc seen per nonce is kept to refuse replays.
+// issue time and serial number and a keyed MD5 over both, so any nonce made with the same key (by this process
+// or by another instance given the same key) is recognised on any address and with any method until it
+// expires. The last nc seen per nonce is kept, per process, to refuse replays.
 #pragma once
 
 #include <cstdint>
@@ -27,9 +28,10 @@ public:
     // The password of an account, or nullopt when there is no such account.
     using PasswordLookup = std::function<std::optional<std::string>(const std::string& user)>;
 
-    // Nonces for realm valid for lifetimeSeconds, signed with a fresh random secret; at most maxTracked
-    // nonces have their nc remembered.
-    DigestAuth(std::string realm, std::string opaque, unsigned lifetimeSeconds, std::size_t maxTracked);
+    // Nonces for realm valid for lifetimeSeconds, signed with key (a fresh random one when key is empty); at
+    // most maxTracked nonces have their nc remembered.
+    DigestAuth(std::string realm, std::string opaque, unsigned lifetimeSeconds, std::size_t maxTracked,
+               std::string key = {});
 
     // The WWW-Authenticate value with a new nonce issued at now (seconds since the epoch).
     std::string Challenge(bool stale, std::int64_t now);
@@ -49,7 +51,10 @@ private:
     struct Nonce {
         std::uint64_t issued = 0, serial = 0;
     };
+    static constexpr unsigned kSerialBits = 40;
     std::string NonceText(Nonce nonce) const;
+    // Whether the nonce's nc was dropped when the table was last emptied (call with mutex_ held).
+    bool Forgotten(const Nonce& nonce) const;
     std::optional<Nonce> ReadNonce(std::string_view token) const;
     // Records nc for nonce; false when it does not increase on the last one seen.
     bool Advance(const std::string& nonce, std::uint32_t nc, std::int64_t now);
@@ -59,9 +64,14 @@ private:
     const std::size_t maxTracked_;
     std::string secret_;
     std::mutex mutex_;
+    // Serials are this process's random instance number in the top 24 bits and a count below, so that two
+    // instances sharing a key never issue the same nonce.
+    std::uint64_t instance_ = 0;
     std::uint64_t nextSerial_ = 0;
-    // Nonces with a lower serial were forgotten when the table was full: they are stale.
+    // When the table was last full and emptied: own nonces with a lower serial, and other instances' nonces
+    // issued up to that second, were forgotten then and are stale.
     std::uint64_t firstTracked_ = 0;
+    std::int64_t forgotUpTo_ = -1;
     std::unordered_map<std::string, std::uint32_t> lastNc_;
 };
 

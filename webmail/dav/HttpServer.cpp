@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstring>
@@ -85,14 +86,34 @@ MHD_Response* ConvertingResponse(std::shared_ptr<const store::MessageFile> file,
     return response;
 }
 
-// The client's IPv4 address as text, or empty.
-std::string ClientAddress(MHD_Connection* connection) {
-    const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
-    if (info == nullptr || info->client_addr == nullptr || info->client_addr->sa_family != AF_INET) return {};
-    char text[INET_ADDRSTRLEN] = {};
-    const auto* address = reinterpret_cast<const sockaddr_in*>(info->client_addr);
-    return ::inet_ntop(AF_INET, &address->sin_addr, text, sizeof text) != nullptr ? text : "";
+// The address of a socket peer as text (an IPv4-mapped IPv6 address as plain IPv4), or empty.
+std::string AddressText(const sockaddr* address) {
+    char text[INET6_ADDRSTRLEN] = {};
+    if (address == nullptr) return {};
+    if (address->sa_family == AF_INET) {
+        const auto* v4 = reinterpret_cast<const sockaddr_in*>(address);
+        return ::inet_ntop(AF_INET, &v4->sin_addr, text, sizeof text) != nullptr ? text : "";
+    }
+    if (address->sa_family != AF_INET6) return {};
+    const auto* v6 = reinterpret_cast<const sockaddr_in6*>(address);
+    if (IN6_IS_ADDR_V4MAPPED(&v6->sin6_addr)) {
+        return ::inet_ntop(AF_INET, &v6->sin6_addr.s6_addr[12], text, sizeof text) != nullptr ? text : "";
+    }
+    return ::inet_ntop(AF_INET6, &v6->sin6_addr, text, sizeof text) != nullptr ? text : "";
 }
+
+// The last entry of an X-Forwarded-For list: the one the proxy itself added (earlier ones come from the client
+// and prove nothing).
+std::string LastForwardedFor(const std::string& header) {
+    const std::size_t comma = header.rfind(',');
+    std::string last = comma == std::string::npos ? header : header.substr(comma + 1);
+    const std::size_t first = last.find_first_not_of(" \t");
+    const std::size_t end = last.find_last_not_of(" \t");
+    return first == std::string::npos ? std::string() : last.substr(first, end - first + 1);
+}
+
+// GnuTLS priorities: the usual cipher suites, TLS 1.2 and 1.3 only.
+constexpr const char* kTlsPriorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
 
 }  // namespace
 
@@ -118,26 +139,67 @@ HttpServer::HttpServer(store::MaildirStore& store, Options options)
     : store_(store),
       options_(std::move(options)),
       router_(store, options_.domain),
-      digest_(kRealm, kOpaque, kNonceTimeoutSeconds, kNonceSlots) {}
+      digest_(kRealm, kOpaque, kNonceTimeoutSeconds, kNonceSlots, options_.nonceKey) {
+    if (!options_.trustedProxy.empty()) options_.trustedProxy = NormalAddress(options_.trustedProxy);
+}
 
 HttpServer::~HttpServer() { Stop(); }
 
-void HttpServer::Start() {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(options_.port);
-    if (::inet_pton(AF_INET, options_.address.c_str(), &address.sin_addr) != 1) {
-        throw std::runtime_error("not an IPv4 address: " + options_.address);
+bool HttpServer::IsLoopback(const std::string& address) {
+    const std::string normal = NormalAddress(address);
+    return normal == "::1" || normal.starts_with("127.");
+}
+
+std::string HttpServer::NormalAddress(const std::string& address) {
+    sockaddr_in v4{};
+    sockaddr_in6 v6{};
+    if (::inet_pton(AF_INET, address.c_str(), &v4.sin_addr) == 1) {
+        v4.sin_family = AF_INET;
+        return AddressText(reinterpret_cast<const sockaddr*>(&v4));
     }
+    if (::inet_pton(AF_INET6, address.c_str(), &v6.sin6_addr) == 1) {
+        v6.sin6_family = AF_INET6;
+        return AddressText(reinterpret_cast<const sockaddr*>(&v6));
+    }
+    return {};
+}
+
+void HttpServer::Start() {
+    sockaddr_storage storage{};
+    auto* v4 = reinterpret_cast<sockaddr_in*>(&storage);
+    auto* v6 = reinterpret_cast<sockaddr_in6*>(&storage);
+    unsigned flags = MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG | MHD_USE_TURBO;
+    if (::inet_pton(AF_INET, options_.address.c_str(), &v4->sin_addr) == 1) {
+        v4->sin_family = AF_INET;
+        v4->sin_port = htons(options_.port);
+    } else if (::inet_pton(AF_INET6, options_.address.c_str(), &v6->sin6_addr) == 1) {
+        v6->sin6_family = AF_INET6;
+        v6->sin6_port = htons(options_.port);
+        // "::" takes IPv4 clients too; any other IPv6 address only its own family.
+        flags |= IN6_IS_ADDR_UNSPECIFIED(&v6->sin6_addr) ? MHD_USE_DUAL_STACK : MHD_USE_IPv6;
+    } else {
+        throw std::runtime_error("not an IPv4 or IPv6 address: " + options_.address);
+    }
+    const bool tls = !options_.tlsCertificate.empty();
+    if (tls) {
+        if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) {
+            throw std::runtime_error("this libmicrohttpd was built without TLS");
+        }
+        flags |= MHD_USE_TLS;
+    }
+    // The TLS options come last so that plain HTTP ends the list before them.
     daemon_ = MHD_start_daemon(
-        MHD_USE_AUTO_INTERNAL_THREAD | MHD_USE_ERROR_LOG, 0, nullptr, nullptr, &ServerCallbacks::OnRequest, this,
-        MHD_OPTION_SOCK_ADDR, reinterpret_cast<sockaddr*>(&address), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
+        flags, 0, nullptr, nullptr, &ServerCallbacks::OnRequest, this, MHD_OPTION_SOCK_ADDR,
+        reinterpret_cast<sockaddr*>(&storage), MHD_OPTION_THREAD_POOL_SIZE, kWorkerThreads,
         MHD_OPTION_CONNECTION_TIMEOUT, options_.idleTimeoutSeconds, MHD_OPTION_CONNECTION_LIMIT,
         std::max(options_.maxConnections, kWorkerThreads), MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-        options_.maxConnectionsPerAddress, MHD_OPTION_NOTIFY_COMPLETED,
-        &ServerCallbacks::OnCompleted, this, MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, MHD_OPTION_END);
+        options_.maxConnectionsPerAddress, MHD_OPTION_NOTIFY_COMPLETED, &ServerCallbacks::OnCompleted, this,
+        MHD_OPTION_UNESCAPE_CALLBACK, &KeepEscapes, nullptr, tls ? MHD_OPTION_HTTPS_MEM_CERT : MHD_OPTION_END,
+        options_.tlsCertificate.c_str(), MHD_OPTION_HTTPS_MEM_KEY, options_.tlsKey.c_str(),
+        MHD_OPTION_HTTPS_PRIORITIES, kTlsPriorities, MHD_OPTION_END);
     if (daemon_ == nullptr) {
-        throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port));
+        throw std::runtime_error("cannot listen on " + options_.address + ":" + std::to_string(options_.port) +
+                                 (tls ? " (or the certificate and key do not fit together)" : ""));
     }
     const MHD_DaemonInfo* info = MHD_get_daemon_info(daemon_, MHD_DAEMON_INFO_BIND_PORT);
     boundPort_ = info != nullptr ? info->port : options_.port;
@@ -186,8 +248,9 @@ int HttpServer::Handle(MHD_Connection* connection, const char* url, const char* 
     request.method = method;
     request.path = url;
     request.user = user;
-    request.baseUrl = BaseUrl(connection);
-    request.clientAddress = ClientAddress(connection);
+    bool fromProxy = false;
+    request.clientAddress = ClientAddress(connection, fromProxy);
+    request.baseUrl = BaseUrl(connection, fromProxy);
     request.body = std::move(pending->body);
     request.contentType = Header(connection, MHD_HTTP_HEADER_CONTENT_TYPE);
     request.destination = Header(connection, "Destination");
@@ -270,21 +333,42 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
     return queued;
 }
 
-std::string HttpServer::BaseUrl(MHD_Connection* connection) const {
+std::string HttpServer::ClientAddress(MHD_Connection* connection, bool& fromProxy) const {
+    const MHD_ConnectionInfo* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+    std::string peer = info != nullptr ? AddressText(info->client_addr) : std::string();
+    fromProxy = !options_.trustedProxy.empty() && !peer.empty() && peer == options_.trustedProxy;
+    if (!fromProxy) return peer;
+    const std::string forwarded =
+        NormalAddress(LastForwardedFor(Header(connection, "X-Forwarded-For").value_or("")));
+    return forwarded.empty() ? peer : forwarded;
+}
+
+std::string HttpServer::BaseUrl(MHD_Connection* connection, bool fromProxy) const {
+    // Behind the trusted proxy the scheme is the one its client used; otherwise our own.
+    const bool https = fromProxy ? Header(connection, "X-Forwarded-Proto").value_or("") == "https"
+                                 : !options_.tlsCertificate.empty();
+    const std::string scheme = https ? "https://" : "http://";
     const std::string host = Header(connection, MHD_HTTP_HEADER_HOST).value_or("");
     const bool usable = !host.empty() && host.size() < 256 &&
                         host.find_first_not_of("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789.-:[]") ==
                             std::string::npos;
-    if (usable) return "http://" + host;
-    return "http://" + options_.address + ":" + std::to_string(boundPort_);
+    if (usable) return scheme + host;
+    const bool v6 = options_.address.find(':') != std::string::npos;
+    return scheme + (v6 ? "[" + options_.address + "]" : options_.address) + ":" + std::to_string(boundPort_);
 }
 
 void HttpServer::LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                          const std::string& user) {
-    std::lock_guard lock(logMutex_);
-    std::fprintf(stderr, "%s %s %u %s %s\n", Printable(method).c_str(), Printable(url).c_str(), status,
-                 std::to_string(bytes).c_str(), Printable(user).c_str());
-    std::fflush(stderr);
+    // One write of the whole line and no lock: the kernel keeps the lines of concurrent writes to one file or
+    // pipe whole, where a lock would make every worker wait for the others' writes.
+    const std::string line = Printable(method) + " " + Printable(url) + " " + std::to_string(status) + " " +
+                             std::to_string(bytes) + " " + Printable(user) + "\n";
+    for (std::size_t done = 0; done < line.size();) {
+        const ssize_t n = ::write(STDERR_FILENO, line.data() + done, line.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;  // a log that cannot be written must not stop the service
+        done += static_cast<std::size_t>(n);
+    }
 }
 
 }  // namespace webmail::dav

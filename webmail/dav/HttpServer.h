@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 
 #include "webmail/dav/DigestAuth.h"
@@ -21,12 +20,18 @@ public:
     enum class AuthMode { Basic, Digest, Any };
 
     struct Options {
-        std::string address = "127.0.0.1";  // IPv4 address to listen on
+        std::string address = "127.0.0.1";  // IPv4 or IPv6 address to listen on ("::1", without brackets)
         std::uint16_t port = 8110;          // 0 picks a free port
         std::string domain = "tarnwick.local";
         AuthMode auth = AuthMode::Any;
         std::size_t maxBodySize =
             std::size_t{64} * 1024 * 1024;  // a 25 MB attachment, base64-encoded, and room to spare
+        // PEM texts of the certificate chain and its key; both empty: plain HTTP.
+        std::string tlsCertificate, tlsKey;
+        // The reverse proxy whose X-Forwarded-For and X-Forwarded-Proto headers are believed; empty: none.
+        std::string trustedProxy;
+        // The Digest nonce key shared by every instance over the same store; empty: a random one.
+        std::string nonceKey;
         // A connection on which nothing arrives or leaves for this long is closed, mid-request or between
         // requests.
         unsigned idleTimeoutSeconds = 60;
@@ -35,6 +40,11 @@ public:
         unsigned maxConnections = 256;
         unsigned maxConnectionsPerAddress = 64;
     };
+
+    // Whether address (as given to Options) is a loopback address: 127.0.0.0/8 or ::1.
+    static bool IsLoopback(const std::string& address);
+    // The address in its usual text form (IPv4-mapped IPv6 as plain IPv4), or empty when it is not one.
+    static std::string NormalAddress(const std::string& address);
 
     // Realm named in the authentication challenges.
     static constexpr const char* kRealm = "tarnwick-webmail";
@@ -62,7 +72,9 @@ private:
     int QueueChallenge(MHD_Connection* connection, bool staleNonce, const std::string& method, const std::string& url);
     int Queue(MHD_Connection* connection, DavReply reply, const std::string& method, const std::string& url,
               const std::string& user);
-    std::string BaseUrl(MHD_Connection* connection) const;
+    std::string BaseUrl(MHD_Connection* connection, bool fromProxy) const;
+    // The address the request came from: the proxy's X-Forwarded-For when the peer is the trusted proxy.
+    std::string ClientAddress(MHD_Connection* connection, bool& fromProxy) const;
     void LogLine(const std::string& method, const std::string& url, unsigned status, std::uint64_t bytes,
                  const std::string& user);
 
@@ -72,7 +84,6 @@ private:
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t boundPort_ = 0;
     DigestAuth digest_;
-    std::mutex logMutex_;
 };
 
 }  // namespace webmail::dav

@@ -57,7 +57,8 @@ Router::Router(store::MaildirStore& store, std::string domain) : store_(store), 
 
 DavReply Router::Handle(const DavRequest& request) {
     const ServiceTarget target = RequestParser::Target(request.path);
-    std::lock_guard lock(store_.Mutex());
+    // No lock: every change to the store is a rename that never replaces a file and is retried when another
+    // thread or process renamed the message first, so requests run side by side.
     try {
         return Route(request, target);
     } catch (const std::exception& e) {

@@ -112,7 +112,10 @@ MailDelivery::Result MailDelivery::Deliver(const Account& sender, const Submissi
 
 std::string MailDelivery::TraceField(const std::string& account, const Origin& origin, const std::string* recipient,
                                      std::string_view eol) const {
-    const std::string from = origin.clientAddress.empty() ? "unknown" : "[" + origin.clientAddress + "]";
+    // An address literal as mail uses it: [192.0.2.1], [IPv6:2001:db8::1].
+    const bool v6 = origin.clientAddress.find(':') != std::string::npos;
+    const std::string from =
+        origin.clientAddress.empty() ? "unknown" : "[" + std::string(v6 ? "IPv6:" : "") + origin.clientAddress + "]";
     std::string field = "Received: from " + from + " (authenticated account " + account + ")";
     field += std::string(eol) + "\tby tarnwick-webmail (" + domain_ + ") with HTTP";
     field += std::string(eol) + "\t";

@@ -1,6 +1,7 @@
 #include "webmail/store/MaildirFolder.h"
 
 #include <fcntl.h>
+#include <stdio.h>  // renameat2
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -84,6 +85,16 @@ std::string HostPart() {
     return out;
 }
 
+// Renames from to to unless to exists; errno when it fails (ENOENT: from has gone, EEXIST: to is taken). Another
+// process may rename the same file at the same moment (Maildir's only lock is the rename): exactly one wins, and
+// nothing is ever overwritten, so no message is lost or doubled.
+int RenameNoReplace(const fs::path& from, const fs::path& to) {
+    return ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0 ? 0 : errno;
+}
+
+// How often an operation looks its message up again after another process renamed it away first.
+constexpr int kRenameAttempts = 4;
+
 void WriteAll(int fd, std::string_view bytes, const fs::path& path) {
     while (!bytes.empty()) {
         const ssize_t n = ::write(fd, bytes.data(), bytes.size());
@@ -141,7 +152,8 @@ std::vector<MaildirEntry> MaildirFolder::List() const {
         const std::string name = item.path().filename().string();
         if (!IsUsableName(name) || !IsPlainFile(item)) continue;
         const SplitName split = SplitFileName(name);
-        fs::rename(item.path(), dir_ / "cur" / (split.id + std::string(kInfoSeparator) + split.flags), ec);
+        // Another lister may have moved it first; a name already in cur/ stays in new/ rather than replace it.
+        RenameNoReplace(item.path(), dir_ / "cur" / (split.id + std::string(kInfoSeparator) + split.flags));
     }
     struct Sortable {
         MaildirEntry entry;
@@ -173,11 +185,17 @@ std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
     // reading a whole folder, so that fetching each message of a large folder does not read it once each.
     const std::string wanted(id);
     if (wanted.find(kInfoSeparator) == std::string::npos && IdOf(wanted) == wanted) {
-        for (const char* flags : {"", "S"}) {
-            const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
-            if (IsPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
+        // Another process may rename the file between two of these looks (a flag set, then cleared): a few
+        // rounds of them cost a few stat calls and find it anyway.
+        for (int round = 0; round < kRenameAttempts; ++round) {
+            for (const char* flags : {"", "S"}) {
+                const fs::path likely = dir_ / "cur" / (wanted + std::string(kInfoSeparator) + flags);
+                if (IsPlainFile(likely)) return MaildirEntry{wanted, likely, flags};
+            }
+            if (const fs::path fresh = dir_ / "new" / wanted; IsPlainFile(fresh)) {
+                return MaildirEntry{wanted, fresh, ""};
+            }
         }
-        if (const fs::path fresh = dir_ / "new" / wanted; IsPlainFile(fresh)) return MaildirEntry{wanted, fresh, ""};
     }
     for (const char* sub : {"cur", "new"}) {
         for (const auto& item : fs::directory_iterator(dir_ / sub, ec)) {
@@ -189,27 +207,35 @@ std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
 }
 
 bool MaildirFolder::SetSeen(std::string_view id, bool seen) const {
-    auto entry = Find(id);
-    if (!entry) return false;
-    std::string flags = entry->flags;
-    std::erase(flags, 'S');
-    if (seen) flags += 'S';
-    std::sort(flags.begin(), flags.end());
-    const fs::path target = dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + flags);
-    if (target == entry->path) return true;
-    std::error_code ec;
-    fs::rename(entry->path, target, ec);
-    return !ec;
+    for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+        auto entry = Find(id);
+        if (!entry) return false;
+        std::string flags = entry->flags;
+        std::erase(flags, 'S');
+        if (seen) flags += 'S';
+        std::sort(flags.begin(), flags.end());
+        const fs::path target = dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + flags);
+        if (target == entry->path) return true;
+        const int error = RenameNoReplace(entry->path, target);
+        // ENOENT: a lister, a move or another flag change renamed it first; look again.
+        if (error != ENOENT) return error == 0;
+    }
+    return false;
 }
 
 bool MaildirFolder::MoveTo(std::string_view id, const MaildirFolder& dest) const {
-    auto entry = Find(id);
-    if (!entry) return false;
     std::error_code ec;
-    if (fs::equivalent(dir_, dest.dir_, ec)) return true;
+    if (fs::equivalent(dir_, dest.dir_, ec)) return Find(id).has_value();
     if (dest.Find(id)) return false;
-    fs::rename(entry->path, dest.dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + entry->flags), ec);
-    return !ec;
+    // Looked up and renamed at once: another process renaming it in between costs one more round.
+    for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+        auto entry = Find(id);
+        if (!entry) return false;
+        const int error =
+            RenameNoReplace(entry->path, dest.dir_ / "cur" / (UniquePart(*entry) + std::string(kInfoSeparator) + entry->flags));
+        if (error != ENOENT) return error == 0;
+    }
+    return false;
 }
 
 std::string MaildirFolder::Deliver(std::string_view bytes, bool intoNew, std::string_view flags) const {
@@ -245,7 +271,9 @@ std::string MaildirFolder::WriteTemp(std::string_view bytes) const {
 fs::path MaildirFolder::PlaceTemp(const std::string& id, bool intoNew, std::string_view flags) const {
     fs::path target =
         intoNew ? dir_ / "new" / id : dir_ / "cur" / (id + std::string(kInfoSeparator) + std::string(flags));
-    fs::rename(dir_ / "tmp" / id, target);
+    if (const int error = RenameNoReplace(dir_ / "tmp" / id, target); error != 0) {
+        throw std::runtime_error("cannot deliver into " + target.string() + ": " + std::strerror(error));
+    }
     return target;
 }
 

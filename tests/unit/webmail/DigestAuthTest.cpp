@@ -98,4 +98,40 @@ TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
               O::Accepted);
 }
 
+TEST(DigestAuthTest, InstancesSharingAKeyAcceptEachOthersNoncesAndNoOthers) {
+    const auto lookup = [](const std::string& user) {
+        return user == "demo" ? std::optional<std::string>("secret") : std::nullopt;
+    };
+    using O = DigestAuth::Outcome;
+    const std::string key = "0123456789abcdef-shared";
+    DigestAuth first("realm", "op", kLifetime, 2, key), second("realm", "op", kLifetime, 2, key);
+    DigestAuth stranger("realm", "op", kLifetime, 2);
+    const std::string fromFirst = first.Challenge(false, kNow), fromSecond = second.Challenge(false, kNow);
+    // Two instances never hand out the same nonce, even in the same second.
+    EXPECT_NE(fromFirst, fromSecond);
+    EXPECT_EQ(second.Check(Answer(fromFirst, "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow).outcome,
+              O::Accepted);
+    EXPECT_EQ(first.Check(Answer(fromFirst, "Digest", "secret", "/a", "00000002"), "PROPFIND", "/a", lookup, kNow)
+                  .outcome,
+              O::Accepted);
+    // Each instance keeps its own nc record: a replay to the same instance is refused.
+    EXPECT_EQ(second.Check(Answer(fromFirst, "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow).outcome,
+              O::Refused);
+    EXPECT_EQ(stranger.Check(Answer(fromFirst, "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow).outcome,
+              O::Refused);
+    // When the second's table overflows, the first's nonces it tracked are forgotten: stale, never replayable.
+    second.Check(Answer(second.Challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup, kNow);
+    EXPECT_EQ(second.Check(Answer(second.Challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup,
+                           kNow)
+                  .outcome,
+              O::Stale);
+    EXPECT_EQ(second.Check(Answer(fromFirst, "Digest", "secret", "/a", "00000003"), "PROPFIND", "/a", lookup, kNow)
+                  .outcome,
+              O::Stale);
+    EXPECT_EQ(second.Check(Answer(second.Challenge(false, kNow), "Digest", "secret", "/a"), "PROPFIND", "/a", lookup,
+                           kNow)
+                  .outcome,
+              O::Accepted);
+}
+
 }  // namespace

@@ -1,0 +1,154 @@
+"""The service on another machine, on this one: a throwaway CA and server certificate made with openssl,
+tarnwick-webmail instances over one store, and nginx from Debian in front of them with the packaged example
+site (packaging/nginx/tarnwick-webmail.conf), its port, certificate and instances swapped for ours.
+
+nginx runs in the foreground with a private prefix, configuration and logs in the caller's folder, listens on
+127.0.0.1 only, and is stopped by its pid like every other process here.
+"""
+
+import os
+import re
+import shutil
+import subprocess
+
+from tarnwick_testing import HOST, binary, free_port, stop_process, wait_for, is_listening
+
+EXAMPLE_SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging", "nginx",
+                            "tarnwick-webmail.conf")
+
+
+def nginx_binary():
+    """nginx's path, or None where it is not installed (scripts/setup installs it)."""
+    for candidate in (shutil.which("nginx"), "/usr/sbin/nginx"):
+        if candidate and os.access(candidate, os.X_OK):
+            return candidate
+    return None
+
+
+def make_certificates(folder):
+    """Two throwaway CAs and a server certificate for localhost and 127.0.0.1 signed by the first; returns the
+    paths {"ca", "other_ca", "cert", "key"}."""
+    def run(*args):
+        subprocess.run(["openssl", *args], check=True, cwd=folder, stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
+
+    run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "2",
+        "-subj", "/CN=Tarnwick test CA")
+    run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "other-ca.key", "-out", "other-ca.pem",
+        "-days", "2", "-subj", "/CN=Some other CA")
+    run("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key", "-out", "server.csr", "-subj",
+        "/CN=localhost")
+    with open(os.path.join(folder, "server.ext"), "w") as f:
+        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\n")
+    run("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial", "-out",
+        "server.pem", "-days", "2", "-extfile", "server.ext")
+    return {name: os.path.join(folder, file) for name, file in
+            (("ca", "ca.pem"), ("other_ca", "other-ca.pem"), ("cert", "server.pem"), ("key", "server.key"))}
+
+
+def make_nonce_key(path):
+    """A shared Digest nonce key, readable by its owner only."""
+    fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
+    with os.fdopen(fd, "wb") as f:
+        f.write(os.urandom(32))
+    return path
+
+
+class Instance:
+    """One tarnwick-webmail process on an ephemeral loopback port; output in folder/NAME.out and .err."""
+
+    def __init__(self, folder, name, store, args=()):
+        self.out_path = os.path.join(folder, name + ".out")
+        self.err_path = os.path.join(folder, name + ".err")
+        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
+            self.proc = subprocess.Popen(
+                [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store, "--listen",
+                 HOST + ":0", *args], stdout=out, stderr=err, stdin=subprocess.DEVNULL)
+        self.port = None
+
+        def bound():
+            if self.proc.poll() is not None:
+                raise AssertionError("tarnwick-webmail exited:\n" + self.output())
+            m = re.search(r"listening on 127\.0\.0\.1:(\d+)", self.output())
+            if m:
+                self.port = int(m.group(1))
+            return self.port is not None
+
+        wait_for(bound, 20, "tarnwick-webmail to print its port")
+
+    def output(self):
+        with open(self.out_path, "rb") as out, open(self.err_path, "rb") as err:
+            return (out.read() + err.read()).decode("latin-1")
+
+    def requests(self):
+        """The request lines the instance logged so far."""
+        with open(self.err_path, "rb") as err:
+            return [line for line in err.read().decode("latin-1").splitlines()
+                    if re.match(r"[A-Z]+ /\S* \d{3} ", line)]
+
+    def stop(self):
+        stop_process(self.proc)
+
+
+def site_config(listen_port, cert, key, upstream_ports, example=EXAMPLE_SITE):
+    """The packaged example site with our port (127.0.0.1 only), certificate and instances."""
+    with open(example) as f:
+        text = f.read()
+    servers = "".join("    server 127.0.0.1:%d max_fails=1 fail_timeout=10s;\n" % p for p in upstream_ports)
+    lines = re.findall(r"    server 127\.0\.0\.1:\d+ [^\n]*\n", text)
+    assert lines, "no upstream servers in " + example
+    text = text.replace(lines[0], servers)
+    for line in lines[1:]:
+        text = text.replace(line, "")
+    text, n = re.subn(r"    listen 443 ssl;\n    listen \[::\]:443 ssl;\n",
+                      "    listen 127.0.0.1:%d ssl;\n" % listen_port, text)
+    assert n == 1, "no listen lines in " + example
+    text, n = re.subn(r"ssl_certificate \S+;", "ssl_certificate %s;" % cert, text)
+    assert n == 1
+    text, n = re.subn(r"ssl_certificate_key \S+;", "ssl_certificate_key %s;" % key, text)
+    assert n == 1
+    return text
+
+
+class Nginx:
+    """nginx in the foreground with a private prefix in folder, serving site (the text of a server block and
+    what goes with it) on listen_port."""
+
+    def __init__(self, folder, site, listen_port, workers=1):
+        self.folder = os.path.join(folder, "nginx")
+        os.makedirs(os.path.join(self.folder, "temp"), exist_ok=True)
+        site_path = os.path.join(self.folder, "site.conf")
+        with open(site_path, "w") as f:
+            f.write(site)
+        # As root nginx would hand its workers to "nobody", who cannot read this private folder.
+        user = "user root;\n" if os.geteuid() == 0 else ""
+        temp = os.path.join(self.folder, "temp")
+        conf = os.path.join(self.folder, "nginx.conf")
+        with open(conf, "w") as f:
+            f.write(user + "daemon off;\nworker_processes %d;\npid %s/nginx.pid;\nerror_log %s/error.log warn;\n"
+                    "events { worker_connections 1024; }\nhttp {\n    access_log off;\n" % (workers, self.folder,
+                                                                                          self.folder))
+            for kind in ("client_body", "proxy", "fastcgi", "uwsgi", "scgi"):
+                f.write("    %s_temp_path %s/%s;\n" % (kind, temp, kind))
+            f.write("    include %s;\n}\n" % site_path)
+        self.port = listen_port
+        self.proc = subprocess.Popen([nginx_binary(), "-p", self.folder, "-e", self.folder + "/error.log", "-c",
+                                      conf], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                     stderr=subprocess.DEVNULL)
+
+        def listening():
+            if self.proc.poll() is not None:
+                raise AssertionError("nginx exited:\n" + self.errors())
+            return is_listening(listen_port)
+
+        wait_for(listening, 20, "nginx to listen")
+
+    def errors(self):
+        try:
+            with open(os.path.join(self.folder, "error.log"), "rb") as f:
+                return f.read().decode("latin-1")
+        except FileNotFoundError:
+            return ""
+
+    def stop(self):
+        stop_process(self.proc)
