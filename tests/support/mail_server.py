@@ -49,14 +49,14 @@ def unavailable():
 
 
 class Postfix:
-    """One private Postfix. `mailboxes` maps each address it accepts to a Maildir path: relative paths lie
-    under `mail_base`, where the delivering user (uid/gid, never root: Postfix refuses that) may write.
-    `mail_base` (default: a folder of its own, owned by nobody) is where relative Maildir paths lie.
-    `refused` maps addresses to the reply that refuses them at RCPT ("550 5.1.1 ..."); `data_pause` makes it
-    wait that many seconds before answering DATA. With `tls`, it offers STARTTLS on its port and TLS from the
-    start on `tls_port`, with a certificate for 127.0.0.1 of its own (`ca_file`). With `login` (user,
-    password), mail is accepted only after SASL PLAIN or LOGIN as that user (TLS only). The postfix user must be able to pass through the folders
-    above `folder` (a temporary folder is made mode 0711 for that)."""
+    """One private Postfix. `mailboxes` maps each address it accepts to a Maildir path under `mail_base`
+    (default: a folder of its own, owned by nobody), where the delivering user (uid/gid, never root: Postfix
+    refuses that) may write. `refused` maps addresses to the reply that refuses them at RCPT
+    ("550 5.1.1 ..."); `data_pause` makes it wait that many seconds before answering DATA. With `tls`, it
+    offers STARTTLS on its port and TLS from the start on `tls_port`, with a certificate for 127.0.0.1 of its
+    own (`ca_file`). With `login` (user, password), mail is accepted only after SASL PLAIN or LOGIN as that
+    user (TLS only). The postfix user must be able to pass through the folders above `folder` (a temporary
+    folder is made mode 0711 for that)."""
 
     def __init__(self, folder, domains=("example.test",), mailboxes=None, refused=None, data_pause=0,
                  uid=65534, gid=65534, mail_base=None, tls=False, login=None):
@@ -198,9 +198,15 @@ class Postfix:
                 raise AssertionError("postfix master exited:\n" + self.log())
             return is_listening(self.port) and (self.tls_port is None or is_listening(self.tls_port))
 
-        wait_for(up, 20, "postfix to listen on %d" % self.port)
+        try:
+            wait_for(up, 20, "postfix to listen on %d" % self.port)
+        except BaseException:
+            self.stop()
+            raise
 
     def stop(self):
+        if self.port is None:
+            return
         stop_process(self.master)
         self.master = None
         if self._log:

@@ -46,12 +46,21 @@ def setUpModule():
 
 
 def tearDownModule():
-    if stack:
-        stack.stop()
-    if mx:
-        mx.stop()
-    if work:
-        work.cleanup()
+    try:
+        if stack:
+            stack.stop()
+    finally:
+        try:
+            if mx:
+                mx.stop()
+        finally:
+            if work:
+                work.cleanup()
+
+
+def relay_to_mx_again():
+    """A test's clean-up after it pointed tarnwick-webmail at another relay."""
+    stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
 
 
 def fetch(stack, user, password):
@@ -107,7 +116,8 @@ def sent_copy(subject):
 def split_trace(delivered):
     """The envelope sender and recipient Postfix records (Return-Path, Delivered-To) and what follows its own
     Received field."""
-    m = re.match(rb"Return-Path: <([^>]*)>\n(?:X-Original-To: \S+\n)?Delivered-To: (\S+)\nReceived: [^\n]*\n(?:[ \t][^\n]*\n)*", delivered)
+    m = re.match(rb"Return-Path: <([^>]*)>\n(?:X-Original-To: \S+\n)?Delivered-To: (\S+)\n"
+                 rb"Received: [^\n]*\n(?:[ \t][^\n]*\n)*", delivered)
     if not m:
         raise AssertionError("no Postfix trace lines at the top of %r" % delivered[:400])
     return m.group(1).decode(), m.group(2).decode(), delivered[m.end():]
@@ -231,50 +241,46 @@ class Relay(unittest.TestCase):
 
     def test_3b_unreachable_the_queue_waits_then_returns_everything_after_the_time_limit(self):
         nowhere = "smtp://%s:%d" % (HOST, free_port())  # nothing listens there
+        self.addCleanup(relay_to_mx_again)
         stack.restart_webmail(webmail_args=["--relay", nowhere, "--relay-retry", "1s,1s", "--relay-give-up", "3s"])
-        try:
-            for n in range(4):
-                post(["late%d@example.test" % n], message("Too late %d" % n))
+        for n in range(4):
+            post(["late%d@example.test" % n], message("Too late %d" % n))
 
-            def reports():
-                return [m for m in stack.store.folder_messages("sam") if b"Subject: Too late" in m]
+        def reports():
+            return [m for m in stack.store.folder_messages("sam") if b"Subject: Too late" in m]
 
-            wait_for(lambda: len(reports()) == 4, 20, "four reports")
-            self.assertEqual(outbox(), [])
-            (first,) = [m for m in reports() if b"Subject: Too late 0" in m]
-            self.assertIn(b"<late0@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
-                          first)
-            self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n",
-                          first)
-            log = stack.webmail_output()
-            self.assertGreaterEqual(log.count("sending to <late0@example.test>"), 2)
-            # The first message probed the relay; the others waited with it (one of them may have probed once,
-            # after the first was returned) instead of each trying on its own.
-            self.assertLessEqual(sum(log.count("sending to <late%d@example.test>" % n) for n in (1, 2, 3)), 1)
-        finally:
-            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
+        wait_for(lambda: len(reports()) == 4, 20, "four reports")
+        self.assertEqual(outbox(), [])
+        (first,) = [m for m in reports() if b"Subject: Too late 0" in m]
+        self.assertIn(b"<late0@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
+                      first)
+        self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n",
+                      first)
+        log = stack.webmail_output()
+        self.assertGreaterEqual(log.count("sending to <late0@example.test>"), 2)
+        # The first message probed the relay; the others waited with it (one of them may have probed once,
+        # after the first was returned) instead of each trying on its own.
+        self.assertLessEqual(sum(log.count("sending to <late%d@example.test>" % n) for n in (1, 2, 3)), 1)
 
     def test_4_killed_during_a_relay_and_restarted_delivers_once(self):
         slow = mail_server.Postfix(os.path.join(work.name, "slow"), mailboxes={"late@example.test": "late/"},
                                    data_pause=4)
         slow.start()
-        try:
-            stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
-            send(["late@example.test"], message("Killed midway"))
-            wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
-            # The server has taken the recipient (its queue file is open) and waits 4 s before it answers
-            # DATA: the relay is under way.
-            wait_for(lambda: re.search(r": client=localhost", slow.log()), 10, "the recipient taken")
-            mail_server.settle(1)
-            stack.restart_webmail(kill=True)
-            slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
-            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-            mail_server.settle(5)  # longer than a second transfer would take
-            self.assertEqual(len(slow.delivered("late@example.test")), 1)
-            self.assertIn("an attempt was cut short", stack.webmail_output())
-        finally:
-            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
-            slow.stop()
+        self.addCleanup(slow.stop)
+        self.addCleanup(relay_to_mx_again)
+        stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
+        send(["late@example.test"], message("Killed midway"))
+        wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
+        # The server has taken the recipient (its queue file is open) and waits 4 s before it answers
+        # DATA: the relay is under way.
+        wait_for(lambda: re.search(r": client=localhost", slow.log()), 10, "the recipient taken")
+        mail_server.settle(1)
+        stack.restart_webmail(kill=True)
+        slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        mail_server.settle(5)  # longer than a second transfer would take
+        self.assertEqual(len(slow.delivered("late@example.test")), 1)
+        self.assertIn("an attempt was cut short", stack.webmail_output())
 
     def test_5_mail_server_delivers_into_an_account_and_the_gateway_serves_it(self):
         # Postfix will not deliver as root: the account's tree belongs to nobody, the folders above it may be
@@ -287,16 +293,14 @@ class Relay(unittest.TestCase):
         inbound = mail_server.Postfix(os.path.join(work.name, "inbound"), domains=("tarnwick.local",),
                                       mailboxes={"lena@tarnwick.local": "lena/"}, mail_base=stack.store.root)
         inbound.start()
-        try:
-            text = message("From the world").replace(b"To: someone@example.test", b"To: lena@tarnwick.local")
-            with subprocess.Popen(["swaks", "--server", HOST, "--port", str(inbound.port), "--from",
-                                   "someone@example.test", "--to", "lena@tarnwick.local", "--data", "-"],
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as p:
-                out = p.communicate(text[:-2], timeout=60)[0]  # swaks ends the last line itself
-            self.assertEqual(p.returncode, 0, out)
-            inbound.wait_delivered("lena@tarnwick.local", b"Subject: From the world", 20)
-        finally:
-            inbound.stop()
+        self.addCleanup(inbound.stop)
+        text = message("From the world").replace(b"To: someone@example.test", b"To: lena@tarnwick.local")
+        with subprocess.Popen(["swaks", "--server", HOST, "--port", str(inbound.port), "--from",
+                               "someone@example.test", "--to", "lena@tarnwick.local", "--data", "-"],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as p:
+            out = p.communicate(text[:-2], timeout=60)[0]  # swaks ends the last line itself
+        self.assertEqual(p.returncode, 0, out)
+        inbound.wait_delivered("lena@tarnwick.local", b"Subject: From the world", 20)
         (fetched,) = [m for m in fetch(stack, "lena", "lena-pw") if b"Subject: From the world" in m]
         _, recipient, rest = split_trace(fetched.replace(b"\r\n", b"\n"))
         self.assertEqual(recipient, "lena@tarnwick.local")
@@ -310,35 +314,34 @@ class SecureRelay(unittest.TestCase):
         secure = mail_server.Postfix(os.path.join(work.name, "secure"), mailboxes={"safe@example.test": "safe/"},
                                      login=("relayuser", "s3cret:pass word"))
         secure.start()
+        self.addCleanup(secure.stop)
+        self.addCleanup(relay_to_mx_again)
         auth = os.path.join(work.name, "relay-auth")
         with open(os.open(auth, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w") as f:
             f.write("relayuser:s3cret:pass word\n")
         fetch(stack, "sam", "sam-pw")  # the gateway sends as the account of its last fetch
-        try:
-            # The system's authorities do not know the server's certificate: the message waits.
-            stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
-            send(["safe@example.test"], message("Safe 0"))
-            wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
-                     "a deferral for the unknown certificate")
-            self.assertEqual(secure.delivered("safe@example.test"), [])
-            for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
-                with self.subTest(url):
-                    stack.restart_webmail(webmail_args=["--relay", url, "--relay-auth", auth, "--relay-ca",
-                                                        secure.ca_file, "--relay-trace"] + RETRY)
-                    if n == 1:
-                        secure.wait_delivered("safe@example.test", b"Subject: Safe 0", 20)
-                    send(["safe@example.test"], message("Safe %d" % n))
-                    (mail,) = secure.wait_delivered("safe@example.test", b"Subject: Safe %d" % n, 20)
-                    # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
-                    self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n\tby mx\.example\.test "
-                                           rb"\(Postfix\) with ESMTPSA")
-            self.assertIn("> AUTH ...", stack.webmail_output())
-            self.assertNotIn("s3cret", stack.webmail_output())
-            self.assertEqual(len(re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())), 3)
-            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-        finally:
-            stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
-            secure.stop()
+        # The system's authorities do not know the server's certificate: the message waits.
+        stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
+        send(["safe@example.test"], message("Safe 0"))
+        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
+                 "a deferral for the unknown certificate")
+        self.assertEqual(secure.delivered("safe@example.test"), [])
+        for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
+            with self.subTest(url):
+                stack.restart_webmail(webmail_args=["--relay", url, "--relay-auth", auth, "--relay-ca",
+                                                    secure.ca_file, "--relay-trace"] + RETRY)
+                if n == 1:
+                    secure.wait_delivered("safe@example.test", b"Subject: Safe 0", 20)
+                send(["safe@example.test"], message("Safe %d" % n))
+                (mail,) = secure.wait_delivered("safe@example.test", b"Subject: Safe %d" % n, 20)
+                # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
+                self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n"
+                                       rb"\tby mx\.example\.test \(Postfix\) with ESMTPSA")
+        self.assertIn("> AUTH ...", stack.webmail_output())
+        self.assertNotIn("s3cret", stack.webmail_output())
+        logins = re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())
+        self.assertEqual(len(logins), 3)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
 
 
 if __name__ == "__main__":
