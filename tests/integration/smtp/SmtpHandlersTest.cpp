@@ -292,8 +292,10 @@ TEST_F(SmtpHandlersTest, AMessageTheFileCannotTakeIsRefusedAtItsEndAndNothingIsR
     Begin(*client);
     for (int i = 0; i < 3; ++i) Stream(*client, chunk);
     client->Send("last\r\n.\r\n");
-    const std::string replies = "250 ok\r\n250 ok\r\n250 ok\r\n" + kQueued;
-    EXPECT_EQ(client->Receive(replies.size()), replies);
+    // One held "250 ok" per arrival (a busy machine may join chunks), then the reply to the message.
+    std::string line = client->ReceiveLine();
+    for (int held = 0; line == "250 ok\r\n" && held < 3; ++held) line = client->ReceiveLine();
+    EXPECT_EQ(line, kQueued);
     EXPECT_THAT(Posted(), ElementsAre(kEnvelope + chunk + chunk + chunk + "last\r\n.\r\n"));
 }
 
