@@ -1,5 +1,6 @@
-// The spool file: texts read back exactly, stretch by stretch and piece by piece; a file no one else can
-// open; and a failed write that stays failed, so that no text cut short passes as whole.
+// The spool file: a file no one else can open, and a failed write that stays failed, so that no text cut
+// short passes as whole. (Texts read back stretch by stretch and piece by piece are checked where they are
+// used: the listing's records and the RETR response.)
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -10,36 +11,8 @@
 
 #include "core/Error.h"
 #include "core/SpoolFile.h"
-#include "core/SpoolText.h"
 
 namespace {
-
-TEST(SpoolFile, TextsComeBackExactlyWholeAndInPieces) {
-    const std::shared_ptr<core::SpoolFile> file = core::SpoolFile::Create();
-    const std::string texts[] = {std::string("a\0b\r\n", 5), "", std::string(3000, 'z') + "\xFF"};
-    std::vector<core::SpoolText> stored;
-    for (const std::string& text : texts) {
-        const std::uint64_t at = file->Size();
-        file->Append(text);
-        stored.emplace_back(file, at, text.size());
-    }
-    EXPECT_EQ(file->Size(), 3006U);
-    for (std::size_t i = 0; i < stored.size(); ++i) {
-        EXPECT_EQ(stored[i].ReadAll(), texts[i]);
-        for (const std::size_t pieceBytes : {std::size_t{1}, std::size_t{7}, std::size_t{4096}}) {
-            const core::TextPiecesPtr pieces = stored[i].Pieces(pieceBytes);
-            std::string piece;
-            std::string all;
-            while (pieces->Next(piece)) {
-                EXPECT_LE(piece.size(), pieceBytes);
-                EXPECT_FALSE(piece.empty());
-                all += piece;
-            }
-            EXPECT_EQ(all, texts[i]) << "pieces of " << pieceBytes;
-        }
-    }
-    EXPECT_EQ(core::SpoolText().ReadAll(), "");
-}
 
 TEST(SpoolFile, HasNoNameAndOnlyItsOwnerMayReadIt) {
     const std::shared_ptr<core::SpoolFile> file = core::SpoolFile::Create();
