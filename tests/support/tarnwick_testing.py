@@ -8,6 +8,7 @@ build folder at the top of the tree. Everything listens on 127.0.0.1 only.
 
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -134,10 +135,12 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None, gateway_limits=None):
         self.webmail_args = list(webmail_args)
         self.gateway_args = list(gateway_args)
         self.gateway_env = dict(gateway_env or {})
+        # {resource.RLIMIT_...: soft limit} set for the gateway process alone.
+        self.gateway_limits = dict(gateway_limits or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -170,23 +173,40 @@ class Stack:
         else:
             shutil.rmtree(self.dir, ignore_errors=True)
 
-    def _start_webmail(self):
-        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "wb")
-        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "wb")
+    def _start_webmail(self, port=0):
+        # A restart appends to the logs; only what comes after the old output counts as its listening line.
+        skip = {name: len(self._read(name)) for name in ("webmail.out", "webmail.err")}
+        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "ab")
+        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "ab")
+        self.service_port = None
         self.webmail = subprocess.Popen(
             [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", self.store.root,
-             "--listen", HOST + ":0"] + self.webmail_args,
+             "--listen", "%s:%d" % (HOST, port)] + self.webmail_args,
             stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
 
         def bound():
             if self.webmail.poll() is not None:
                 raise AssertionError("tarnwick-webmail exited:\n" + self.webmail_output())
-            m = LISTENING_LINE.search(self._read("webmail.out") + self._read("webmail.err"))
+            m = LISTENING_LINE.search(b"".join(self._read(name)[skip[name]:] for name in skip))
             if m:
                 self.service_port = int(m.group(1))
             return self.service_port is not None
 
         wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
+
+    def restart_webmail(self, kill=False, webmail_args=None):
+        """Stops tarnwick-webmail (SIGKILL by its pid when `kill`, else SIGTERM) and starts it again on the same
+        store and port, with new arguments if given, so that the gateway keeps talking to it."""
+        if kill:
+            os.kill(self.webmail.pid, signal.SIGKILL)
+            self.webmail.wait(timeout=10)
+        else:
+            stop_process(self.webmail)
+        self._webmail_out.close()
+        self._webmail_err.close()
+        if webmail_args is not None:
+            self.webmail_args = list(webmail_args)
+        self._start_webmail(self.service_port)
 
     def _start_gateway(self):
         runtime = os.path.join(self.dir, "runtime")
@@ -201,7 +221,8 @@ class Stack:
                 [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
                  "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
                  "--service-url", self.service_url()] + self.gateway_args,
-                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
+                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
+                preexec_fn=self._set_gateway_limits if self.gateway_limits else None)
             deadline = time.monotonic() + START_TIMEOUT
             while time.monotonic() < deadline and self.gateway.poll() is None:
                 if is_listening(self.pop3_port) and is_listening(self.smtp_port):
@@ -211,6 +232,11 @@ class Stack:
             stop_process(self.gateway)
             self._gateway_out.close()
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
+
+    def _set_gateway_limits(self):
+        for which, soft in self.gateway_limits.items():
+            _, hard = resource.getrlimit(which)
+            resource.setrlimit(which, (soft, hard))
 
     # -- what the processes said
 
