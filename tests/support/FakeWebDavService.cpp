@@ -77,7 +77,7 @@ ScriptedReply DavReply(std::string body, int status, std::string davError) {
 }
 
 FakeWebDavService::FakeWebDavService(Auth auth, std::string user, std::string password)
-    : auth_(auth), user_(std::move(user)), password_(std::move(password)) {
+    : auth_(auth), user_(user), password_(password), digest_(kRealm, std::move(user), std::move(password)) {
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = 0;
@@ -109,6 +109,11 @@ void FakeWebDavService::ClearScript() {
 std::vector<RecordedRequest> FakeWebDavService::Requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
+}
+
+void FakeWebDavService::ExpireNonces() {
+    std::lock_guard lock(mutex_);
+    digest_.ExpireNonces();
 }
 
 int FakeWebDavService::Challenges() const {
@@ -144,6 +149,19 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
             ++challenges_;
             MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
             const MHD_Result q = MHD_queue_basic_auth_fail_response(connection, kRealm, r);
+            MHD_destroy_response(r);
+            return q == MHD_YES;
+        }
+    } else if (auth_ == Auth::Digest) {
+        std::lock_guard lock(mutex_);
+        const auto verdict = digest_.Check(pending->request.Header("Authorization").value_or(""),
+                                           pending->request.method, pending->request.path);
+        if (verdict != DigestGate::Verdict::Accepted) {
+            ++challenges_;
+            MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+            MHD_add_response_header(r, "WWW-Authenticate",
+                                    digest_.Challenge(verdict == DigestGate::Verdict::Stale).c_str());
+            const MHD_Result q = MHD_queue_response(connection, 401, r);
             MHD_destroy_response(r);
             return q == MHD_YES;
         }

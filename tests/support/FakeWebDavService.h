@@ -1,5 +1,6 @@
 // A scripted WebDAV service on 127.0.0.1 for tests: records every request exactly as it arrived and answers
-// each from a queue of scripted replies. Optionally demands Basic credentials first.
+// each from a queue of scripted replies. Optionally demands Basic or Digest credentials first
+// (Digest with nonces that serve any address, each use counted by nc).
 #pragma once
 
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/DigestGate.h"
 #include "tests/support/LoopbackPort.h"
 
 struct MHD_Daemon;
@@ -44,7 +46,7 @@ ScriptedReply DavReply(std::string body, int status = 200, std::string davError 
 
 class FakeWebDavService {
 public:
-    enum class Auth { None, Basic };
+    enum class Auth { None, Basic, Digest };
 
     explicit FakeWebDavService(Auth auth = Auth::None, std::string user = {}, std::string password = {});
     ~FakeWebDavService();
@@ -59,6 +61,8 @@ public:
     void ClearScript();
     // Every authenticated request so far, in arrival order.
     std::vector<RecordedRequest> Requests() const;
+    // Digest: every nonce handed out so far goes stale; its next use is challenged with "stale=true".
+    void ExpireNonces();
     // How many requests were answered with an authentication challenge.
     int Challenges() const;
 
@@ -70,6 +74,7 @@ private:
     Auth auth_;
     std::string user_;
     std::string password_;
+    DigestGate digest_;
     MHD_Daemon* daemon_ = nullptr;
     std::uint16_t port_ = 0;
     mutable std::mutex mutex_;
