@@ -18,7 +18,7 @@ struct DavReply {
     std::vector<std::pair<std::string, std::string>> headers;  // further headers
     // A message served from its file in place of body: sent as it is when it has CR LF line ends only,
     // otherwise converted while it is sent; either way nothing holds the whole text.
-    std::shared_ptr<const store::MessageFile> file;
+    std::shared_ptr<store::MessageFile> file;
 
     // A reply for a refused request: status, X-Dav-Error "<status> <reason>" and the reason as plain text.
     static DavReply Failure(unsigned status, const std::string& reason) {

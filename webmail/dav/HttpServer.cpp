@@ -61,11 +61,28 @@ struct ConvertingReader {
 };
 
 // Serves a file whose line ends are all CR LF straight from its descriptor (libmicrohttpd may use sendfile).
-MHD_Response* FileResponse(const store::MessageFile& file) {
-    const int fd = ::dup(file.Fd());
-    if (fd < 0) return nullptr;
-    MHD_Response* response = MHD_create_response_from_fd64(file.Size(), fd);
+// The descriptor is handed over: libmicrohttpd closes it when the reply is done with it.
+MHD_Response* FileResponse(store::MessageFile& file) {
+    const std::uint64_t size = file.Size();
+    const int fd = file.Release();
+    MHD_Response* response = MHD_create_response_from_fd64(size, fd);
     if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// Over TLS libmicrohttpd cannot send from the descriptor and reads a file response 4 KB at a time, each piece
+// its own TLS record and send. Read here instead, in pieces as large as the connection's buffer takes.
+MHD_Response* ReadingResponse(std::shared_ptr<const store::MessageFile> file) {
+    auto* reader = new ConvertingReader{std::move(file)};
+    MHD_Response* response = MHD_create_response_from_callback(
+        reader->file->Size(), kServeBlock,
+        [](void* cls, std::uint64_t position, char* out, std::size_t max) -> ssize_t {
+            const auto* r = static_cast<ConvertingReader*>(cls);
+            const long n = r->file->ReadRaw(position, out, max);
+            return n > 0 ? n : MHD_CONTENT_READER_END_WITH_ERROR;
+        },
+        reader, [](void* cls) { delete static_cast<ConvertingReader*>(cls); });
+    if (response == nullptr) delete reader;
     return response;
 }
 
@@ -315,7 +332,11 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
     if (reply.file) {
         const store::MessageFile::Facts facts = reply.file->ReadFacts();
         bytes = facts.servedSize;
-        response = facts.bareLf ? ConvertingResponse(reply.file, bytes) : FileResponse(*reply.file);
+        if (facts.bareLf) {
+            response = ConvertingResponse(reply.file, bytes);
+        } else {
+            response = options_.tlsCertificate.empty() ? FileResponse(*reply.file) : ReadingResponse(reply.file);
+        }
     } else {
         // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
         auto* body = new std::string(std::move(reply.body));

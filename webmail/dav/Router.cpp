@@ -151,8 +151,7 @@ DavReply Router::FolderPropfind(const DavRequest& request, const ServiceUrls& ur
 }
 
 DavReply Router::GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target) {
-    const auto entry = folder.Find(target.id);
-    auto file = entry ? MessageFile::Open(entry->path) : std::nullopt;
+    auto file = folder.Open(target.id);
     if (!file) return DavReply::Failure(404, "No such message");
     DavReply reply;
     reply.contentType = "message/rfc822";

@@ -206,6 +206,31 @@ std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
     return std::nullopt;
 }
 
+std::optional<MessageFile> MaildirFolder::Open(std::string_view id) const {
+    if (!IsUsableName(id) || id.size() > kMaxIdLength) return std::nullopt;
+    if (id.find(kInfoSeparator) == std::string_view::npos && IdOf(id) == id) {
+        // One buffer for the three usual names: DIR/cur/ID:2, and DIR/cur/ID:2,S, then DIR/new/ID. The open
+        // refuses a link in place of the file and anything but a regular file, as Find's looks do.
+        std::string name = dir_.native();
+        const std::size_t sub = name.size() + 1;
+        name.append("/cur/").append(id).append(kInfoSeparator);
+        const std::size_t flags = name.size();
+        for (int round = 0; round < kRenameAttempts; ++round) {
+            name.resize(flags - kInfoSeparator.size());
+            name.append(kInfoSeparator);
+            if (auto file = MessageFile::Open(name)) return file;
+            name += 'S';
+            if (auto file = MessageFile::Open(name)) return file;
+            name.resize(flags - kInfoSeparator.size());
+            name.replace(sub, 3, "new");
+            if (auto file = MessageFile::Open(name)) return file;
+            name.replace(sub, 3, "cur");
+        }
+    }
+    const auto entry = Find(id);
+    return entry ? MessageFile::Open(entry->path) : std::nullopt;
+}
+
 bool MaildirFolder::SetSeen(std::string_view id, bool seen) const {
     for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
         auto entry = Find(id);

@@ -118,9 +118,9 @@ std::size_t HeaderEnd(std::string_view text) {
 
 }  // namespace
 
-std::optional<MessageFile> MessageFile::Open(const std::filesystem::path& path) {
+std::optional<MessageFile> MessageFile::Open(const char* path) {
     // O_NONBLOCK: opening a FIFO put in place of a message must not wait for a writer.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    const int fd = ::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return std::nullopt;
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -199,6 +199,10 @@ MessageFile::Facts MessageFile::Scan() const {
     facts.bareLf = bareLfs > 0;
     facts.servedSize = offset + bareLfs;
     return facts;
+}
+
+long MessageFile::ReadRaw(std::uint64_t offset, char* out, std::size_t capacity) const {
+    return ReadAt(fd_, out, capacity, offset);
 }
 
 long MessageFile::ReadServed(std::uint64_t& offset, bool& lastCr, char* out, std::size_t capacity) const {

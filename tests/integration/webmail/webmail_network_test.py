@@ -81,6 +81,29 @@ class TlsTest(unittest.TestCase):
                         self.context(version).wrap_socket(raw, server_hostname="localhost")
 
 
+    def test_messages_come_whole_over_https(self):
+        # Larger than any one piece the service reads at a time, and one with bare LF line ends (served as CR LF).
+        port = int(re.fullmatch(r"listening on \[::1\]:(\d+)\n", self.line).group(1))
+        cur = os.path.join(self.tmp.name, "store", "demo", "cur")
+        lines = [b"Subject: big\r\n\r\n"] + [b"line %06d of a long message\r\n" % i for i in range(20000)]
+        crlf = b"".join(lines)
+        for name, stored, served in (("1.big.host", crlf, crlf),
+                                     ("2.bare.host", crlf.replace(b"\r\n", b"\n"), crlf),
+                                     ("3.small.host", b"Subject: s\r\n\r\nhi\r\n", b"Subject: s\r\n\r\nhi\r\n")):
+            with self.subTest(name=name):
+                with open(os.path.join(cur, name + ":2,S"), "wb") as f:
+                    f.write(stored)
+                conn = http.client.HTTPSConnection("::1", port, timeout=10,
+                                                   context=self.context(ssl.TLSVersion.TLSv1_3))
+                conn.request("GET", "/mail/demo/folders/INBOX/" + name, headers=DEMO)
+                reply = conn.getresponse()
+                body = reply.read()
+                self.assertEqual(reply.status, 200)
+                self.assertEqual(int(reply.getheader("Content-Length")), len(served))
+                self.assertEqual(body, served)
+                conn.close()
+
+
 class ListenAddressTest(unittest.TestCase):
     def test_plain_http_beyond_the_loopback_is_warned_about_and_bad_options_refused(self):
         tmp = tempfile.TemporaryDirectory(prefix="tarnwick-listen-")
