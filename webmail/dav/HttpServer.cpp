@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <stdexcept>
 
 #include "core/Ascii.h"
@@ -28,6 +29,8 @@ constexpr unsigned kNonceSlots = 1024;
 // The opaque value of the Digest challenge, echoed by clients.
 constexpr const char* kOpaque = "tarnwick";
 constexpr unsigned kWorkerThreads = 4;
+// Messages up to this size are read whole and sent from memory; larger ones from their descriptor.
+constexpr std::uint64_t kBufferedFileLimit = std::uint64_t{64} * 1024;
 // Bytes of a converted message handed to libmicrohttpd at a time.
 constexpr std::size_t kServeBlock = std::size_t{64} * 1024;
 
@@ -67,6 +70,18 @@ MHD_Response* FileResponse(store::MessageFile& file) {
     const int fd = file.Release();
     MHD_Response* response = MHD_create_response_from_fd64(size, fd);
     if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// A small file read whole into memory: libmicrohttpd then sends the header and the body with one call, where a
+// reply from the descriptor takes two sends (two TCP pushes) however small the file. A file that changed size
+// since it was opened gets no reply (the connection is closed) rather than a short one.
+MHD_Response* BufferedResponse(const store::MessageFile& file) {
+    auto text = std::make_unique<std::string>(file.Size(), '\0');
+    if (file.ReadRaw(0, text->data(), text->size()) != static_cast<long>(text->size())) return nullptr;
+    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+        text->size(), text->data(), [](void* body) { delete static_cast<std::string*>(body); }, text.get());
+    if (response != nullptr) (void)text.release();
     return response;
 }
 
@@ -335,7 +350,11 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
         if (facts.bareLf) {
             response = ConvertingResponse(reply.file, bytes);
         } else {
-            response = options_.tlsCertificate.empty() ? FileResponse(*reply.file) : ReadingResponse(reply.file);
+            if (reply.file->Size() <= kBufferedFileLimit) {
+                response = BufferedResponse(*reply.file);
+            } else {
+                response = options_.tlsCertificate.empty() ? FileResponse(*reply.file) : ReadingResponse(reply.file);
+            }
         }
     } else {
         // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
