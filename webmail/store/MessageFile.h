@@ -30,6 +30,8 @@ public:
     static std::optional<MessageFile> Open(const std::filesystem::path& path) { return Open(path.c_str()); }
     static std::optional<MessageFile> Open(const std::string& path) { return Open(path.c_str()); }
     static std::optional<MessageFile> Open(const char* path);
+    // The same, but refused also when any folder on the path is a symbolic link (or the system cannot tell).
+    static std::optional<MessageFile> OpenWithoutLinks(const char* path);
 
     MessageFile(MessageFile&& other) noexcept;
     MessageFile& operator=(MessageFile&& other) noexcept;
@@ -64,6 +66,7 @@ public:
 
 private:
     MessageFile(int fd, const struct stat& info) : fd_(fd), info_(info) {}
+    static std::optional<MessageFile> FromDescriptor(int fd);
     Facts Scan() const;
 
     int fd_ = -1;

@@ -170,6 +170,21 @@ TEST_F(MaildirFolderTest, SymbolicLinksAreNeverFollowed) {
         EXPECT_FALSE(ann.Folder(bad)) << bad;
     }
     EXPECT_THROW(MaildirFolder(dir.path() / "ann" / ".LinkedCur").Deliver("x", true), std::runtime_error);
+
+    // The inbox's quick open finds a message only where no folder on its path is a link: an account that is a
+    // link to a real Maildir, or whose cur/ is one, gets nothing from it (and Folder refuses them as well).
+    Drop(outside.path() / "other", "cur", "7.out.host:2,", 1);
+    Drop(dir.path() / "ann", "cur", "8.in.host:2,S", 1);
+    fs::create_directory_symlink(dir.path() / "ann", dir.path() / "annlink");
+    Account::Create(dir.path() / "bea");
+    fs::remove_all(dir.path() / "bea" / "cur");
+    fs::create_directory_symlink(outside.path() / "other" / "cur", dir.path() / "bea" / "cur");
+    EXPECT_EQ(OpenedSubject(ann.OpenInboxMessage("8.in.host")), "Subject: 8.in.host:2,S");
+    EXPECT_FALSE(Account("ann", dir.path() / "annlink").OpenInboxMessage("8.in.host"));
+    EXPECT_FALSE(Account("ann", dir.path() / "annlink").Folder(Account::kInbox));
+    EXPECT_FALSE(Account("bea", dir.path() / "bea").OpenInboxMessage("7.out.host"));
+    EXPECT_FALSE(Account("bea", dir.path() / "bea").Folder(Account::kInbox));
+    EXPECT_EQ(OpenedSubject(MaildirFolder(outside.path() / "other").Open("7.out.host")), "Subject: 7.out.host:2,");
 }
 
 TEST(PasswordFileTest, ParsesPasswordsWithColonsRefusesBadLinesAndSurvivesAReload) {
