@@ -1,5 +1,6 @@
 #include "webmail/CommandLine.h"
 
+#include <chrono>
 #include <charconv>
 #include <optional>
 #include <stdexcept>
@@ -30,6 +31,28 @@ std::size_t ParseSize(const std::string& text) {
     if (!size) throw std::invalid_argument("--max-message-size: expected a number of bytes, got \"" + text + "\"");
     if (*size < 1024) throw std::invalid_argument("--max-message-size: at least 1024 bytes");
     return static_cast<std::size_t>(*size);
+}
+
+// A duration: a number of seconds, or a number followed by s, m, h or d; at least one second.
+std::chrono::seconds ParseDuration(const std::string& option, const std::string& text) {
+    std::string digits = text;
+    std::uint64_t unit = 1;
+    if (!digits.empty()) {
+        switch (digits.back()) {
+            case 's': unit = 1; break;
+            case 'm': unit = 60; break;
+            case 'h': unit = 3600; break;
+            case 'd': unit = 86400; break;
+            default: unit = 0; break;
+        }
+        if (unit != 0) digits.pop_back();
+        if (unit == 0) unit = 1;
+    }
+    const auto count = Decimal(digits, 7);
+    if (!count || *count == 0) {
+        throw std::invalid_argument(option + ": expected a duration such as 90s, 30m, 12h or 5d, got \"" + text + "\"");
+    }
+    return std::chrono::seconds(static_cast<std::chrono::seconds::rep>(*count * unit));
 }
 
 // A count or a number of seconds for `option`, from 1 to `most`.
@@ -109,6 +132,27 @@ CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
             line.demo = true;
         } else if (arg == "--max-message-size") {
             line.server.maxBodySize = ParseSize(value("a number of bytes"));
+        } else if (arg == "--relay") {
+            line.relayUrl = value("a URL such as smtp://mail.example.org:587");
+            std::string error;
+            if (!relay::SmtpRelay::IsRelayUrl(line.relayUrl, error)) throw std::invalid_argument("--relay: " + error);
+        } else if (arg == "--relay-auth") {
+            line.relayAuthFile = value("a file holding USER:PASSWORD");
+        } else if (arg == "--relay-ca") {
+            line.relay.relay.caFile = value("a file of certificate authorities");
+        } else if (arg == "--relay-give-up") {
+            line.relay.giveUp = ParseDuration(arg, value("a duration"));
+        } else if (arg == "--relay-retry") {
+            const std::string& pauses = value("FIRST,LONGEST");
+            const std::size_t comma = pauses.find(',');
+            if (comma == std::string::npos) throw std::invalid_argument("--relay-retry: expected FIRST,LONGEST");
+            line.relay.firstPause = ParseDuration(arg, pauses.substr(0, comma));
+            line.relay.maxPause = ParseDuration(arg, pauses.substr(comma + 1));
+            if (line.relay.maxPause < line.relay.firstPause) {
+                throw std::invalid_argument("--relay-retry: the longest pause is shorter than the first");
+            }
+        } else if (arg == "--relay-trace") {
+            line.relay.trace = true;
         } else if (arg == "--idle-timeout") {
             line.server.idleTimeoutSeconds = ParseCount(arg, value("a number of seconds"), 86400);
         } else if (arg == "--max-connections") {
@@ -123,6 +167,14 @@ CommandLine CommandLine::Parse(const std::vector<std::string>& args) {
     if (line.tlsCertFile.empty() != line.tlsKeyFile.empty()) {
         throw std::invalid_argument("--tls-cert and --tls-key go together");
     }
+    const bool relayOptions = !line.relayAuthFile.empty() || !line.relay.relay.caFile.empty() || line.relay.trace ||
+                              line.relay.giveUp != relay::QueueRunner::Options().giveUp ||
+                              line.relay.firstPause != relay::QueueRunner::Options().firstPause ||
+                              line.relay.maxPause != relay::QueueRunner::Options().maxPause;
+    if (line.relayUrl.empty() && relayOptions) throw std::invalid_argument("the --relay-* options need --relay URL");
+    line.relay.relay.url = line.relayUrl;
+    line.relay.relay.heloName = line.server.domain;
+    line.relay.domain = line.server.domain;
     return line;
 }
 
@@ -168,8 +220,23 @@ Options:
                             sample messages, if it does not exist yet
   --help                    show this text
 
+Sending to other domains (without --relay such mail waits in the sender's
+Outbox folder):
+  --relay URL               hand it to this mail server: smtp://HOST:PORT
+                            (STARTTLS when offered) or smtps://HOST:PORT
+  --relay-auth FILE         log in with USER:PASSWORD from the first line of
+                            FILE (not readable by others); TLS is then required
+  --relay-ca FILE           certificate authorities for the relay's TLS
+                            (default: the system's)
+  --relay-give-up DURATION  return undelivered mail to its sender after this
+                            long (default 5d; units s, m, h, d)
+  --relay-retry FIRST,MAX   pauses between attempts: FIRST, doubling up to MAX
+                            (default 1m,1h; shorter ones are for tests)
+  --relay-trace             log every SMTP conversation with the relay
+
 Every request is logged on standard error: method, path, status, bytes, user;
-a failure the client gets a short reason for is logged there in full.
+a failure the client gets a short reason for is logged there in full, and so is
+every attempt to relay a message and its outcome.
 Listening on an address other than the loopback without TLS, it warns that
 passwords and mail would cross the network in clear.
 SIGINT or SIGTERM stops the service.

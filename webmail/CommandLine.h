@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "webmail/dav/HttpServer.h"
+#include "webmail/relay/QueueRunner.h"
 
 namespace webmail {
 
@@ -19,6 +20,9 @@ struct CommandLine {
     std::optional<std::string> addUser;  // --add-user NAME PASSWORD: name
     std::string addUserPassword;         //                           password
     bool demo = false;                   // --demo
+    std::string relayUrl;                // --relay URL (empty: mail to other domains stays queued)
+    std::string relayAuthFile;           // --relay-auth FILE
+    relay::QueueRunner::Options relay;   // --relay-ca, --relay-give-up, --relay-retry, --relay-trace
     bool help = false;                   // --help
 
     // Reads the arguments (without the program name); throws std::invalid_argument with a message

@@ -1,4 +1,5 @@
 // tarnwick-webmail: parses the command line, prepares the store and serves until SIGINT or SIGTERM.
+#include <curl/curl.h>
 #include <sys/stat.h>
 
 #include <csignal>
@@ -6,10 +7,12 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
+#include <memory>
 #include <stdexcept>
 
 #include "webmail/CommandLine.h"
 #include "webmail/dav/HttpServer.h"
+#include "webmail/relay/QueueRunner.h"
 #include "webmail/store/DemoMail.h"
 #include "webmail/store/MaildirStore.h"
 
@@ -79,13 +82,30 @@ int main(int argc, char** argv) {
                       << " passwords and mail would cross the network in clear (see --tls-cert and --tls-key)\n";
         }
 
+        std::unique_ptr<webmail::relay::QueueRunner> queue;
+        if (!line.relayUrl.empty()) {
+            if (!line.relayAuthFile.empty()) {
+                webmail::relay::SmtpRelay::ReadCredentials(line.relayAuthFile, line.relay.relay.user,
+                                                           line.relay.relay.password);
+            }
+            curl_global_init(CURL_GLOBAL_DEFAULT);
+            queue = std::make_unique<webmail::relay::QueueRunner>(store, line.relay);
+        }
+
         webmail::dav::HttpServer server(store, line.server);
         server.Start();
         std::cout << "listening on " << address << ":" << std::to_string(server.Port()) << std::endl;
+        if (queue) {
+            std::cerr << "relaying mail for other domains via " << line.relayUrl << "\n";
+            queue->Start();
+        } else {
+            std::cerr << "no --relay: mail for other domains waits in the sender's Outbox\n";
+        }
         int received = 0;
         sigwait(&stopSignals, &received);
         std::cerr << "stopping on signal " << std::to_string(received) << "\n";
         server.Stop();
+        if (queue) queue->Stop();
         return 0;
     } catch (const std::exception& e) {
         std::cerr << "tarnwick-webmail: " << e.what() << "\n";

@@ -1,5 +1,7 @@
 #include "servers/frame/ServerFrame.h"
 
+#include <QTimer>
+
 #include <functional>
 #include <limits>
 #include <memory>
@@ -22,13 +24,23 @@ constexpr std::int32_t kFirstUnprivilegedPort = 1024;
 }  // namespace
 
 ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands)
-    : host_(host), profile_(std::move(profile)), commands_(std::move(commands)) {
+    : host_(host),
+      profile_(std::move(profile)),
+      commands_(std::move(commands)),
+      holdTimer_(std::make_unique<QTimer>()) {
+    holdTimer_->setSingleShot(true);
+    holdTimer_->setInterval(kReplyHoldTime);
+    // Runs from the event loop, outside every event handler: nothing may leave it.
+    QObject::connect(holdTimer_.get(), &QTimer::timeout, holdTimer_.get(),
+                     [this] { core::SkipOnError([&] { SendHeldReplies(); }); });
     core::Trap(profile_.classInitializeLabel, [&] { SetDefaultValues(); });
 }
 
 ServerFrame::~ServerFrame() {
     if (objWinsock) objWinsock->SetEventSink(nullptr);
 }
+
+void ServerFrame::SetReplyHoldTime(std::chrono::milliseconds holdTime) { holdTimer_->setInterval(holdTime); }
 
 void ServerFrame::SetDefaultValues() {
     core::Trap("SetDefaultValues Method", [&] {
@@ -68,6 +80,7 @@ void ServerFrame::EndSession() {
             host_.DoEvents();
             objWinsock->SetLocalPort(0);
         }
+        DropHeldReplies();
         lastCommand_ = kIdleCommand;
         ResetSessionState();
     });
@@ -115,6 +128,7 @@ void ServerFrame::MakeWinsock() {
 
 void ServerFrame::KillWinsock() {
     core::Trap("KillWinsock Method", [&] {
+        DropHeldReplies();
         if (!objWinsock) return;
         // Stopping a control that is already closed must stay silent.
         core::SkipOnError([&] { objWinsock->Close(); });
@@ -206,32 +220,57 @@ void ServerFrame::SendReply(Reply reply) {
         case Reply::Kind::kResponse:
             SendResponse(std::move(reply.text));
             break;
-        case Reply::Kind::kUnlogged:
-            SendUnloggedResponse(reply.text);
-            break;
         case Reply::Kind::kError:
             SendErrorResponse(reply.text);
+            break;
+        case Reply::Kind::kHeld:
+            HoldReply(reply.text);
             break;
     }
 }
 
 void ServerFrame::SendResponse(std::string text) {
     if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
+    // The held replies go out with the response, in one write: a second small write right after the first
+    // would wait for the client to acknowledge the first.
+    holdTimer_->stop();
+    const std::size_t held = heldReplies_.size();
+    if (held != 0) {
+        text.insert(0, heldReplies_);
+        heldReplies_.clear();
+    }
     // FormatResponse in place: a retrieved message is sent and logged without a copy of it.
-    const std::size_t length = text.size();
+    const std::size_t length = text.size() - held;
     text += kCrLf;
     const auto sent = std::make_shared<const std::string>(std::move(text));
     objWinsock->SendShared(sent);
-    host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(0, length), sent);
-}
-
-void ServerFrame::SendUnloggedResponse(const std::string& text) {
-    if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
-    objWinsock->SendData(FormatResponse(text));
+    host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(held, length), sent);
 }
 
 void ServerFrame::SendErrorResponse(const std::string& message) {
-    core::Trap("SendErrorResponse Method", [&] { SendResponse(profile_.errorPrefix + message); });
+    core::Trap("SendErrorResponse Method", [&] {
+        DropHeldReplies();
+        SendResponse(profile_.errorPrefix + message);
+    });
+}
+
+void ServerFrame::HoldReply(const std::string& text) {
+    heldReplies_ += FormatResponse(text);
+    holdTimer_->start();
+}
+
+void ServerFrame::SendHeldReplies() {
+    if (heldReplies_.empty()) return;
+    if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
+    // Taken off first: a reply that cannot be sent is not sent again to anyone.
+    const auto held = std::make_shared<const std::string>(std::move(heldReplies_));
+    heldReplies_.clear();
+    objWinsock->SendShared(held);
+}
+
+void ServerFrame::DropHeldReplies() {
+    holdTimer_->stop();
+    heldReplies_.clear();
 }
 
 void ServerFrame::OnConnectionRequest(std::int32_t requestId) {
@@ -240,6 +279,7 @@ void ServerFrame::OnConnectionRequest(std::int32_t requestId) {
         host_.WriteLog("SOCKET_EVENT: OnConnectionRequest Fired");
         if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
         if (objWinsock->State() != core::ISocketControl::kClosed) objWinsock->Close();
+        DropHeldReplies();
         objWinsock->Accept(requestId);
         MakeCHotmail();
         if (const Command* greeting = FindCommand(kIdleCommand)) RunCommand(*greeting, Request{kIdleCommand, {}, {}});
@@ -254,6 +294,8 @@ void ServerFrame::OnDataArrival(std::int32_t /*bytesTotal*/) {
         do {
             DispatchRequest(ReadRequest(arrival));
         } while (!arrival.empty());
+        // The client is still sending: the hold starts again from this arrival.
+        if (!heldReplies_.empty()) holdTimer_->start();
     });
 }
 
@@ -272,6 +314,7 @@ void ServerFrame::OnSendComplete() {
 void ServerFrame::OnError(std::int32_t /*number*/, const std::string& /*description*/) {
     // The control stays as it is and nothing listens until the server is started again.
     core::Trap("Winsock_Error Event", [&] {
+        DropHeldReplies();
         KillCHotmail();
         host_.WriteLog("SOCKET_EVENT: OnError Fired");
     });

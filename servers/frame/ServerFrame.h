@@ -3,6 +3,7 @@
 // server's command table gives its word, and sends and logs the reply. Every socket event is logged.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -18,6 +19,8 @@
 #include "servers/frame/Reply.h"
 #include "servers/frame/Request.h"
 #include "servers/frame/ServerProfile.h"
+
+class QTimer;
 
 namespace mailservice {
 class CHotmail;
@@ -54,6 +57,13 @@ public:
 
     // `text` followed by CR LF.
     static std::string FormatResponse(const std::string& text);
+
+    // How long the client must have sent nothing before the held replies go out (see heldReplies_). A client
+    // that stalls for longer in the middle of its message gets the replies so far early, so the hold is
+    // long; one that waits for every chunk's reply pays it once per chunk, so it is not longer.
+    static constexpr std::chrono::milliseconds kReplyHoldTime{2000};
+    // For tests that wait for every held reply.
+    void SetReplyHoldTime(std::chrono::milliseconds holdTime);
 
     // Socket events of the bound control; an error leaves them after it has been reported.
     void OnConnectionRequest(std::int32_t requestId) final;
@@ -110,13 +120,17 @@ private:
     const Command* FindCommand(const std::string& word) const;
 
     void SendReply(Reply reply);
-    // Sends `text` with CR LF and logs "SERVER_RESPONSE: " + text. The text is taken over, not copied: the
-    // CR LF is added in place and the socket and the log share the one text.
+    // Sends the held replies and then `text` with CR LF, and logs "SERVER_RESPONSE: " + text. The text is
+    // taken over, not copied: the CR LF is added in place and the socket and the log share the one text.
     void SendResponse(std::string text);
-    // Sends `text` with CR LF and writes no log entry.
-    void SendUnloggedResponse(const std::string& text);
-    // Sends and logs the error prefix + `message`.
+    // Drops the held replies, then sends and logs the error prefix + `message`.
     void SendErrorResponse(const std::string& message);
+    // Keeps `text` with CR LF back and (re)starts the hold timer.
+    void HoldReply(const std::string& text);
+    // Sends the held replies, in order, without a log entry (the client has been waiting for them).
+    void SendHeldReplies();
+    // Forgets the held replies and stops the hold timer: a session that ends takes them with it.
+    void DropHeldReplies();
 
     core::IGatewayHost& host_;
     const ServerProfile profile_;
@@ -130,6 +144,17 @@ private:
     core::ISocketControl* objWinsock = nullptr;
     // The service client of the current connection: made when a client is accepted, dropped when it goes.
     std::unique_ptr<mailservice::CHotmail> Hotmail;
+    // Replies held back, each with its CR LF, oldest first. The one exception to answering every request at
+    // once, made so that no mail is lost: a mail reader streams its message without reading and then reads
+    // one reply for its end of data. Were each chunk's "250 ok" sent at once, it would take an early one for
+    // that reply, send QUIT, take the next for the reply to QUIT and close with replies unread; its system
+    // then resets the connection and the text still in flight is gone. So a held reply goes out only when
+    // the client has sent nothing for the hold time (it waits for it), or right before the next response;
+    // an error response drops it, so that the client reads the error as the answer to its message. The
+    // bytes and their order are otherwise those of answering at once.
+    std::string heldReplies_;
+    // The gateway's only timer: single-shot, restarted by every arrival while replies are held.
+    std::unique_ptr<QTimer> holdTimer_;
 };
 
 }  // namespace servers::frame

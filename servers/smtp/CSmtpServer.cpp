@@ -11,8 +11,6 @@ namespace servers::smtp {
 namespace {
 
 constexpr std::string_view kEndOfData = "\r\n.\r\n";
-// The end mark's own share after the last line's CR LF: the relayed text gets its "." line from BuildMessage.
-constexpr std::size_t kEndLineLength = 3;
 
 frame::ServerProfile SmtpProfile() {
     return frame::ServerProfile{
@@ -118,18 +116,22 @@ frame::Reply CSmtpServer::HandleDATA(const Request& /*request*/) {
     return Reply::Response("354 ok");
 }
 
-// Every chunk is answered, not only the last one, and the answers stay out of the log.
+// Every chunk is answered, not only the last one, and the answers stay out of the log. The answer is held
+// until the client waits for it: a mail reader that streams its message must find the reply to its end of
+// data first when it reads (the frame's held replies).
 frame::Reply CSmtpServer::HandleMESG(const Request& request) {
     MailData += request.text;
-    return Reply::Unlogged("250 ok");
+    return Reply::Held("250 ok");
 }
 
 frame::Reply CSmtpServer::HandleSEND(const Request& request) {
     if (DataMode) {
         // Clients send their last lines together with the end mark; those lines belong to the message, the
-        // mark's "." line does not.
+        // mark's five bytes do not (BuildMessage puts back its CR LF and "." line, so that the relayed text
+        // ends as the client's data did). Right after DATA the mark starts with that line's own CR LF, which
+        // never reached MailData.
         MailData += request.text;
-        MailData.resize(MailData.size() - kEndLineLength);
+        MailData.resize(MailData.size() - std::min(MailData.size(), kEndOfData.size()));
     }
     // The data phase ends in every outcome, a failed log-in or post included.
     DataMode = false;
@@ -167,7 +169,8 @@ std::string CSmtpServer::BuildMessage(const std::string& messageText) const {
         std::string text;
         text.reserve(MailFrom.size() + RcptTo.size() + messageText.size() + 32);
         for (const std::string& line : lines) text += FormatResponse(line);
-        // As received: dot-stuffing and line ends stay as the client sent them.
+        // As received: dot-stuffing and line ends stay as the client sent them. The CR LF and "." line after
+        // it are the end mark the client sent.
         text += messageText;
         text += FormatResponse({});
         text += FormatResponse(".");

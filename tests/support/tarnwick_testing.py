@@ -170,23 +170,40 @@ class Stack:
         else:
             shutil.rmtree(self.dir, ignore_errors=True)
 
-    def _start_webmail(self):
-        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "wb")
-        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "wb")
+    def _start_webmail(self, port=0):
+        # A restart appends to the logs; only what comes after the old output counts as its listening line.
+        skip = {name: len(self._read(name)) for name in ("webmail.out", "webmail.err")}
+        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "ab")
+        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "ab")
+        self.service_port = None
         self.webmail = subprocess.Popen(
             [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", self.store.root,
-             "--listen", HOST + ":0"] + self.webmail_args,
+             "--listen", "%s:%d" % (HOST, port)] + self.webmail_args,
             stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
 
         def bound():
             if self.webmail.poll() is not None:
                 raise AssertionError("tarnwick-webmail exited:\n" + self.webmail_output())
-            m = LISTENING_LINE.search(self._read("webmail.out") + self._read("webmail.err"))
+            m = LISTENING_LINE.search(b"".join(self._read(name)[skip[name]:] for name in skip))
             if m:
                 self.service_port = int(m.group(1))
             return self.service_port is not None
 
         wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
+
+    def restart_webmail(self, kill=False, webmail_args=None):
+        """Stops tarnwick-webmail (SIGKILL by its pid when `kill`, else SIGTERM) and starts it again on the same
+        store and port, with new arguments if given, so that the gateway keeps talking to it."""
+        if kill:
+            os.kill(self.webmail.pid, signal.SIGKILL)
+            self.webmail.wait(timeout=10)
+        else:
+            stop_process(self.webmail)
+        self._webmail_out.close()
+        self._webmail_err.close()
+        if webmail_args is not None:
+            self.webmail_args = list(webmail_args)
+        self._start_webmail(self.service_port)
 
     def _start_gateway(self):
         runtime = os.path.join(self.dir, "runtime")

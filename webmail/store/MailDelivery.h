@@ -1,5 +1,5 @@
 // Delivery of a posted message: a copy in the sender's Sent Items, each recipient of this domain gets it in
-// their INBOX, every other recipient is queued in the sender's Outbox (nothing leaves the machine). Every
+// their INBOX, every other recipient is queued in the sender's Outbox (the relay's queue). Every
 // copy starts with a Received: trace field that names the authenticated account it came from.
 #pragma once
 

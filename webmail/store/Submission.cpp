@@ -96,23 +96,16 @@ std::optional<Submission> Submission::Parse(std::string_view body, std::string& 
         error = "no RCPT TO: line";
         return std::nullopt;
     }
-    // The poster adds CR LF "." CR LF after the text, which normally ends with its own CR LF.
-    if (rest.ends_with("\r\n.\r\n")) {
-        rest.remove_suffix(5);
-    } else if (rest.ends_with("\n.\n")) {
-        rest.remove_suffix(3);
-    } else if (rest == ".\r\n" || rest == ".\n") {
-        return result;  // an empty message
-    } else {
-        error = "message does not end with a \".\" line";
-        return std::nullopt;
-    }
-    // A text that still carries its SMTP end mark loses it too: after dot-stuffing, a lone "." line can be
-    // nothing else. Its last line keeps its own line break.
-    if (rest.ends_with("\r\n.\r\n")) {
+    // Read the SMTP way: the text ends at its last line, which holds only "."; the line break before that
+    // line ends the message's own last line and stays in the message.
+    if (rest == ".\r\n" || rest == ".\n") return result;  // an empty message
+    if (rest.ends_with("\n.\r\n")) {
         rest.remove_suffix(3);
     } else if (rest.ends_with("\n.\n")) {
         rest.remove_suffix(2);
+    } else {
+        error = "message does not end with a \".\" line";
+        return std::nullopt;
     }
     result.message = Unstuff(rest);
     return result;

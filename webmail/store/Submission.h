@@ -19,7 +19,7 @@ struct Submission {
 
     std::string sender;                   // bare address of the MAIL FROM line (may be empty)
     std::vector<std::string> recipients;  // bare addresses of the RCPT TO lines, each once, at least one
-    std::string message;                  // message text, dot-stuffing undone, end line removed
+    std::string message;                  // message text up to the "." end line, dot-stuffing undone
 
     // Parses a posted body; on failure returns nullopt and sets error to a short reason.
     static std::optional<Submission> Parse(std::string_view body, std::string& error);

@@ -1,10 +1,14 @@
 // SMTP sessions against a scripted WebDAV service: the reduced dialogue, the relayed text byte for byte, the
 // end mark wherever the arrivals split it, one log-in per connection with the credentials the POP3 server
-// received, and failures answered "500 " with the data phase ended all the same.
+// received, failures answered "500 " with the data phase ended all the same, and the chunk replies held until
+// the client waits for them.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
 #include <algorithm>
+#include <chrono>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,8 +31,17 @@ const std::string kUnknown = "500 Tarnwick/SMTP Gateway Server does not understa
 const std::string kQueued = "250 message queued\r\n";
 const std::string kEnvelope = "MAIL FROM:<sam@tarnwick.local>\r\nRCPT TO:<rita@tarnwick.local>\r\n\r\n";
 
+using std::chrono::milliseconds;
+
+// Short enough that a client waiting for each chunk's reply is not slow.
+constexpr milliseconds kShortHold{50};
+
 class SmtpHandlersTest : public server_tests::ServerTest<servers::smtp::CSmtpServer> {
 protected:
+    void SetUp() override {
+        ServerTest::SetUp();
+        server.SetReplyHoldTime(kShortHold);
+    }
     // What a POP3 USER and PASS leave in the credential store.
     void Received() {
         host.userName = "sam";
@@ -50,6 +63,11 @@ protected:
         auto client = std::make_unique<LineClient>(port);
         EXPECT_EQ(client->ReceiveLine(), "220 tarnwick.local\r\n");
         return client;
+    }
+    // Sends one chunk as an arrival of its own: the server has read it before the call returns.
+    static void Stream(LineClient& client, const std::string& chunk) {
+        client.Send(chunk);
+        QTest::qWait(30);
     }
     // Envelope and DATA, each answered as it must be.
     static void Begin(LineClient& client) {
@@ -90,7 +108,7 @@ TEST_F(SmtpHandlersTest, ThreeChunksRelayedByteForByteAndLeftOutOfTheLog) {
 
     EXPECT_THAT(Posted(),
                 ElementsAre(kEnvelope + "Subject: caf\xE9 \xC3\xA9t\xC3\xA9\r\n\r\n..leading dot\r\n...\r\n..\r\n"
-                                        "\x80\xFF last line\r\n\r\n.\r\n"));
+                                        "\x80\xFF last line\r\n.\r\n"));
     EXPECT_THAT(host.log,
                 ElementsAre("SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: MAIL", "SERVER_RESPONSE: 250 ok",
                             "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: RCPT", "SERVER_RESPONSE: 250 ok",
@@ -107,14 +125,13 @@ TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
     EXPECT_EQ(client->Ask("RCPT TO:  <rita@tarnwick.local> NOTIFY=NEVER  \r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("DATA\r\n"), "354 ok\r\n");
     EXPECT_EQ(client->Ask("one\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(),
-                ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n\r\n.\r\n"));
+    EXPECT_THAT(Posted(), ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n.\r\n"));
 }
 
-// Three messages on one connection, one log-in.
+// Five messages on one connection, one log-in; each is relayed ending exactly as the client's data did.
 TEST_F(SmtpHandlersTest, EndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
     Received();
-    ScriptLogIn(3);
+    ScriptLogIn(5);
     auto client = Connect();
     // The QUIT of a client that read an early "250 ok" as its end-of-data reply, in one arrival with the mark.
     Begin(*client);
@@ -128,10 +145,18 @@ TEST_F(SmtpHandlersTest, EndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
     // "." right after DATA: an empty message.
     Begin(*client);
     EXPECT_EQ(client->Ask(".\r\n"), kQueued);
+    // The whole message and the mark in one arrival.
+    Begin(*client);
+    EXPECT_EQ(client->Ask("Subject: t\r\n\r\nbody\r\n.\r\n"), kQueued);
+    // A text that ends with its line break, then the whole mark as an arrival of its own: one empty line.
+    Begin(*client);
+    EXPECT_EQ(client->Ask("Subject: later\r\n\r\nnow\r\n"), "250 ok\r\n");
+    EXPECT_EQ(client->Ask("\r\n.\r\n"), kQueued);
 
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "first\r\n\r\n.\r\n", kEnvelope + "second\r\n\r\n.\r\n",
-                                      kEnvelope + "\r\n.\r\n"));
-    EXPECT_EQ(svc.Requests().size(), 5u) << "one log-in for the connection";
+    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "first\r\n.\r\n", kEnvelope + "second\r\n.\r\n",
+                                      kEnvelope + "\r\n.\r\n", kEnvelope + "Subject: t\r\n\r\nbody\r\n.\r\n",
+                                      kEnvelope + "Subject: later\r\n\r\nnow\r\n\r\n.\r\n"));
+    EXPECT_EQ(svc.Requests().size(), 7u) << "one log-in for the connection";
     EXPECT_EQ(std::count(host.log.begin(), host.log.end(), "CLIENT_REQUEST: QUIT"), 1);
 }
 
@@ -145,7 +170,7 @@ TEST_F(SmtpHandlersTest, NothingPostedWithoutCredentialsThenTheSameConnectionRel
     ScriptLogIn(1);
     EXPECT_EQ(client->Ask("DATA\r\n"), "354 ok\r\n");
     EXPECT_EQ(client->Ask("again\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "again\r\n\r\n.\r\n"));
+    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "again\r\n.\r\n"));
 }
 
 TEST_F(SmtpHandlersTest, FailuresAreAnsweredEndTheDataPhaseAndTheLogInIsTriedAgain) {
@@ -180,6 +205,59 @@ TEST_F(SmtpHandlersTest, AClientThatLeavesInTheDataPhaseLeavesTheNextOneInComman
     EXPECT_EQ(client->Ask("HELO me\r\n"), "250 hello\r\n");
     EXPECT_EQ(server.LastCommand(), "HELO");
     EXPECT_TRUE(svc.Requests().empty()) << "a connection without a completed message never logs in";
+}
+
+// A client that streams its message reads, after its end mark, the chunk replies and then the reply to the
+// message, or only the failure: nothing goes out while it sends.
+TEST_F(SmtpHandlersTest, AStreamingClientReadsTheHeldRepliesAfterTheRelayOrOnlyTheFailure) {
+    server.SetReplyHoldTime(std::chrono::seconds(30));
+    Received();
+    ScriptLogIn(1);
+    svc.Enqueue(ScriptedReply{200, {}, "", /*breakOff=*/true});
+    auto client = Connect();
+    const std::string answers[] = {"250 ok\r\n250 ok\r\n" + kQueued,
+                                   "500 The connection with the server was terminated abnormally\r\n"};
+    for (const std::string& answer : answers) {
+        Begin(*client);
+        Stream(*client, "Subject: s\r\n\r\n");
+        Stream(*client, "line\r\n");
+        EXPECT_EQ(client->socket.bytesAvailable(), 0) << "a chunk's reply went out while the client was sending";
+        client->Send("last\r\n.\r\n");
+        EXPECT_EQ(client->Receive(answer.size()), answer);
+        EXPECT_EQ(client->Ask("QUIT\r\n"), "221 tarnwick.local\r\n") << "no reply was left over";
+    }
+    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "Subject: s\r\n\r\nline\r\nlast\r\n.\r\n",
+                                      kEnvelope + "Subject: s\r\n\r\nline\r\nlast\r\n.\r\n"));
+}
+
+// Closed in an orderly way or reset, the connection takes its held replies with it.
+TEST_F(SmtpHandlersTest, AClientThatClosesOrResetsWhileRepliesAreHeldLeavesNothingForTheNextOne) {
+    constexpr milliseconds kHold{300};
+    server.SetReplyHoldTime(kHold);
+    Received();
+    for (const bool reset : {false, true}) {
+        auto client = Connect();
+        Begin(*client);
+        Stream(*client, "half a message\r\n");
+        if (reset) {
+            const linger abortive{1, 0};
+            ASSERT_EQ(setsockopt(static_cast<int>(client->socket.socketDescriptor()), SOL_SOCKET, SO_LINGER, &abortive,
+                                 sizeof abortive),
+                      0);
+        }
+        client->socket.abort();
+        ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired")) << "reset " << reset;
+        EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnClose Fired") << "reset " << reset;
+
+        auto next = Connect();
+        // Long enough for a reply still held for the first client to have gone out.
+        QTest::qWait(static_cast<int>(3 * kHold.count()));
+        EXPECT_EQ(next->Ask("HELO me\r\n"), "250 hello\r\n") << "reset " << reset;
+        EXPECT_EQ(server.LastCommand(), "HELO");
+        next.reset();
+        ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
+    }
+    EXPECT_TRUE(svc.Requests().empty());
 }
 
 }  // namespace

@@ -119,10 +119,10 @@ class ServedBytesTest(ServiceCase):
     def test_posted_message_is_stored_and_served_byte_for_byte_and_bare_lf_files_with_cr_lf(self):
         original = (b"From: Ann <ann@tarnwick.local>\r\nTo: bob@tarnwick.local\r\nSubject: caf\xc3\xa9\r\n\r\n"
                     b".leading dot\r\nSecond line\r\n.\r\nafter a lone dot\r\n")
-        # As the gateway relays it: dot-stuffed text, its own CR LF, then CR LF "." CR LF.
+        # As the gateway relays it: the client's dot-stuffed text, whose last CR LF starts the "." line.
         stuffed = b"\r\n".join(b"." + l if l.startswith(b".") else l for l in original.split(b"\r\n"))
         status, headers, reply = self.post("ann", b"MAIL FROM:<ann@tarnwick.local>\r\nRCPT TO:<bob@tarnwick.local>"
-                                                  b"\r\n\r\n" + stuffed + b"\r\n.\r\n")
+                                                  b"\r\n\r\n" + stuffed + b".\r\n")
         self.assertEqual((status, headers["X-Dav-Error"], reply), (200, "200 No error", b"delivered 1, queued 0\n"))
         # Another tool drops a message with bare LF line ends; it is served with CR LF, at its listed size.
         with open(os.path.join(self.svc.store, "bob", "new", "1234567890.M1P1.othertool"), "wb") as f:
@@ -257,7 +257,7 @@ class LoadTest(ServiceCase):
                 for i in range(posts_per_thread):
                     self.svc.served("demo")
                     text = ("MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<ann@tarnwick.local>\r\n\r\n"
-                            "Subject: %d-%d\r\n\r\nbody\r\n\r\n.\r\n" % (n, i))
+                            "Subject: %d-%d\r\n\r\nbody\r\n.\r\n" % (n, i))
                     if self.post("demo", text)[0] != 200:
                         failures.append("POST %d-%d" % (n, i))
             except Exception as e:  # reported below, with the thread's other failures

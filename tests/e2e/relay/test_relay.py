@@ -1,0 +1,348 @@
+"""Mail through the gateway to another domain reaches a real mail server (a private Postfix) through
+tarnwick-webmail's relay: byte for byte after the server's own trace lines, with the right envelope, one
+transaction for all recipients; it waits in the Outbox while the server is down and goes out once it is up;
+a 550 comes back to the sender as a delivery report fetched through the gateway; a kill -9 during a relay
+and a restart deliver it once. And the mail server delivering into an account's Maildir is mail the gateway
+serves."""
+
+import base64
+import email
+import os
+import poplib
+import re
+import subprocess
+import tempfile
+import unittest
+import urllib.request
+
+import mail_server
+from tarnwick_testing import HOST, Stack, binary, free_port, stop_process, wait_for
+
+SENDER = "sam@tarnwick.local"
+REFUSAL = "550 5.1.1 no such user here"
+RETRY = ["--relay-retry", "1s,2s"]
+SKIP = mail_server.unavailable()
+
+mx = None
+stack = None
+work = None
+
+
+def setUpModule():
+    global mx, stack, work
+    if SKIP:
+        raise unittest.SkipTest(SKIP)
+    work = tempfile.TemporaryDirectory(prefix="tarnwick-relay-")
+    os.chmod(work.name, 0o711)  # for Postfix's own user
+    mx = mail_server.Postfix(os.path.join(work.name, "mx"),
+                             mailboxes={"someone@example.test": "someone/", "another@example.test": "another/"},
+                             refused={"refuse@example.test": REFUSAL})
+    mx.start()
+    stack = Stack(webmail_args=["--relay", mx.url()] + RETRY)
+    stack.store.add_user("sam", "sam-pw")
+    stack.store.add_user("lena", "lena-pw")
+    stack.start()
+    fetch(stack, "sam", "sam-pw")  # the gateway sends with the credentials of the last fetch
+
+
+def tearDownModule():
+    try:
+        if stack:
+            stack.stop()
+    finally:
+        try:
+            if mx:
+                mx.stop()
+        finally:
+            if work:
+                work.cleanup()
+
+
+def relay_to_mx_again():
+    """A test's clean-up after it pointed tarnwick-webmail at another relay."""
+    stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
+
+
+def fetch(stack, user, password):
+    """Every message of the user's inbox, fetched through the gateway (without the gateway's own line)."""
+    stack.wait_listening(stack.pop3_port)
+    pop = poplib.POP3(HOST, stack.pop3_port, timeout=60)
+    pop.user(user)
+    pop.pass_(password)
+    count = pop.stat()[0]
+    messages = [b"\r\n".join(pop.retr(i + 1)[1][1:]) + b"\r\n" for i in range(count)]
+    pop.quit()
+    return messages
+
+
+def send(recipients, message):
+    """Sends with msmtp through the gateway's SMTP server, as a mail reader's user would."""
+    stack.wait_listening(stack.smtp_port)
+    result = subprocess.run(["msmtp", "--file=/dev/null", "--host=" + HOST, "--port=%d" % stack.smtp_port,
+                             "--tls=off", "--auth=off", "--from=" + SENDER, "--"] + recipients,
+                            input=message, capture_output=True, timeout=60)
+    if result.returncode != 0:
+        raise AssertionError("msmtp failed: %r" % (result.stdout + result.stderr))
+
+
+def post(recipients, text):
+    """Posts straight to tarnwick-webmail's send address, as the gateway does, with any number of recipients."""
+    body = b"MAIL FROM:<sam@tarnwick.local>\r\n" + b"".join(b"RCPT TO:<%s>\r\n" % r.encode() for r in recipients)
+    request = urllib.request.Request("http://%s:%d/mail/sam/sendmsg" % (HOST, stack.service_port),
+                                     data=body + b"\r\n" + text + b".\r\n",
+                                     headers={"Content-Type": "message/rfc821", "Authorization": "Basic "
+                                              + base64.b64encode(b"sam:sam-pw").decode()})
+    with urllib.request.urlopen(request, timeout=30) as reply:
+        if reply.status != 200:
+            raise AssertionError("POST answered %d" % reply.status)
+
+
+def message(subject):
+    # A dot at a line's start and 8-bit text: neither may change on the way.
+    return (b"Date: Mon, 23 Nov 2026 10:00:00 +0000\r\nMessage-ID: <%s@tarnwick.local>\r\n"
+            b"From: Sam <sam@tarnwick.local>\r\nTo: someone@example.test\r\nSubject: %s\r\n\r\n"
+            b"Hello out there.\r\n.A line that starts with a dot\r\nGr\xfc\xdfe\r\n"
+            % (subject.replace(" ", "-").encode(), subject.encode()))
+
+
+def outbox():
+    return stack.store.folder_messages("sam", "Outbox")
+
+
+def sent_copy(subject):
+    return [m for m in stack.store.folder_messages("sam", "Sent Items") if b"Subject: " + subject.encode() in m]
+
+
+def split_trace(delivered):
+    """The envelope sender and recipient Postfix records (Return-Path, Delivered-To) and what follows its own
+    Received field."""
+    m = re.match(rb"Return-Path: <([^>]*)>\n(?:X-Original-To: \S+\n)?Delivered-To: (\S+)\n"
+                 rb"Received: [^\n]*\n(?:[ \t][^\n]*\n)*", delivered)
+    if not m:
+        raise AssertionError("no Postfix trace lines at the top of %r" % delivered[:400])
+    return m.group(1).decode(), m.group(2).decode(), delivered[m.end():]
+
+
+def webmail_log_count(text):
+    return stack.webmail_output().count(text)
+
+
+class Relay(unittest.TestCase):
+
+    def test_1_relayed_byte_for_byte_with_its_envelope(self):
+        text = message("Out into the world")
+        send(["someone@example.test"], text)
+        (delivered,) = mx.wait_delivered("someone@example.test", b"Subject: Out into the world", 20)
+        sender, recipient, rest = split_trace(delivered)
+        self.assertEqual((sender, recipient), (SENDER, "someone@example.test"))
+        # Postfix stores lines with LF; otherwise the text is the Sent Items copy, tarnwick-webmail's trace
+        # field and all, and it ends with exactly what msmtp sent.
+        (copy,) = sent_copy("Out into the world")
+        self.assertEqual(rest, copy.replace(b"\r\n", b"\n"))
+        self.assertTrue(rest.endswith(text.replace(b"\r\n", b"\n")))
+        self.assertNotIn(b"X-Tarnwick-Envelope", rest)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_1b_every_recipient_in_one_transaction(self):
+        # The gateway passes on one recipient per message; a client of the service's own send address may
+        # give several.
+        post(["someone@example.test", "another@example.test", "lena@tarnwick.local"], message("To two of them"))
+        for address in ("someone@example.test", "another@example.test"):
+            with self.subTest(address):
+                mail = mx.wait_delivered(address, b"Subject: To two of them", 20)
+                self.assertEqual(len(mail), 1)
+                self.assertEqual(split_trace(mail[0])[:2], (SENDER, address))
+        self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
+        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test> via"), 1)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_1d_a_recipient_refused_for_now_is_tried_alone_again(self):
+        mx.refused["busy@example.test"] = "450 4.2.0 mailbox busy"
+        mx.stop()
+        mx.start()
+        try:
+            post(["someone@example.test", "busy@example.test"], message("Partly"))
+            mx.wait_delivered("someone@example.test", b"Subject: Partly", 20)
+            wait_for(lambda: webmail_log_count("sending to <busy@example.test> via") >= 1, 20, "a second attempt")
+            self.assertIn("deferred <busy@example.test>: 450 4.2.0 <busy@example.test>: Recipient address "
+                          "rejected: mailbox busy", stack.webmail_output())
+        finally:
+            del mx.refused["busy@example.test"]
+            mx.stop()
+            mx.start()
+        # Now the server knows no such mailbox: the report comes, the Outbox empties, and the recipient
+        # delivered at the first attempt got the message once.
+        wait_for(lambda: any(b"Final-Recipient: rfc822; busy@example.test" in m
+                             for m in stack.store.folder_messages("sam")), 20, "the report for busy@")
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <busy@example.test> via"), 1)
+        self.assertEqual(len(mx.wait_delivered("someone@example.test", b"Subject: Partly", 1)), 1)
+
+    def test_1c_a_second_service_on_the_same_store_leaves_the_queue_alone(self):
+        log = os.path.join(work.name, "second-webmail.err")
+        with open(log, "wb") as err:
+            second = subprocess.Popen([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store",
+                                       stack.store.root, "--listen", HOST + ":0", "--relay", mx.url()] + RETRY,
+                                      stdout=subprocess.DEVNULL, stderr=err, stdin=subprocess.DEVNULL)
+        try:
+            wait_for(lambda: b"another process runs this store's queue" in open(log, "rb").read(), 20,
+                     "the second service to find the queue taken")
+            for n in range(5):
+                post(["someone@example.test"], message("Twice started %d" % n))
+            for n in range(5):
+                mx.wait_delivered("someone@example.test", b"Subject: Twice started %d" % n, 20)
+            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+            mail_server.settle(2)  # passes of both services
+            self.assertEqual(sum(b"Subject: Twice started" in m for m in mx.delivered("someone@example.test")), 5)
+        finally:
+            stop_process(second)
+        self.assertNotIn(b"sending to", open(log, "rb").read())
+
+    def test_2_waits_while_the_mail_server_is_down_then_goes_out(self):
+        mx.stop()
+        try:
+            send(["someone@example.test"], message("While you were out"))
+            wait_for(lambda: webmail_log_count("deferred <someone@example.test>") >= 1, 20, "a deferral")
+            self.assertEqual(len(outbox()), 1)
+            self.assertIn(b"Subject: While you were out", outbox()[0])
+        finally:
+            mx.start()
+        # The pauses are 1 s then 2 s: the next attempt comes within a few seconds of the server's start.
+        delivered = mx.wait_delivered("someone@example.test", b"Subject: While you were out", 10)
+        self.assertEqual(len(delivered), 1)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+    def test_3_refused_recipient_comes_back_as_a_delivery_report(self):
+        send(["refuse@example.test"], message("To nobody"))
+        wait_for(lambda: any(b"Subject: To nobody" in m for m in stack.store.folder_messages("sam")), 20,
+                 "a delivery report in sam's inbox")
+        self.assertEqual(outbox(), [])
+        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"Subject: To nobody" in m]
+        parsed = email.message_from_bytes(report)
+        self.assertEqual(parsed.get_content_type(), "multipart/report")
+        self.assertEqual(parsed.get_param("report-type"), "delivery-status")
+        self.assertEqual(parsed["To"], "<sam@tarnwick.local>")
+        explanation, status, headers = parsed.get_payload()
+        self.assertIn("refuse@example.test", explanation.get_payload())
+        self.assertEqual(status.get_content_type(), "message/delivery-status")
+        fields = {}
+        for block in status.get_payload():
+            fields.update(block.items())
+        self.assertEqual(fields["Final-Recipient"], "rfc822; refuse@example.test")
+        self.assertEqual(fields["Action"], "failed")
+        self.assertEqual(fields["Status"], "5.1.1")
+        self.assertEqual(fields["Diagnostic-Code"],
+                         "smtp; 550 5.1.1 <refuse@example.test>: Recipient address rejected: no such user here")
+        self.assertEqual(headers.get_content_type(), "text/rfc822-headers")
+        original = headers.get_payload()
+        self.assertIn("Subject: To nobody", original)
+        self.assertIn("Message-ID: <To-nobody@tarnwick.local>", original)
+        self.assertNotIn("Hello out there", original)
+
+    def test_3b_unreachable_the_queue_waits_then_returns_everything_after_the_time_limit(self):
+        nowhere = "smtp://%s:%d" % (HOST, free_port())  # nothing listens there
+        self.addCleanup(relay_to_mx_again)
+        stack.restart_webmail(webmail_args=["--relay", nowhere, "--relay-retry", "1s,1s", "--relay-give-up", "3s"])
+        for n in range(4):
+            post(["late%d@example.test" % n], message("Too late %d" % n))
+
+        def reports():
+            return [m for m in stack.store.folder_messages("sam") if b"Subject: Too late" in m]
+
+        wait_for(lambda: len(reports()) == 4, 20, "four reports")
+        self.assertEqual(outbox(), [])
+        (first,) = [m for m in reports() if b"Subject: Too late 0" in m]
+        self.assertIn(b"<late0@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
+                      first)
+        self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n",
+                      first)
+        log = stack.webmail_output()
+        self.assertGreaterEqual(log.count("sending to <late0@example.test>"), 2)
+        # The first message probed the relay; the others waited with it (one of them may have probed once,
+        # after the first was returned) instead of each trying on its own.
+        self.assertLessEqual(sum(log.count("sending to <late%d@example.test>" % n) for n in (1, 2, 3)), 1)
+
+    def test_4_killed_during_a_relay_and_restarted_delivers_once(self):
+        slow = mail_server.Postfix(os.path.join(work.name, "slow"), mailboxes={"late@example.test": "late/"},
+                                   data_pause=4)
+        slow.start()
+        self.addCleanup(slow.stop)
+        self.addCleanup(relay_to_mx_again)
+        stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
+        send(["late@example.test"], message("Killed midway"))
+        wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
+        # The server has taken the recipient (its queue file is open) and waits 4 s before it answers
+        # DATA: the relay is under way.
+        wait_for(lambda: re.search(r": client=localhost", slow.log()), 10, "the recipient taken")
+        mail_server.settle(1)
+        stack.restart_webmail(kill=True)
+        slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        mail_server.settle(5)  # longer than a second transfer would take
+        self.assertEqual(len(slow.delivered("late@example.test")), 1)
+        self.assertIn("an attempt was cut short", stack.webmail_output())
+
+    def test_5_mail_server_delivers_into_an_account_and_the_gateway_serves_it(self):
+        # Postfix will not deliver as root: the account's tree belongs to nobody, the folders above it may be
+        # passed through. tarnwick-webmail (root here) reads it all.
+        for d in (stack.dir, stack.store.root):
+            os.chmod(d, 0o711)
+        for base, dirs, files in os.walk(os.path.join(stack.store.root, "lena")):
+            for name in [base] + [os.path.join(base, n) for n in dirs + files]:
+                os.chown(name, 65534, 65534)
+        inbound = mail_server.Postfix(os.path.join(work.name, "inbound"), domains=("tarnwick.local",),
+                                      mailboxes={"lena@tarnwick.local": "lena/"}, mail_base=stack.store.root)
+        inbound.start()
+        self.addCleanup(inbound.stop)
+        text = message("From the world").replace(b"To: someone@example.test", b"To: lena@tarnwick.local")
+        with subprocess.Popen(["swaks", "--server", HOST, "--port", str(inbound.port), "--from",
+                               "someone@example.test", "--to", "lena@tarnwick.local", "--data", "-"],
+                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as p:
+            out = p.communicate(text[:-2], timeout=60)[0]  # swaks ends the last line itself
+        self.assertEqual(p.returncode, 0, out)
+        inbound.wait_delivered("lena@tarnwick.local", b"Subject: From the world", 20)
+        (fetched,) = [m for m in fetch(stack, "lena", "lena-pw") if b"Subject: From the world" in m]
+        _, recipient, rest = split_trace(fetched.replace(b"\r\n", b"\n"))
+        self.assertEqual(recipient, "lena@tarnwick.local")
+        # Postfix stored LF line ends; the gateway serves the file's last bare LF with a line break of its own.
+        self.assertEqual(rest.rstrip(b"\n"), text.replace(b"\r\n", b"\n").rstrip(b"\n"))
+
+
+class SecureRelay(unittest.TestCase):
+
+    def test_6_tls_and_login_with_a_checked_certificate(self):
+        secure = mail_server.Postfix(os.path.join(work.name, "secure"), mailboxes={"safe@example.test": "safe/"},
+                                     login=("relayuser", "s3cret:pass word"))
+        secure.start()
+        self.addCleanup(secure.stop)
+        self.addCleanup(relay_to_mx_again)
+        auth = os.path.join(work.name, "relay-auth")
+        with open(os.open(auth, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w") as f:
+            f.write("relayuser:s3cret:pass word\n")
+        fetch(stack, "sam", "sam-pw")  # the gateway sends as the account of its last fetch
+        # The system's authorities do not know the server's certificate: the message waits.
+        stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
+        send(["safe@example.test"], message("Safe 0"))
+        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
+                 "a deferral for the unknown certificate")
+        self.assertEqual(secure.delivered("safe@example.test"), [])
+        for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
+            with self.subTest(url):
+                stack.restart_webmail(webmail_args=["--relay", url, "--relay-auth", auth, "--relay-ca",
+                                                    secure.ca_file, "--relay-trace"] + RETRY)
+                if n == 1:
+                    secure.wait_delivered("safe@example.test", b"Subject: Safe 0", 20)
+                send(["safe@example.test"], message("Safe %d" % n))
+                (mail,) = secure.wait_delivered("safe@example.test", b"Subject: Safe %d" % n, 20)
+                # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
+                self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n"
+                                       rb"\tby mx\.example\.test \(Postfix\) with ESMTPSA")
+        self.assertIn("> AUTH ...", stack.webmail_output())
+        self.assertNotIn("s3cret", stack.webmail_output())
+        logins = re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())
+        self.assertEqual(len(logins), 3)
+        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,257 @@
+"""A real mail server for the tests: Postfix from Debian, run as a private instance (its own configuration,
+queue and log under a temporary folder, its master process in the foreground, found and stopped by its pid)
+that listens on a free 127.0.0.1 port, never port 25, and delivers every address of its domains into a
+Maildir of that folder. It needs root (Postfix's master switches to the "postfix" user) and the postfix
+package (scripts/setup installs it without starting the system's own instance: no main.cf, no daemon).
+"""
+
+import os
+import shutil
+import subprocess
+import time
+
+from tarnwick_testing import HOST, free_port, is_listening, stop_process, wait_for
+
+MASTER = "/usr/lib/postfix/sbin/master"
+# The services a private instance needs, none in a chroot (Debian's own master.cf assumes one).
+SERVICES = """\
+pickup    unix  n       -       n       60      1       pickup
+cleanup   unix  n       -       n       -       0       cleanup
+qmgr      unix  n       -       n       300     1       qmgr
+rewrite   unix  -       -       n       -       -       trivial-rewrite
+bounce    unix  -       -       n       -       0       bounce
+defer     unix  -       -       n       -       0       bounce
+trace     unix  -       -       n       -       0       bounce
+verify    unix  -       -       n       -       1       verify
+flush     unix  n       -       n       1000?   0       flush
+proxymap  unix  -       -       n       -       -       proxymap
+smtp      unix  -       -       n       -       -       smtp
+relay     unix  -       -       n       -       -       smtp
+showq     unix  n       -       n       -       -       showq
+error     unix  -       -       n       -       -       error
+retry     unix  -       -       n       -       -       error
+discard   unix  -       -       n       -       -       discard
+virtual   unix  -       n       n       -       -       virtual
+anvil     unix  -       -       n       -       1       anvil
+scache    unix  -       -       n       -       1       scache
+postlog   unix-dgram n  -       n       -       1       postlogd
+tlsmgr    unix  -       -       n       1000?   1       tlsmgr
+"""
+
+
+def unavailable():
+    """Why no private Postfix can run here, or None when it can."""
+    if os.geteuid() != 0:
+        return "a private Postfix instance needs root (its master switches to the postfix user)"
+    if not os.path.exists(MASTER) or not shutil.which("postfix"):
+        return "Postfix is not installed (scripts/setup installs the postfix package)"
+    return None
+
+
+class Postfix:
+    """One private Postfix. `mailboxes` maps each address it accepts to a Maildir path under `mail_base`
+    (default: a folder of its own, owned by nobody), where the delivering user (uid/gid, never root: Postfix
+    refuses that) may write. `refused` maps addresses to the reply that refuses them at RCPT
+    ("550 5.1.1 ..."); `data_pause` makes it wait that many seconds before answering DATA. With `tls`, it
+    offers STARTTLS on its port and TLS from the start on `tls_port`, with a certificate for 127.0.0.1 of its
+    own (`ca_file`). With `login` (user, password), mail is accepted only after SASL PLAIN or LOGIN as that
+    user (TLS only). The postfix user must be able to pass through the folders above `folder` (a temporary
+    folder is made mode 0711 for that)."""
+
+    def __init__(self, folder, domains=("example.test",), mailboxes=None, refused=None, data_pause=0,
+                 uid=65534, gid=65534, mail_base=None, tls=False, login=None):
+        self.dir = folder
+        self.domains = domains
+        self.mailboxes = dict(mailboxes or {"someone@example.test": "someone/"})
+        self.refused = dict(refused or {})
+        self.data_pause = data_pause
+        self.uid, self.gid = uid, gid
+        self.tls = tls or login is not None
+        self.login = login
+        self.port = None
+        self.tls_port = None
+        self.master = None
+        self._log = None
+        self.etc = os.path.join(folder, "etc")
+        self.mail = mail_base or os.path.join(folder, "mail")
+        self._own_mail = mail_base is None
+
+    def _configure(self):
+        for d in (self.etc, self.mail, os.path.join(self.dir, "queue"), os.path.join(self.dir, "data")):
+            os.makedirs(d, exist_ok=True)
+        os.chmod(self.dir, 0o711)
+        if self._own_mail:
+            os.chown(self.mail, self.uid, self.gid)
+        shutil.chown(os.path.join(self.dir, "data"), "postfix")
+        with open(os.path.join(self.etc, "mailboxes"), "w") as f:
+            for address, box in sorted(self.mailboxes.items()):
+                f.write("%s %s\n" % (address, box))
+        with open(os.path.join(self.etc, "refused"), "w") as f:
+            for address, reply in sorted(self.refused.items()):
+                f.write("%s %s\n" % (address, reply))
+        settings = {
+            "compatibility_level": "3.6",
+            "config_directory": self.etc,
+            "queue_directory": os.path.join(self.dir, "queue"),
+            "data_directory": os.path.join(self.dir, "data"),
+            "daemon_directory": "/usr/lib/postfix/sbin",
+            "command_directory": "/usr/sbin",
+            "meta_directory": "/etc/postfix",
+            "shlib_directory": "/usr/lib/postfix",
+            "mail_owner": "postfix",
+            "setgid_group": "postdrop",
+            "maillog_file": "/dev/stdout",
+            "myhostname": "mx." + self.domains[0],
+            "mydomain": self.domains[0],
+            "myorigin": self.domains[0],
+            "mydestination": "",
+            "inet_interfaces": HOST,
+            "inet_protocols": "ipv4",
+            "mynetworks": "127.0.0.0/8",
+            "alias_maps": "",
+            "alias_database": "",
+            "relay_domains": "",
+            "relayhost": "",
+            "smtputf8_enable": "no",
+            "biff": "no",
+            # Mail from the tests' client is mail from the world: no header is added or rewritten.
+            "local_header_rewrite_clients": "",
+            "disable_mime_output_conversion": "yes",
+            "message_size_limit": "0",
+            "virtual_mailbox_limit": "0",
+            "virtual_mailbox_domains": " ".join(self.domains),
+            "virtual_mailbox_base": self.mail,
+            "virtual_mailbox_maps": "texthash:" + os.path.join(self.etc, "mailboxes"),
+            "virtual_uid_maps": "static:%d" % self.uid,
+            "virtual_gid_maps": "static:%d" % self.gid,
+            "virtual_minimum_uid": "1",
+            "smtpd_recipient_restrictions": "check_recipient_access texthash:%s, permit_mynetworks, "
+                                            "reject_unauth_destination" % os.path.join(self.etc, "refused"),
+            "smtpd_data_restrictions": "sleep %d" % self.data_pause if self.data_pause else "",
+            "queue_run_delay": "1s",
+            "minimal_backoff_time": "1s",
+        }
+        if self.tls:
+            settings.update(self._tls_settings())
+        if self.login:
+            settings.update(self._login_settings())
+        with open(os.path.join(self.etc, "main.cf"), "w") as f:
+            for key, value in settings.items():
+                f.write("%s = %s\n" % (key, value))
+        with open(os.path.join(self.etc, "master.cf"), "w") as f:
+            f.write("%s:%d inet n - n - - smtpd\n" % (HOST, self.port))
+            if self.tls:
+                f.write("%s:%d inet n - n - - smtpd -o smtpd_tls_wrappermode=yes\n" % (HOST, self.tls_port))
+            f.write(SERVICES)
+        check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
+        if check.returncode != 0:
+            raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
+
+    @property
+    def ca_file(self):
+        return os.path.join(self.etc, "cert.pem")
+
+    def _tls_settings(self):
+        if not os.path.exists(self.ca_file):
+            made = subprocess.run(
+                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
+                 "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", os.path.join(self.etc, "key.pem"),
+                 "-out", self.ca_file], capture_output=True, timeout=60)
+            if made.returncode != 0:
+                raise AssertionError("openssl req failed: %r" % made.stderr)
+        return {"smtpd_tls_cert_file": self.ca_file, "smtpd_tls_key_file": os.path.join(self.etc, "key.pem"),
+                "smtpd_tls_security_level": "may", "smtpd_tls_loglevel": "1",
+                "smtpd_tls_received_header": "yes"}
+
+    def _login_settings(self):
+        user, password = self.login
+        sasldb = os.path.join(self.etc, "sasldb2")
+        made = subprocess.run(["saslpasswd2", "-f", sasldb, "-p", "-c", "-u", self.domains[0], user],
+                              input=password.encode(), capture_output=True, timeout=60)
+        if made.returncode != 0:
+            raise AssertionError("saslpasswd2 failed: %r" % made.stderr)
+        shutil.chown(sasldb, "postfix")
+        # Debian's Postfix reads CONFIG/sasl/smtpd.conf.
+        os.makedirs(os.path.join(self.etc, "sasl"), exist_ok=True)
+        with open(os.path.join(self.etc, "sasl", "smtpd.conf"), "w") as f:
+            f.write("pwcheck_method: auxprop\nauxprop_plugin: sasldb\nmech_list: PLAIN LOGIN\n"
+                    "sasldb_path: %s\n" % sasldb)
+        return {"smtpd_sasl_auth_enable": "yes", "smtpd_sasl_type": "cyrus", "smtpd_sasl_path": "smtpd",
+                "cyrus_sasl_config_path": self.etc, "smtpd_sasl_local_domain": self.domains[0],
+                "smtpd_tls_auth_only": "yes", "smtpd_sasl_authenticated_header": "yes",
+                "smtpd_recipient_restrictions": "permit_sasl_authenticated, reject"}
+
+    def start(self):
+        """Starts the master (on the same ports as before when restarted) and waits until it listens."""
+        if self.port is None:
+            self.port = free_port()
+        if self.tls and self.tls_port is None:
+            self.tls_port = free_port()
+        self._configure()
+        self._log = open(os.path.join(self.dir, "maillog"), "ab")
+        # A session of its own: on SIGTERM the master stops its process group, its services with it.
+        self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=self._log, stderr=subprocess.STDOUT,
+                                       stdin=subprocess.DEVNULL, start_new_session=True)
+
+        def up():
+            if self.master.poll() is not None:
+                raise AssertionError("postfix master exited:\n" + self.log())
+            return is_listening(self.port) and (self.tls_port is None or is_listening(self.tls_port))
+
+        try:
+            wait_for(up, 20, "postfix to listen on %d" % self.port)
+        except BaseException:
+            self.stop()
+            raise
+
+    def stop(self):
+        if self.port is None:
+            return
+        stop_process(self.master)
+        self.master = None
+        if self._log:
+            self._log.close()
+            self._log = None
+        # The port is free once its services have left too.
+        wait_for(lambda: not is_listening(self.port), 10, "postfix to close port %d" % self.port)
+
+    def log(self):
+        try:
+            with open(os.path.join(self.dir, "maillog"), "rb") as f:
+                return f.read().decode("latin-1")
+        except FileNotFoundError:
+            return ""
+
+    def url(self, tls_from_the_start=False):
+        if tls_from_the_start:
+            return "smtps://%s:%d" % (HOST, self.tls_port)
+        return "smtp://%s:%d" % (HOST, self.port)
+
+    def maildir(self, address):
+        return os.path.join(self.mail, self.mailboxes[address])
+
+    def delivered(self, address):
+        """Every message file in the address's Maildir (new/ and cur/), oldest name first."""
+        out = []
+        for sub in ("new", "cur"):
+            d = os.path.join(self.maildir(address), sub)
+            if os.path.isdir(d):
+                for name in sorted(os.listdir(d)):
+                    with open(os.path.join(d, name), "rb") as f:
+                        out.append(f.read())
+        return out
+
+    def wait_delivered(self, address, marker, timeout):
+        """The messages for address that hold the bytes `marker`, once there is at least one."""
+        def found():
+            return [m for m in self.delivered(address) if marker in m]
+        try:
+            wait_for(found, timeout, "a message holding %r for %s" % (marker, address))
+        except AssertionError as e:
+            raise AssertionError("%s; the mail server's log:\n%s" % (e, self.log()[-3000:])) from None
+        return found()
+
+
+def settle(seconds):
+    """Waits on purpose: for something that must not happen within that time."""
+    time.sleep(seconds)

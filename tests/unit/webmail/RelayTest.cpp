@@ -1,0 +1,173 @@
+// The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
+// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, the queue state
+// on disk and the retry pauses, and the delivery report's status codes.
+#include <gtest/gtest.h>
+
+#include <chrono>
+
+#include "TempDir.h"
+#include "webmail/relay/BounceReport.h"
+#include "webmail/relay/QueueState.h"
+#include "webmail/relay/QueuedMessage.h"
+#include "webmail/relay/SmtpExchange.h"
+
+namespace {
+
+using webmail::relay::BounceReport;
+using webmail::relay::QueuedMessage;
+using webmail::relay::QueueState;
+using webmail::relay::SmtpExchange;
+using Verdict = SmtpExchange::Verdict;
+
+TEST(QueuedMessageTest, TakesTheEnvelopeFromTheHeaderOnly) {
+    const struct {
+        const char* name;
+        std::string file;
+        std::string sender;
+        std::vector<std::string> recipients;
+        std::string text;
+    } cases[] = {
+        {"envelope lines leave, a body line of the same form stays",
+         "Received: x\r\nX-Tarnwick-Envelope-From: <a@x.org>\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n"
+         "x-tarnwick-envelope-to: <c@z.org>\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n",
+         "a@x.org",
+         {"b@y.org", "c@z.org"},
+         "Received: x\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n"},
+        {"bare LF line ends go out as CR LF, a last line without a break stays without",
+         "X-Tarnwick-Envelope-From: <>\nX-Tarnwick-Envelope-To: <b@y.org>\nSubject: s\n\nbody",
+         "",
+         {"b@y.org"},
+         "Subject: s\r\n\r\nbody"},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        const auto message = QueuedMessage::Parse(c.file, error);
+        ASSERT_TRUE(message) << c.name << ": " << error;
+        EXPECT_EQ(message->sender, c.sender) << c.name;
+        EXPECT_EQ(message->recipients, c.recipients) << c.name;
+        EXPECT_EQ(message->text, c.text) << c.name;
+    }
+    std::string error;
+    EXPECT_FALSE(QueuedMessage::Parse("Subject: s\r\n\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n", error));
+    EXPECT_FALSE(error.empty());
+}
+
+TEST(SmtpExchangeTest, JudgesEachRecipient) {
+    const std::vector<std::string> both = {"b@y.org", "c@y.org"};
+    const std::string greeting = "220 mx ESMTP\r\n";
+    const std::string ehlo = "250-mx\r\n250-PIPELINING\r\n250 8BITMIME\r\n";
+    const struct {
+        const char* name;
+        std::vector<std::pair<bool, std::string>> conversation;  // (sent by the client, bytes)
+        bool transferOk;
+        std::vector<Verdict> verdicts;
+        std::vector<std::string> replies;
+    } cases[] = {
+        {"all accepted: the reply after the text counts",
+         {{false, greeting}, {true, "EHLO d\r\n"}, {false, ehlo}, {true, "MAIL FROM:<a@x.org>\r\n"},
+          {false, "250 ok\r\n"}, {true, "RCPT TO:<b@y.org>\r\n"}, {false, "250 ok\r\n"}, {true, "RCPT TO:<c@y.org>\r\n"},
+          {false, "250 ok\r\n"}, {true, "DATA\r\n"}, {false, "354 go\r\n"}, {false, "250 2.0.0 queued as X\r\n"}},
+         true,
+         {Verdict::Delivered, Verdict::Delivered},
+         {"250 2.0.0 queued as X", "250 2.0.0 queued as X"}},
+        {"a kept connection (no greeting), one refused for good, one for now",
+         {{true, "MAIL FROM:<a@x.org>\r\n"}, {false, "250 ok\r\n"}, {true, "RCPT TO:<b@y.org>\r\n"},
+          {false, "550 5.1.1 no\r\n"}, {true, "RCPT TO:<c@y.org>\r\n"}, {false, "452 4.2.2 full\r\n"}},
+         false,
+         {Verdict::Permanent, Verdict::Temporary},
+         {"550 5.1.1 no", "452 4.2.2 full"}},
+        {"one refused, the text refused after it",
+         {{false, greeting}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "250 ok\r\n"}, {true, "RCPT TO:<b@y.org>\r\n"},
+          {false, "250 ok\r\n"}, {true, "RCPT TO:<c@y.org>\r\n"}, {false, "550 no\r\n"}, {true, "DATA\r\n"},
+          {false, "354 go\r\n"}, {false, "554 5.7.1 spam\r\n"}},
+         false,
+         {Verdict::Permanent, Verdict::Permanent},
+         {"554 5.7.1 spam", "550 no"}},
+        {"the connection lost after DATA: nobody knows, try again",
+         {{false, greeting}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "250 ok\r\n"}, {true, "RCPT TO:<b@y.org>\r\n"},
+          {false, "250 ok\r\n"}, {true, "RCPT TO:<c@y.org>\r\n"}, {false, "250 ok\r\n"}, {true, "DATA\r\n"},
+          {false, "354 go\r\n"}},
+         false,
+         {Verdict::Temporary, Verdict::Temporary},
+         {"connection lost", "connection lost"}},
+        {"a refused sender, its reply split across reads",
+         {{false, "220 mx\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "421-busy\r\n42"}, {false, "1 later\r\n"}},
+         false,
+         {Verdict::Temporary, Verdict::Temporary},
+         {"421-busy 421 later", "421-busy 421 later"}},
+        {"a sender refused for good with a control byte in the reply",
+         {{false, "220 mx\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "554 no\x1b[1mway\r\n"}},
+         false,
+         {Verdict::Permanent, Verdict::Permanent},
+         {"554 no?[1mway", "554 no?[1mway"}},
+        {"no connection", {}, false, {Verdict::Temporary, Verdict::Temporary}, {"connection lost", "connection lost"}},
+    };
+    for (const auto& c : cases) {
+        SmtpExchange exchange;
+        for (const auto& [sent, bytes] : c.conversation) {
+            if (sent) {
+                exchange.Sent(bytes);
+            } else {
+                exchange.Received(bytes);
+            }
+        }
+        const auto results = exchange.Judge(both, c.transferOk, "connection lost");
+        ASSERT_EQ(results.size(), 2U) << c.name;
+        for (std::size_t i = 0; i < 2; ++i) {
+            EXPECT_EQ(results[i].recipient, both[i]) << c.name;
+            EXPECT_EQ(results[i].verdict, c.verdicts[i]) << c.name << " " << both[i];
+            EXPECT_EQ(results[i].reply, c.replies[i]) << c.name << " " << both[i];
+        }
+    }
+}
+
+TEST(QueueStateTest, SurvivesItsFileAndPausesDouble) {
+    TempDir dir;
+    QueueState state;
+    state.attempts = 3;
+    state.queued = 1795000000;
+    state.nextTry = 1795000240;
+    state.sending = true;
+    state.done = {"b@y.org", "c@y.org"};
+    state.lastReply = "451 4.3.0 try\r\nlater";  // a line break in a reply cannot break the file
+    state.Save(dir.path() / "m1");
+    const auto loaded = QueueState::Load(dir.path() / "m1");
+    ASSERT_TRUE(loaded);
+    EXPECT_EQ(loaded->attempts, 3U);
+    EXPECT_EQ(loaded->queued, 1795000000);
+    EXPECT_EQ(loaded->nextTry, 1795000240);
+    EXPECT_TRUE(loaded->sending);
+    EXPECT_EQ(loaded->done, state.done);
+    EXPECT_EQ(loaded->lastReply, "451 4.3.0 try  later");
+    EXPECT_FALSE(std::filesystem::exists(dir.path() / "m1.new"));
+    EXPECT_FALSE(QueueState::Load(dir.path() / "missing"));
+    EXPECT_FALSE(QueueState::Parse("attempts x\n"));
+    EXPECT_FALSE(QueueState::Parse("sending maybe\n"));
+
+    using std::chrono::seconds;
+    const seconds minute(60), hour(3600);
+    const std::pair<unsigned, seconds> pauses[] = {{1, seconds(60)},   {2, seconds(120)},  {3, seconds(240)},
+                                                   {6, seconds(1920)}, {7, seconds(3600)}, {500, seconds(3600)}};
+    for (const auto& [failures, pause] : pauses) {
+        EXPECT_EQ(QueueState::Pause(failures, minute, hour), pause) << failures;
+    }
+}
+
+TEST(BounceReportTest, StatusCodes) {
+    const struct {
+        const char* reply;
+        bool timeLimit;
+        const char* status;
+    } cases[] = {
+        {"550 5.1.1 <b@y.org>: unknown", false, "5.1.1"},
+        {"554 transaction failed", false, "5.0.0"},
+        {"550 5.1.1x no code", false, "5.0.0"},
+        {"451 4.3.0 try later", true, "4.3.0"},
+        {"Failed to connect to mx port 25", true, "4.4.7"},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(BounceReport::Status({"b@y.org", c.reply, c.timeLimit}), c.status) << c.reply;
+    }
+}
+
+}  // namespace
