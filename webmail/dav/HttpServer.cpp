@@ -77,10 +77,12 @@ MHD_Response* FileResponse(store::MessageFile& file) {
 // reply from the descriptor takes two sends (two TCP pushes) however small the file. A file that changed size
 // since it was opened gets no reply (the connection is closed) rather than a short one.
 MHD_Response* BufferedResponse(const store::MessageFile& file) {
-    auto text = std::make_unique<std::string>(file.Size(), '\0');
-    if (file.ReadRaw(0, text->data(), text->size()) != static_cast<long>(text->size())) return nullptr;
+    const auto size = static_cast<std::size_t>(file.Size());
+    // Left uninitialised: the read fills every byte of it.
+    std::unique_ptr<char[]> text(new char[std::max<std::size_t>(size, 1)]);
+    if (file.ReadRaw(0, text.get(), size) != static_cast<long>(size)) return nullptr;
     MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
-        text->size(), text->data(), [](void* body) { delete static_cast<std::string*>(body); }, text.get());
+        size, text.get(), [](void* body) { delete[] static_cast<char*>(body); }, text.get());
     if (response != nullptr) (void)text.release();
     return response;
 }
