@@ -56,7 +56,7 @@ std::string Printable(const std::string& text) {
 // Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
 size_t KeepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
 
-// A message file with bare LF line ends on its way out: where the next read continues.
+// A message file on its way out in pieces; for one with bare LF line ends, where the next read continues.
 struct ConvertingReader {
     std::shared_ptr<const store::MessageFile> file;
     std::uint64_t offset = 0;
@@ -351,12 +351,12 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
         bytes = facts.servedSize;
         if (facts.bareLf) {
             response = ConvertingResponse(reply.file, bytes);
+        } else if (reply.file->Size() <= kBufferedFileLimit) {
+            response = BufferedResponse(*reply.file);
+        } else if (options_.tlsCertificate.empty()) {
+            response = FileResponse(*reply.file);
         } else {
-            if (reply.file->Size() <= kBufferedFileLimit) {
-                response = BufferedResponse(*reply.file);
-            } else {
-                response = options_.tlsCertificate.empty() ? FileResponse(*reply.file) : ReadingResponse(reply.file);
-            }
+            response = ReadingResponse(reply.file);
         }
     } else {
         // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
