@@ -28,6 +28,14 @@ void HeadlessView::AppendLogParts(std::span<const std::string_view> parts) {
     std::fflush(stdout);
 }
 
+void HeadlessView::AppendLogPieces(std::string_view head, core::ITextPieces& text) {
+    std::fwrite(head.data(), 1, head.size(), stdout);
+    std::string piece;
+    while (text.Next(piece)) std::fwrite(piece.data(), 1, piece.size(), stdout);
+    std::fputs("\r\n", stdout);
+    std::fflush(stdout);
+}
+
 void HeadlessView::ShowMessage(const std::string& text) { WriteLine(stderr, text); }
 
 void HeadlessView::ShowFatalMessage(const std::string& text) { WriteLine(stderr, text); }

@@ -18,6 +18,8 @@ public:
     void AppendLog(const std::string& entry) override;
     // Writes the parts one after the other, without joining them, and flushes once.
     void AppendLogParts(std::span<const std::string_view> parts) override;
+    // Writes each piece as it is read, so that a long entry (a retrieved message) is never in memory whole.
+    void AppendLogPieces(std::string_view head, core::ITextPieces& text) override;
     // Writes nothing: what is on standard output stays.
     void ClearLog() override {}
     // There are no controls to switch, no window to place, no icon and no About box.

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/ITextPieces.h"
+
 namespace app {
 
 class IMainView {
@@ -27,6 +29,11 @@ public:
         std::string text;
         for (std::string_view part : parts) text.append(part);
         AppendLog(text);
+    }
+    // Appends the entry `head` + the text `text` reads + CR LF. By default the text is read whole first; a
+    // view that keeps nothing (headless) writes it a piece at a time.
+    virtual void AppendLogPieces(std::string_view head, core::ITextPieces& text) {
+        AppendLog(std::string(head).append(core::ReadAllPieces(text)).append("\r\n"));
     }
     // Whether the entries written while the event loop is busy should come in one append at its next turn
     // (a window, which lays out and repaints for every append) rather than each at once.

@@ -1,6 +1,7 @@
 #include "app/LogBatch.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 namespace app {
@@ -26,6 +27,15 @@ void LogBatch::Add(std::string_view head, std::string_view text, const core::Sha
     // The next turn of the loop, unless the last append was very recent.
     const qint64 since = sinceAppend_.isValid() ? sinceAppend_.elapsed() : kMinAppendIntervalMs;
     turn_.start(static_cast<int>(std::max<qint64>(0, kMinAppendIntervalMs - since)));
+}
+
+void LogBatch::AddPieces(std::string_view head, core::ITextPieces& text) {
+    if (!view_.BatchesLog()) {
+        view_.AppendLogPieces(head, text);
+        return;
+    }
+    const auto whole = std::make_shared<const std::string>(core::ReadAllPieces(text));
+    Add(head, *whole, whole);
 }
 
 void LogBatch::Drop() {

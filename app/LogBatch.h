@@ -29,6 +29,9 @@ public:
     // The entry `head` + `text` + CR LF. `text` lies inside `owner` (or in `head`'s caller's keeping when
     // there is no owner, in which case it must be empty): a waiting entry keeps the owner, not a copy.
     void Add(std::string_view head, std::string_view text, const core::SharedText& owner);
+    // The entry `head` + the text `text` reads + CR LF. A view that batches keeps the whole text anyway, so
+    // it is read whole and waits like any entry; any other view reads it a piece at a time.
+    void AddPieces(std::string_view head, core::ITextPieces& text);
     // Entries still waiting are dropped; the view's own text is the caller's business.
     void Drop();
     // Entries still waiting go to the view now.

@@ -36,6 +36,11 @@ void Main::WriteLogParts(std::string_view prefix, std::string_view text, const c
     core::SkipOnError([&] { log_.Add(prefix, text, owner); });
 }
 
+void Main::WriteLogPieces(std::string_view prefix, core::ITextPieces& text) {
+    if (!bLog) return;
+    core::SkipOnError([&] { log_.AddPieces(prefix, text); });
+}
+
 void Main::ClearLog() {
     if (!bLog) return;
     core::SkipOnError([&] {

@@ -48,6 +48,8 @@ public:
     void WriteLog(const std::string& message) override;
     // The same entry as WriteLog(prefix + text), without joining them (a whole retrieved message, say).
     void WriteLogParts(std::string_view prefix, std::string_view text, const core::SharedText& owner) override;
+    // The same entry read in pieces: written as it is read in the headless mode, kept whole by the window.
+    void WriteLogPieces(std::string_view prefix, core::ITextPieces& text) override;
     // Empties the log while bLog is set, entries still on their way included; failures are ignored.
     void ClearLog() override;
     core::ISocketControl& WinsockPOP3() override { return winsockPOP3_; }

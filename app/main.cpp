@@ -6,6 +6,7 @@
 #include <QMessageBox>
 #include <QStandardPaths>
 
+#include <csignal>
 #include <cstdio>
 #include <memory>
 
@@ -32,6 +33,9 @@ QString LockFilePath() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    // Under a file size limit, a write past it then fails like a full disk (the fetched messages' file
+    // reports "Disk full" to the mail reader) instead of ending the program.
+    (void)std::signal(SIGXFSZ, SIG_IGN);
     // The window mode needs a display; the headless mode, --help and --version must not.
     std::unique_ptr<QCoreApplication> application;
     if (app::GatewayOptions::NeedsNoDisplay(argc, argv)) {

@@ -6,7 +6,8 @@ Run by hand after a build:  bench/smtp_relay.py [--build build] [--sizes-mb 1,20
 For each size, interleaved pairs: (a) on an SMTP connection that has already relayed one small message (so
 the log-in is behind it), the time from sending DATA to the reply "250 message queued"; (b) one curl process
 posting the text the gateway posted, with the same authentication negotiation. Prints every pair, then the
-median and min-max of each side and of throughput, and the ratios last. Everything runs on 127.0.0.1; each
+median and min-max of each side and of throughput, the gateway's peak memory (VmHWM, from its start, so it
+covers every size so far), and the ratios last. Everything runs on 127.0.0.1; each
 process is stopped by its pid. Nothing is asserted. Goal: ratio <= 1.3 at 20 MB, and the same throughput at
 1 MB and 20 MB (the cost per chunk does not grow with the text collected so far).
 
@@ -23,8 +24,10 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 
+import bench_support as B  # noqa: E402
 import tarnwick_testing as T  # noqa: E402
 import messages  # noqa: E402
 
@@ -127,15 +130,16 @@ def main():
                     empty_store(stack)
                     print("%2d MB pair %d: gateway %.3f s (%d chunk replies held), curl %.3f s" % (
                         mb, i + 1, gateway_times[-1], client.held, curl_times[-1]), flush=True)
-            results[mb] = (gateway_times, curl_times, len(stuffed))
+            results[mb] = (gateway_times, curl_times, len(stuffed), B.peak_rss_mb(stack.gateway.pid))
     finally:
         stack.stop()
 
     print()
-    for mb, (g, c, size) in results.items():
-        print("%2d MB gateway: %s, %.0f MB/s" % (mb, describe(g), size / statistics.median(g) / 1e6))
+    for mb, (g, c, size, peak) in results.items():
+        print("%2d MB gateway: %s, %.0f MB/s; gateway peak memory so far %.0f MB" % (
+            mb, describe(g), size / statistics.median(g) / 1e6, peak))
         print("%2d MB curl:    %s, %.0f MB/s" % (mb, describe(c), size / statistics.median(c) / 1e6))
-    for mb, (g, c, _) in results.items():
+    for mb, (g, c, _, _) in results.items():
         ratios = [a / b for a, b in zip(g, c)]
         print("%2d MB ratio gateway/curl: median %.2f (%.2f-%.2f)" % (mb, statistics.median(ratios), min(ratios),
                                                                     max(ratios)))

@@ -22,6 +22,12 @@ std::string StandardDescription(std::int32_t number) {
             return "Type mismatch";
         case ErrorNumber::kInternal:
             return "Internal error";
+        case ErrorNumber::kDeviceIo:
+            return "Device I/O error";
+        case ErrorNumber::kDiskFull:
+            return "Disk full";
+        case ErrorNumber::kFileAccess:
+            return "Path/File access error";
         case ErrorNumber::kObjectNotSet:
             return "Object variable or With block variable not set";
         case ErrorNumber::kDuplicateKey:

@@ -15,6 +15,10 @@ inline constexpr std::int32_t kOutOfMemory = 7;
 inline constexpr std::int32_t kSubscriptOutOfRange = 9;
 inline constexpr std::int32_t kTypeMismatch = 13;
 inline constexpr std::int32_t kInternal = 51;
+// Spool files (texts kept on disk).
+inline constexpr std::int32_t kDeviceIo = 57;
+inline constexpr std::int32_t kDiskFull = 61;
+inline constexpr std::int32_t kFileAccess = 75;
 inline constexpr std::int32_t kObjectNotSet = 91;
 inline constexpr std::int32_t kDuplicateKey = 457;
 // Socket layer. A broken connection is reported with the socket library's own description.

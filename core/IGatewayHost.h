@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "core/ITextPieces.h"
+
 namespace core {
 
 // A text shared by whoever holds it, such as a response on its way to the client and its log entry.
@@ -24,6 +26,11 @@ public:
     virtual void WriteLogParts(std::string_view prefix, std::string_view text, const SharedText& owner) {
         (void)owner;
         WriteLog(std::string(prefix).append(text));
+    }
+    // Appends the entry `prefix` + the text `text` reads (then CR LF), reading it a piece at a time where the
+    // log need not keep it (a retrieved message of any size).
+    virtual void WriteLogPieces(std::string_view prefix, ITextPieces& text) {
+        WriteLog(std::string(prefix).append(ReadAllPieces(text)));
     }
     // Empties the activity log; never fails.
     virtual void ClearLog() = 0;

@@ -6,6 +6,8 @@
 #include <memory>
 #include <string>
 
+#include "core/ITextPieces.h"
+
 namespace core {
 
 class ISocketEvents;
@@ -41,6 +43,9 @@ public:
     // Queues `data` for sending without copying it: the control keeps the text until it has gone out.
     // NOLINTNEXTLINE(performance-unnecessary-value-param): a sink; overrides keep the pointer
     virtual void SendShared(std::shared_ptr<const std::string> data) { SendData(*data); }
+    // Queues the text `pieces` reads for sending, read a piece at a time as the connection takes it, so that
+    // a long text never lies in memory whole.
+    virtual void SendPieces(TextPiecesPtr pieces) { SendData(ReadAllPieces(*pieces)); }
 };
 
 }  // namespace core

@@ -37,7 +37,7 @@ std::string UnstuffDots(std::string_view text) {
 void CheckRetr(const std::string& body) {
     mailservice::CHotmailMessage message;
     message.mLength = std::to_string(body.size());
-    message.mBody = body;
+    message.mBody = core::SpoolText::Store(body);
     const std::string head = "+OK " + message.mLength + " octets\r\nX-Application: Tarnwick Gateway - 0.2.0\r\n";
     // What goes on the wire: the response and the CR LF the frame adds.
     const std::string wire = R::BuildRETRResponse(message, "Tarnwick Gateway", "0.2.0") + "\r\n";
@@ -47,6 +47,10 @@ void CheckRetr(const std::string& body) {
     const std::string_view stuffed = std::string_view(wire).substr(head.size(), wire.size() - head.size() - 5);
     Check(UnstuffDots(stuffed) == body, "undoing the dot stuffing gives the message text back");
     Check(R::StuffDots(body) == stuffed, "the body part is StuffDots of the message text");
+    const std::size_t pieceBytes = 1 + body.size() % 7;
+    Check(
+        core::ReadAllPieces(*R::RETRResponsePieces(message, "Tarnwick Gateway", "0.2.0", pieceBytes)) + "\r\n" == wire,
+        "RETR read in small pieces is the same text");
 }
 
 void CheckListings(const std::string& text) {

@@ -3,10 +3,14 @@
 // as a core::Error raised through MErrorHandler::HandleError with the failing operation's label.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
 #include "core/Collection.h"
+#include "core/ITextPieces.h"
+#include "core/SpoolFile.h"
+#include "core/SpoolText.h"
 #include "mailservice/CHotmailFolder.h"
 #include "mailservice/CHotmailMessage.h"
 
@@ -70,6 +74,9 @@ public:
     void ParseMailboxInfo(const std::string& ukey);
     // The reply text of a GET of `strMessageURL`; stores nothing.
     std::string GetMessage(const std::string& strMessageURL);
+    // The same reply text, appended to `spool` as it arrives instead of kept in memory; its stretch of the
+    // file. A failed write to the spool raises the spool's error.
+    core::SpoolText GetMessage(const std::string& strMessageURL, const std::shared_ptr<core::SpoolFile>& spool);
     // Sets / clears the read flag of the message at `ukey`, then lists `currentfolder` again.
     void FlagMailRead(const std::string& ukey, const std::string& currentfolder);
     void FlagMailUnread(const std::string& ukey, const std::string& currentfolder);
@@ -79,6 +86,9 @@ public:
     std::string MoveMail(const std::string& uMail, const std::string& mSrcFolder, const std::string& mDestFolder);
     // Posts `strMessage` (a message/rfc821 text) to OutboxURL; returns the reply header block.
     std::string SendMail(const std::string& strMessage);
+    // The same post, with the `size` bytes of the message read a piece at a time as they go out (a message
+    // kept on disk); `strMessage` gives a reader from the start each time it is called.
+    std::string SendMail(const core::TextPiecesSource& strMessage, std::uint64_t size);
 
 private:
     struct Impl;

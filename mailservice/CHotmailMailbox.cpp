@@ -61,6 +61,8 @@ void CHotmail::ParseMailboxInfo(const std::string& ukey) {
         const platform::XmlNodeList propLists = doc.selectNodes("//D:prop");
         const std::int32_t count = std::min<std::int32_t>(entries.length(), kMaxListEntries);
         const PropertyColumns columns(doc, propLists);
+        // The listing's message texts go to one file of their own, which lives as long as its records.
+        const std::shared_ptr<core::SpoolFile> spool = count > 0 ? core::SpoolFile::Create() : nullptr;
 
         // Every entry becomes a record; a step that fails leaves its field at the new record's value.
         for (std::int32_t i = 0; i < count; ++i) {
@@ -81,7 +83,10 @@ void CHotmail::ParseMailboxInfo(const std::string& ukey) {
             // The service's attachment flag, read like the read flag; nothing else in the gateway uses it.
             core::SkipOnError(
                 [&] { msg->mHasAttachment = core::ToInt16(columns.NthValue(i, "hm:hasattachment")) != 0; });
-            core::SkipOnError([&] { msg->mBody = GetMessage(msg->mURL); });
+            core::SkipOnError([&] { msg->mBody = GetMessage(msg->mURL, spool); });
+            // A fetch that failed is listed with an empty text, but a text the spool could not keep fails the
+            // listing: a message cut short by a full disk must never be served as whole.
+            spool->CheckWritten();
             core::SkipOnError([&] { d_->MailCollection->Add(msg, msg->mIndex); });
         }
     });

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "core/SpoolText.h"
+
 namespace mailservice {
 
 struct CHotmailMessage {
@@ -19,7 +21,9 @@ struct CHotmailMessage {
     std::string mURL;          // address the message's text is fetched from
     std::int16_t mRead = 0;    // 0 unread, 1 read, as the service reports it
     bool mHasAttachment = false;
-    std::string mBody;  // the message's full text as the service returns it for mURL
+    // The message's full text as the service returns it for mURL, kept on disk: a listing fetches every
+    // message, and an inbox of gigabytes must not need gigabytes of memory.
+    core::SpoolText mBody;
 };
 
 }  // namespace mailservice

@@ -1,4 +1,8 @@
 // Operations on single messages, and sending.
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
 #include "core/Trap.h"
 #include "mailservice/CHotmail.h"
 #include "mailservice/CHotmailImpl.h"
@@ -12,6 +16,16 @@ std::string CHotmail::GetMessage(const std::string& strMessageURL) {
         d_->HttpRequest.Send();
         // Taken over, not copied: the text goes on into the message record.
         return d_->HttpRequest.TakeResponseText();
+    });
+}
+
+core::SpoolText CHotmail::GetMessage(const std::string& strMessageURL, const std::shared_ptr<core::SpoolFile>& spool) {
+    return core::Trap("GetMessage Method", [&] {
+        d_->HttpRequest.Open("GET", strMessageURL, false);
+        const std::uint64_t start = spool->Size();
+        d_->HttpRequest.SetResponseSink([&](std::string_view piece) { spool->Append(piece); });
+        d_->HttpRequest.Send();
+        return core::SpoolText(spool, start, spool->Size() - start);
     });
 }
 
@@ -69,6 +83,15 @@ std::string CHotmail::SendMail(const std::string& strMessage) {
         d_->HttpRequest.Open("POST", d_->OutboxURL, false);
         d_->HttpRequest.SetRequestHeader("Content-Type", "message/rfc821");
         d_->HttpRequest.Send(strMessage);
+        return d_->ActionReply();
+    });
+}
+
+std::string CHotmail::SendMail(const core::TextPiecesSource& strMessage, std::uint64_t size) {
+    return core::Trap("SendMail Method", [&] {
+        d_->HttpRequest.Open("POST", d_->OutboxURL, false);
+        d_->HttpRequest.SetRequestHeader("Content-Type", "message/rfc821");
+        d_->HttpRequest.Send(strMessage, size);
         return d_->ActionReply();
     });
 }

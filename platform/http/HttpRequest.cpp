@@ -3,7 +3,10 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
+#include <type_traits>
+#include <utility>
 
 #include "core/Error.h"
 #include "core/Trap.h"
@@ -126,6 +129,7 @@ void HttpRequest::Open(const std::string& method, const std::string& url, bool a
     headers_.clear();
     body_.clear();
     responseText_.clear();
+    sink_ = nullptr;
     haveReply_ = false;
 }
 
@@ -175,10 +179,25 @@ void HttpRequest::Send(const std::string& body) {
     Perform(&body_);
 }
 
-void HttpRequest::Perform(const std::string* body) {
+void HttpRequest::Send(const core::TextPiecesSource& body, std::uint64_t size) {
+    upload_ = body;
+    try {
+        Perform(nullptr, size);
+    } catch (...) {
+        upload_ = nullptr;
+        uploadReader_.reset();
+        throw;
+    }
+    upload_ = nullptr;
+    uploadReader_.reset();
+}
+
+void HttpRequest::Perform(const std::string* body, std::optional<std::uint64_t> uploadSize) {
     CURL* h = Handle(curl_);
     responseText_.clear();
+    callbackError_ = nullptr;
     overLimit_ = false;
+    sunkBytes_ = 0;
     haveReply_ = false;
 
     // Per-request options are reset one by one rather than with curl_easy_reset, which would also drop the
@@ -196,10 +215,22 @@ void HttpRequest::Perform(const std::string* body) {
         // POSTFIELDS with an explicit size: bytes go out unchanged, NULs and all, with a Content-Length.
         Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body->size())));
         Check(curl_easy_setopt(h, CURLOPT_POSTFIELDS, body->data()));
+    } else if (uploadSize) {
+        // The same request with the body read as it goes: a POST of a known size, so a Content-Length again.
+        uploadReader_ = upload_();
+        uploadPiece_.clear();
+        uploadOffset_ = 0;
+        Check(curl_easy_setopt(h, CURLOPT_POST, 1L));
+        Check(curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(*uploadSize)));
+        Check(curl_easy_setopt(h, CURLOPT_READFUNCTION, &HttpRequest::OnUpload));
+        Check(curl_easy_setopt(h, CURLOPT_READDATA, this));
+        Check(curl_easy_setopt(h, CURLOPT_SEEKFUNCTION, &HttpRequest::OnUploadSeek));
+        Check(curl_easy_setopt(h, CURLOPT_SEEKDATA, this));
     }
+    const bool hasBody = body || uploadSize;
     // A custom method with no body stays body-less: libcurl sends neither body nor Content-Length for it.
     // libcurl's own method (GET without a body, POST with one) needs no override; any other is sent as named.
-    const bool ownMethod = (method_ == "GET" && !body) || (method_ == "POST" && body);
+    const bool ownMethod = (method_ == "GET" && !hasBody) || (method_ == "POST" && hasBody);
     Check(curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, ownMethod ? nullptr : method_.c_str()));
 
     Slist list;
@@ -213,7 +244,7 @@ void HttpRequest::Perform(const std::string* body) {
     // Headers libcurl would add on its own; "Name:" with no value tells it to leave them out.
     Append(list, "Accept:");
     Append(list, "Expect:");
-    if (body && !HasHeader(headers_, "Content-Type")) {
+    if (hasBody && !HasHeader(headers_, "Content-Type")) {
         // A body given through POSTFIELDS would otherwise be labelled as a form.
         Append(list, "Content-Type:");
     }
@@ -227,6 +258,8 @@ void HttpRequest::Perform(const std::string* body) {
         // Release the memory, not just the length: an oversized reply must not stay held.
         std::string().swap(responseText_);
         if (overLimit_) core::Raise(core::ErrorNumber::kHttpReplyTooLarge);
+        // The sink's own error (a full disk, say) says more than libcurl's "write error".
+        if (callbackError_) std::rethrow_exception(std::exchange(callbackError_, nullptr));
         FailFor(result);
     }
     haveReply_ = true;
@@ -235,10 +268,20 @@ void HttpRequest::Perform(const std::string* body) {
 
 std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count, void* self) {
     // Never let an exception cross libcurl: a failed append aborts the transfer instead.
+    auto* request = static_cast<HttpRequest*>(self);
     try {
-        auto* request = static_cast<HttpRequest*>(self);
-        std::string& text = request->responseText_;
         const std::uint64_t maxBytes = ProcessLimits().maxReplyBytes;
+        if (request->sink_) {
+            // The same limit for a body that is handed on: a reply that never ends must not fill the disk.
+            if (size * count > maxBytes - std::min<std::uint64_t>(maxBytes, request->sunkBytes_)) {
+                request->overLimit_ = true;
+                return 0;
+            }
+            request->sunkBytes_ += size * count;
+            request->sink_(std::string_view(data, size * count));
+            return size * count;
+        }
+        std::string& text = request->responseText_;
         if (size * count > maxBytes - std::min<std::uint64_t>(maxBytes, text.size())) {
             request->overLimit_ = true;
             return 0;  // libcurl ends the transfer
@@ -263,7 +306,43 @@ std::size_t HttpRequest::OnBody(char* data, std::size_t size, std::size_t count,
         text.append(data, size * count);
         return size * count;
     } catch (...) {
+        request->callbackError_ = std::current_exception();
         return 0;
+    }
+}
+
+std::size_t HttpRequest::OnUpload(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto* request = static_cast<HttpRequest*>(self);
+    // Never let an exception cross libcurl: a reader that fails aborts the transfer instead.
+    try {
+        while (request->uploadOffset_ == request->uploadPiece_.size()) {
+            if (!request->uploadReader_->Next(request->uploadPiece_)) return 0;
+            request->uploadOffset_ = 0;
+        }
+        const std::size_t n = std::min(size * count, request->uploadPiece_.size() - request->uploadOffset_);
+        std::copy_n(request->uploadPiece_.data() + request->uploadOffset_, n, buffer);
+        request->uploadOffset_ += n;
+        return n;
+    } catch (...) {
+        request->callbackError_ = std::current_exception();
+        return CURL_READFUNC_ABORT;
+    }
+}
+
+static_assert(std::is_same_v<curl_off_t, std::int64_t>, "the seek callback's offset type");
+
+int HttpRequest::OnUploadSeek(void* self, std::int64_t offset, int origin) {
+    auto* request = static_cast<HttpRequest*>(self);
+    // libcurl only ever goes back to the start (to send the body again after a challenge): a new reader.
+    if (origin != SEEK_SET || offset != 0) return CURL_SEEKFUNC_CANTSEEK;
+    try {
+        request->uploadReader_ = request->upload_();
+        request->uploadPiece_.clear();
+        request->uploadOffset_ = 0;
+        return CURL_SEEKFUNC_OK;
+    } catch (...) {
+        request->callbackError_ = std::current_exception();
+        return CURL_SEEKFUNC_FAIL;
     }
 }
 
@@ -292,6 +371,7 @@ void HttpRequest::Abort() noexcept {
     headers_.clear();
     body_.clear();
     responseText_.clear();
+    sink_ = nullptr;
     haveReply_ = false;
 }
 

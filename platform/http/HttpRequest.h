@@ -4,9 +4,15 @@
 #pragma once
 
 #include <cstdint>
+#include <exception>
+#include <functional>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
+
+#include "core/ITextPieces.h"
 
 namespace platform {
 
@@ -23,6 +29,10 @@ struct HttpLimits {
 
 class HttpRequest {
 public:
+    // Takes the reply body piece by piece as it arrives, in place of ResponseText; an error it raises ends
+    // the transfer and is raised again by Send.
+    using BodySink = std::function<void(std::string_view piece)>;
+
     // The limits of every request object made from now on (and of later requests of existing ones).
     static void SetLimits(const HttpLimits& limits);
     static HttpLimits Limits();
@@ -44,10 +54,18 @@ public:
     void SetCredentials(const std::string& user, const std::string& password, bool forServer = true);
     // Adds a request header, sent in the order added; an empty value still sends the header.
     void SetRequestHeader(const std::string& name, const std::string& value);
+    // Hands the reply body of the next Send to `sink` instead of keeping it (ResponseText stays empty).
+    // Open drops the sink.
+    void SetResponseSink(BodySink sink) { sink_ = std::move(sink); }
     // Sends the request without a body and waits for the whole reply.
     void Send();
     // Sends the request with `body` (bytes unchanged) and waits for the whole reply.
     void Send(const std::string& body);
+    // Sends the request with the `size` bytes that a reader from `body` gives (a text kept on disk), read a
+    // piece at a time as they go out, and waits for the whole reply. `body` is asked for a new reader when
+    // the body must go again from its start (an authentication challenge); a reader's error ends the
+    // transfer and is raised again here.
+    void Send(const core::TextPiecesSource& body, std::uint64_t size);
     // The reply body, bytes unchanged; empty before a reply has arrived.
     const std::string& ResponseText() const { return responseText_; }
     // Hands the reply body over without copying it; ResponseText is empty afterwards.
@@ -64,10 +82,13 @@ public:
     static void SetServiceCaFile(const std::string& path);
 
 private:
-    void Perform(const std::string* body);
+    // A body in memory (`body`), read from `upload_` (`uploadSize` bytes), or none.
+    void Perform(const std::string* body, std::optional<std::uint64_t> uploadSize = std::nullopt);
     // After an exchange that carried a challenge: from now on ask for the scheme the server named, alone.
     void NarrowAuth();
     static std::size_t OnBody(char* data, std::size_t size, std::size_t count, void* self);
+    static std::size_t OnUpload(char* buffer, std::size_t size, std::size_t count, void* self);
+    static int OnUploadSeek(void* self, std::int64_t offset, int origin);
 
     void* curl_ = nullptr;  // CURL*, kept opaque so that callers need no libcurl header
     std::string method_;
@@ -75,8 +96,18 @@ private:
     std::vector<std::pair<std::string, std::string>> headers_;
     std::string body_;
     std::string responseText_;
+    BodySink sink_;
+    // The body being read for the current Send, with its current piece and the bytes of it handed over.
+    core::TextPiecesSource upload_;
+    core::TextPiecesPtr uploadReader_;
+    std::string uploadPiece_;
+    std::size_t uploadOffset_ = 0;
+    // What the sink or the body's reader raised, kept across libcurl to be raised again after the transfer.
+    std::exception_ptr callbackError_;
     // The reply body outgrew the limit: the transfer was stopped on purpose.
     bool overLimit_ = false;
+    // Bytes of the reply body handed to the sink so far.
+    std::uint64_t sunkBytes_ = 0;
     bool haveReply_ = false;
     // Credentials are set and any scheme is still allowed: the server has not yet named its own.
     bool schemeOpen_ = false;

@@ -73,6 +73,9 @@ void SocketControl::Accept(std::int32_t requestId) {
     pending_ = nullptr;
     received_.clear();
     errorRaised_ = false;
+    // A response that goes out in several writes (a message read in pieces) must not have its last bytes
+    // wait for the client's acknowledgement of the ones before: the client is waiting for them.
+    socket_->setSocketOption(QAbstractSocket::LowDelayOption, 1);
     connect(socket_, &QTcpSocket::readyRead, this, &SocketControl::OnReadyRead);
     connect(socket_, &QTcpSocket::bytesWritten, this, &SocketControl::OnBytesWritten);
     connect(socket_, &QTcpSocket::errorOccurred, this, &SocketControl::OnSocketError);
@@ -118,12 +121,24 @@ void SocketControl::SendShared(std::shared_ptr<const std::string> data) {
     if (!socket_ || state_ != kConnected) RaiseWrongState();
     if (!data || data->empty()) return;
     outgoingBytes_ += static_cast<std::int64_t>(data->size());
-    outgoing_.push_back(std::move(data));
+    outgoing_.push_back(Outgoing{std::move(data), nullptr});
+    PushQueued();
+}
+
+void SocketControl::SendPieces(core::TextPiecesPtr pieces) {
+    if (!socket_ || state_ != kConnected) RaiseWrongState();
+    if (!pieces) return;
+    outgoing_.push_back(Outgoing{nullptr, std::move(pieces)});
+    PushQueued();
+}
+
+void SocketControl::PushQueued() {
     Feed();
     // The first bytes leave now, not at the next turn of the event loop, so that the client is receiving
     // while the caller goes on (a long response is logged after it has been queued). What the connection
     // reports in the meantime reaches the sink at the next turn, as it would have without this push.
     QTcpSocket* socket = socket_;
+    if (!socket) return;
     sending_ = true;
     socket->flush();
     sending_ = false;
@@ -149,28 +164,69 @@ void SocketControl::ReportEarlyWrites() {
 void SocketControl::RaiseSendEvents(qint64 bytes, std::int32_t remaining) {
     QTcpSocket* socket = socket_;
     RaiseEvent([&](core::ISocketEvents& sink) { sink.OnSendProgress(static_cast<std::int32_t>(bytes), remaining); });
-    if (socket_ == socket && remaining == 0) RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    if (socket_ == socket && remaining == 0 && NothingLeft()) {
+        RaiseEvent([](core::ISocketEvents& sink) { sink.OnSendComplete(); });
+    }
 }
 
 void SocketControl::Feed(bool everything) {
+    // A connection that is gone takes nothing more: a text still to be read is not read for nothing.
+    if (everything && socket_ && socket_->state() != QAbstractSocket::ConnectedState) return;
     while (socket_ && !outgoing_.empty() && (everything || socket_->bytesToWrite() < kSliceBytes)) {
-        const std::string& text = *outgoing_.front();
+        Outgoing& front = outgoing_.front();
+        if (front.pieces && (!front.text || outgoingOffset_ == front.text->size())) {
+            // The piece at hand has gone: read the next one, or drop the text at its end.
+            auto piece = std::make_shared<std::string>();
+            bool more = false;
+            try {
+                more = front.pieces->Next(*piece);
+            } catch (...) {
+                FailSend(core::CurrentError());
+                return;
+            }
+            outgoingOffset_ = 0;
+            if (!more) {
+                outgoing_.pop_front();
+                continue;
+            }
+            outgoingBytes_ += static_cast<std::int64_t>(piece->size());
+            front.text = std::move(piece);
+        }
+        const std::string& text = *front.text;
         const std::size_t left = text.size() - outgoingOffset_;
         const std::size_t slice = everything ? left : std::min(left, static_cast<std::size_t>(kSliceBytes));
         socket_->write(text.data() + outgoingOffset_, static_cast<qint64>(slice));
         outgoingBytes_ -= static_cast<std::int64_t>(slice);
         outgoingOffset_ += slice;
-        if (outgoingOffset_ == text.size()) {
+        if (outgoingOffset_ == text.size() && !front.pieces) {
             outgoing_.pop_front();
             outgoingOffset_ = 0;
         }
     }
 }
 
+void SocketControl::FailSend(const core::Error& error) {
+    QTcpSocket* socket = socket_;
+    outgoing_.clear();
+    outgoingOffset_ = 0;
+    outgoingBytes_ = 0;
+    // Broken off, not closed: what the client has is visibly cut (no end line follows).
+    errorRaised_ = true;
+    state_ = kError;
+    socket->abort();
+    const std::int32_t number = error.Number();
+    const std::string& text = error.Description();
+    QTimer::singleShot(0, this, [this, socket, number, text] {
+        if (socket_ == socket) RaiseEvent([&](core::ISocketEvents& sink) { sink.OnError(number, text); });
+    });
+}
+
 std::int32_t SocketControl::BytesRemaining() const {
     const std::int64_t total = (socket_ ? socket_->bytesToWrite() : 0) + outgoingBytes_;
     return static_cast<std::int32_t>(std::min<std::int64_t>(total, std::numeric_limits<std::int32_t>::max()));
 }
+
+bool SocketControl::NothingLeft() const { return outgoing_.empty() && (!socket_ || socket_->bytesToWrite() == 0); }
 
 template <typename Step>
 void SocketControl::Later(QTcpSocket* socket, Step step) {

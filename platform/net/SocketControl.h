@@ -46,6 +46,10 @@ public:
     // Keeps `data` and hands it to the connection a slice at a time, so that a long text is never copied
     // whole into the connection's buffer; the first bytes leave at once.
     void SendShared(std::shared_ptr<const std::string> data) override;
+    // Reads a piece whenever the connection's buffer runs low, so that no more than about one slice of the
+    // text is in memory at a time. A piece that cannot be read breaks the connection (the error event), so
+    // that the client never takes a cut text for a whole one.
+    void SendPieces(core::TextPiecesPtr pieces) override;
 
 private:
     void OnNewConnection();
@@ -56,12 +60,19 @@ private:
     void CatchUpAfterAccept(QTcpSocket* socket);
     // Tops the connection's buffer up from the queued texts, to one slice or everything.
     void Feed(bool everything = false);
-    // Raises the send progress (and, when nothing remains, completion) events for bytes that have gone.
+    // Pushes the first bytes of what was just queued out at once (SendShared, SendPieces).
+    void PushQueued();
+    // Ends the connection whose queued text could not be read, with the error event at the next turn.
+    void FailSend(const core::Error& error);
+    // Raises the send progress (and, when nothing is left to send, completion) events for bytes that have gone.
     void RaiseSendEvents(qint64 bytes, std::int32_t remaining);
     // Reports the bytes that left while SendShared pushed them, if not reported yet.
     void ReportEarlyWrites();
-    // Bytes queued here and in the connection's buffer, not yet handed to the system.
+    // Bytes queued here and in the connection's buffer, not yet handed to the system, as far as known: a text
+    // read in pieces counts only the pieces already read.
     std::int32_t BytesRemaining() const;
+    // Whether nothing at all is left to send, texts still to be read included.
+    bool NothingLeft() const;
     // Runs `step` at the next turn of the event loop if the connection still carries `socket` then.
     template <typename Step>
     void Later(QTcpSocket* socket, Step step);
@@ -81,8 +92,13 @@ private:
     std::int32_t nextRequestId_ = 1;
     QTcpSocket* socket_ = nullptr;
     QByteArray received_;
+    // A queued text: whole (`text`), or read in pieces (`pieces`, with the piece at hand in `text`).
+    struct Outgoing {
+        std::shared_ptr<const std::string> text;
+        core::TextPiecesPtr pieces;
+    };
     // Texts not yet handed to the connection, the first one from outgoingOffset_ on.
-    std::deque<std::shared_ptr<const std::string>> outgoing_;
+    std::deque<Outgoing> outgoing_;
     std::size_t outgoingOffset_ = 0;
     std::int64_t outgoingBytes_ = 0;
     // While SendShared pushes the first bytes out: the connection's signals then wait for the next turn.

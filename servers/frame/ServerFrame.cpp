@@ -21,6 +21,40 @@ constexpr const char* kCrLf = "\r\n";
 // Ports below this one need privileges.
 constexpr std::int32_t kFirstUnprivilegedPort = 1024;
 
+// A text read in pieces with CR LF added to its last piece: the response as it goes out, in one stream, so
+// that its end never waits in a small packet of its own.
+class CrLfAfter : public core::ITextPieces {
+public:
+    explicit CrLfAfter(core::TextPiecesPtr text) : text_(std::move(text)) {}
+
+    bool Next(std::string& piece) override {
+        if (done_) {
+            piece.clear();
+            return false;
+        }
+        // One piece ahead, so that the CR LF joins the last one.
+        if (!started_) {
+            started_ = true;
+            haveNext_ = text_->Next(next_);
+        }
+        piece = std::move(next_);
+        next_.clear();
+        haveNext_ = haveNext_ && text_->Next(next_);
+        if (!haveNext_) {
+            piece += kCrLf;
+            done_ = true;
+        }
+        return true;
+    }
+
+private:
+    core::TextPiecesPtr text_;
+    std::string next_;
+    bool started_ = false;
+    bool haveNext_ = false;
+    bool done_ = false;
+};
+
 }  // namespace
 
 ServerFrame::ServerFrame(core::IGatewayHost& host, ServerProfile profile, CommandTable commands)
@@ -218,7 +252,11 @@ void ServerFrame::RunCommand(const Command& command, const Request& request) {
 void ServerFrame::SendReply(Reply reply) {
     switch (reply.kind) {
         case Reply::Kind::kResponse:
-            SendResponse(std::move(reply.text));
+            if (reply.pieces) {
+                SendStreamedResponse(reply.pieces);
+            } else {
+                SendResponse(std::move(reply.text));
+            }
             break;
         case Reply::Kind::kError:
             SendErrorResponse(reply.text);
@@ -245,6 +283,14 @@ void ServerFrame::SendResponse(std::string text) {
     const auto sent = std::make_shared<const std::string>(std::move(text));
     objWinsock->SendShared(sent);
     host_.WriteLogParts("SERVER_RESPONSE: ", std::string_view(*sent).substr(held, length), sent);
+}
+
+void ServerFrame::SendStreamedResponse(const core::TextPiecesSource& pieces) {
+    if (!objWinsock) core::Raise(core::ErrorNumber::kObjectNotSet);
+    holdTimer_->stop();
+    SendHeldReplies();
+    objWinsock->SendPieces(std::make_unique<CrLfAfter>(pieces()));
+    host_.WriteLogPieces("SERVER_RESPONSE: ", *pieces());
 }
 
 void ServerFrame::SendErrorResponse(const std::string& message) {

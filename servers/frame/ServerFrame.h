@@ -123,6 +123,9 @@ private:
     // Sends the held replies and then `text` with CR LF, and logs "SERVER_RESPONSE: " + text. The text is
     // taken over, not copied: the CR LF is added in place and the socket and the log share the one text.
     void SendResponse(std::string text);
+    // Sends the held replies and then the text `pieces` reads with CR LF, and logs "SERVER_RESPONSE: " + that
+    // text, each reading it anew in pieces.
+    void SendStreamedResponse(const core::TextPiecesSource& pieces);
     // Drops the held replies, then sends and logs the error prefix + `message`.
     void SendErrorResponse(const std::string& message);
     // Keeps `text` with CR LF back and (re)starts the hold timer.

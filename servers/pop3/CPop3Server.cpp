@@ -110,8 +110,12 @@ frame::Reply CPop3Server::HandleUIDL(const Request& request) {
 
 frame::Reply CPop3Server::HandleRETR(const Request& request) {
     ConnectToHotmail();
-    return Reply::Response(
-        R::BuildRETRResponse(Mailbox.Select(request.argument), Host().ApplicationName(), Host().ApplicationVersion()));
+    // The message is read from its spool file as the client takes it, never whole into memory. The record
+    // stays with the loaded mailbox, and the reply keeps its own share of it while the socket and the log read.
+    const mailservice::CHotmailMessage& message = Mailbox.Select(request.argument);
+    return Reply::StreamedResponse([message, name = Host().ApplicationName(), version = Host().ApplicationVersion()] {
+        return R::RETRResponsePieces(message, name, version);
+    });
 }
 
 // The loaded view stays as it is, so the message keeps its number, its place in STAT, LIST and UIDL, and its

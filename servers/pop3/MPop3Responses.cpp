@@ -1,5 +1,7 @@
 #include "servers/pop3/MPop3Responses.h"
 
+#include <utility>
+
 #include "core/Convert.h"
 
 namespace servers::pop3::MPop3Responses {
@@ -59,48 +61,85 @@ namespace {
 
 constexpr std::string_view kDotLine = "\r\n.";
 
-// The number of lines of `body` that begin with ".": the extra bytes that stuffing adds.
-std::size_t CountDotLines(std::string_view body) {
-    std::size_t count = body.starts_with('.') ? 1 : 0;
-    for (std::size_t at = body.find(kDotLine); at != std::string_view::npos; at = body.find(kDotLine, at + 3)) ++count;
-    return count;
-}
+// The RETR response: its two head lines, the body stuffed piece by piece, then the final CR LF ".".
+class RetrPieces : public core::ITextPieces {
+public:
+    RetrPieces(std::string head, core::TextPiecesPtr body) : head_(std::move(head)), body_(std::move(body)) {}
 
-// Appends `body` to `out` with one more "." in front of every line that begins with "." (lines begin at the
-// start and after each CR LF), copying the stretches between such lines whole.
-void AppendStuffed(std::string& out, std::string_view body) {
-    if (body.starts_with('.')) out += '.';
-    std::size_t from = 0;
-    for (std::size_t at = body.find(kDotLine); at != std::string_view::npos; at = body.find(kDotLine, at + 3)) {
-        out.append(body.substr(from, at + kCrLf.size() - from));
-        out += '.';
-        from = at + kCrLf.size();
+    bool Next(std::string& piece) override {
+        piece.clear();
+        switch (stage_) {
+            case Stage::kHead:
+                // The head lines go out with the first stretch of the body, not in a small packet of their own.
+                piece = std::move(head_);
+                stage_ = Stage::kBody;
+                [[fallthrough]];
+            case Stage::kBody:
+                if (body_->Next(raw_)) {
+                    stuffer_.Append(piece, raw_);
+                    return true;
+                }
+                stage_ = Stage::kDone;
+                piece.append(kCrLf).append(".");
+                return true;
+            case Stage::kDone:
+                break;
+        }
+        return false;
     }
-    out.append(body.substr(from));
-}
+
+private:
+    enum class Stage { kHead, kBody, kDone };
+
+    Stage stage_ = Stage::kHead;
+    std::string head_;
+    core::TextPiecesPtr body_;
+    std::string raw_;
+    DotStuffer stuffer_;
+};
 
 }  // namespace
 
+void DotStuffer::Append(std::string& out, std::string_view piece) {
+    if (piece.empty()) return;
+    std::size_t from = 0;
+    if (atLineStart_ && piece.front() == '.') {
+        out += '.';
+    } else if (afterCr_ && piece.starts_with("\n.")) {
+        // The CR LF that starts this line was cut between the pieces.
+        out += '\n';
+        out += '.';
+        from = 1;
+    }
+    for (std::size_t at = piece.find(kDotLine, from); at != std::string_view::npos;
+         at = piece.find(kDotLine, at + kDotLine.size())) {
+        out.append(piece.substr(from, at + kCrLf.size() - from));
+        out += '.';
+        from = at + kCrLf.size();
+    }
+    out.append(piece.substr(from));
+    atLineStart_ = piece.ends_with(kCrLf) || (afterCr_ && piece == "\n");
+    afterCr_ = piece.back() == '\r';
+}
+
 std::string StuffDots(std::string_view body) {
     std::string out;
-    out.reserve(body.size() + CountDotLines(body));
-    AppendStuffed(out, body);
+    DotStuffer().Append(out, body);
     return out;
+}
+
+core::TextPiecesPtr RETRResponsePieces(const mailservice::CHotmailMessage& message, const std::string& appName,
+                                       const std::string& appVersion, std::size_t pieceBytes) {
+    std::string head = "+OK " + message.mLength + " octets";
+    head += kCrLf;
+    head += "X-Application: " + appName + " - " + appVersion;
+    head += kCrLf;
+    return std::make_unique<RetrPieces>(std::move(head), message.mBody.Pieces(pieceBytes));
 }
 
 std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const std::string& appName,
                               const std::string& appVersion) {
-    std::string out = "+OK " + message.mLength + " octets";
-    out += kCrLf;
-    out += "X-Application: " + appName + " - " + appVersion;
-    out += kCrLf;
-    // Exactly the room the whole response needs, the frame's final CR LF included: a message of many
-    // megabytes is stuffed straight into it and never copied or moved again.
-    out.reserve(out.size() + message.mBody.size() + CountDotLines(message.mBody) + 2 * kCrLf.size() + 1);
-    AppendStuffed(out, message.mBody);
-    out += kCrLf;
-    out += ".";
-    return out;
+    return core::ReadAllPieces(*RETRResponsePieces(message, appName, appVersion));
 }
 
 }  // namespace servers::pop3::MPop3Responses

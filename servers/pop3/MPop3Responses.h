@@ -10,6 +10,8 @@
 #include <string_view>
 
 #include "core/Collection.h"
+#include "core/ITextPieces.h"
+#include "core/SpoolText.h"
 #include "mailservice/CHotmailMessage.h"
 
 namespace servers::pop3::MPop3Responses {
@@ -39,12 +41,30 @@ std::string BuildUIDLItemResponse(const std::string& argument, const mailservice
 // `messageId` ":" `from` with every "@" and space of `from` made ":", cut to kUniqueIdMaxLength characters.
 std::string GetUIDLUniqueID(const std::string& messageId, const std::string& from);
 
-// "+OK <mLength> octets", the "X-Application: <name> - <version>" line, the byte-stuffed body, CR LF, ".".
+// "+OK <mLength> octets", the "X-Application: <name> - <version>" line, the byte-stuffed body, CR LF, ".",
+// read in pieces: the body comes from its spool file `pieceBytes` at a time, stuffed as it comes.
+core::TextPiecesPtr RETRResponsePieces(const mailservice::CHotmailMessage& message, const std::string& appName,
+                                       const std::string& appVersion,
+                                       std::size_t pieceBytes = core::SpoolText::kPieceBytes);
+
+// The whole RETR response at once (RETRResponsePieces read to the end); for short messages.
 std::string BuildRETRResponse(const mailservice::CHotmailMessage& message, const std::string& appName,
                               const std::string& appVersion);
 
-// `body` with one more "." in front of every line that begins with "." (lines begin at the start and after
-// each CR LF); nothing else changes.
+// Dot stuffing of a text that arrives in pieces: one more "." in front of every line that begins with "."
+// (lines begin at the start and after each CR LF), nothing else changed, the same bytes wherever the text
+// is cut, a CR LF split between two pieces included.
+class DotStuffer {
+public:
+    // Appends `piece`, stuffed, to `out`.
+    void Append(std::string& out, std::string_view piece);
+
+private:
+    bool atLineStart_ = true;  // the text so far is empty or ends in CR LF
+    bool afterCr_ = false;     // the text so far ends in CR
+};
+
+// `body` stuffed whole (one DotStuffer over the one piece).
 std::string StuffDots(std::string_view body);
 
 }  // namespace servers::pop3::MPop3Responses

@@ -1,6 +1,7 @@
 #include "servers/smtp/CSmtpServer.h"
 
 #include <algorithm>
+#include <memory>
 #include <utility>
 
 #include "core/Ascii.h"
@@ -11,6 +12,34 @@ namespace servers::smtp {
 namespace {
 
 constexpr std::string_view kEndOfData = "\r\n.\r\n";
+
+// The relayed text in pieces: the envelope lines, then the message from its spool file, then the end lines.
+class EnvelopedText : public core::ITextPieces {
+public:
+    EnvelopedText(std::string head, core::TextPiecesPtr body, std::string tail)
+        : head_(std::move(head)), body_(std::move(body)), tail_(std::move(tail)) {}
+
+    bool Next(std::string& piece) override {
+        piece.clear();
+        if (!headDone_) {
+            headDone_ = true;
+            piece = head_;
+            return true;
+        }
+        if (body_->Next(piece)) return true;
+        if (tailDone_) return false;
+        tailDone_ = true;
+        piece = tail_;
+        return true;
+    }
+
+private:
+    std::string head_;
+    core::TextPiecesPtr body_;
+    std::string tail_;
+    bool headDone_ = false;
+    bool tailDone_ = false;
+};
 
 frame::ServerProfile SmtpProfile() {
     return frame::ServerProfile{
@@ -60,7 +89,7 @@ std::string CSmtpServer::GetArgument(std::string_view text) {
 
 frame::Request CSmtpServer::ReadRequest(std::string& arrival) const {
     if (!DataMode) return ReadCommand(arrival);
-    const std::size_t end = FindEndOfData(MailData, arrival);
+    const std::size_t end = FindEndOfData(MailDataTail, arrival);
     // Message chunks are not logged; only the end mark tells the last chunk from the others.
     Request chunk{end == std::string::npos ? "MESG" : "SEND", {}, {}, /*logged=*/false};
     if (end == std::string::npos || end == arrival.size()) {
@@ -111,8 +140,10 @@ frame::Reply CSmtpServer::HandleRCPT(const Request& request) {
 }
 
 frame::Reply CSmtpServer::HandleDATA(const Request& /*request*/) {
+    // A file that cannot be made refuses DATA: the client keeps its message.
+    MailData = core::SpoolFile::Create();
+    MailDataTail.clear();
     DataMode = true;
-    MailData.clear();
     return Reply::Response("354 ok");
 }
 
@@ -120,8 +151,16 @@ frame::Reply CSmtpServer::HandleDATA(const Request& /*request*/) {
 // until the client waits for it: a mail reader that streams its message must find the reply to its end of
 // data first when it reads (the frame's held replies).
 frame::Reply CSmtpServer::HandleMESG(const Request& request) {
-    MailData += request.text;
+    AppendMailData(request.text);
     return Reply::Held("250 ok");
+}
+
+void CSmtpServer::AppendMailData(std::string_view chunk) {
+    if (!MailData) core::Raise(core::ErrorNumber::kObjectNotSet);
+    // A failed write stays with the file (SpoolFile), which HandleSEND checks before anything is relayed.
+    (void)core::SkipOnError([&] { MailData->Append(chunk); });
+    MailDataTail.append(chunk);
+    MailDataTail.erase(0, MailDataTail.size() - std::min(MailDataTail.size(), kEndOfData.size() - 1));
 }
 
 frame::Reply CSmtpServer::HandleSEND(const Request& request) {
@@ -130,14 +169,19 @@ frame::Reply CSmtpServer::HandleSEND(const Request& request) {
         // mark's five bytes do not (BuildMessage puts back its CR LF and "." line, so that the relayed text
         // ends as the client's data did). Right after DATA the mark starts with that line's own CR LF, which
         // never reached MailData.
-        MailData += request.text;
-        MailData.resize(MailData.size() - std::min(MailData.size(), kEndOfData.size()));
+        AppendMailData(request.text);
     }
     // The data phase ends in every outcome, a failed log-in or post included.
     DataMode = false;
+    if (!MailData) core::Raise(core::ErrorNumber::kObjectNotSet);
+    // A message the file could not take whole (a full disk) is refused, never relayed cut short.
+    MailData->CheckWritten();
+    const core::SpoolText text(MailData, 0,
+                               MailData->Size() - std::min<std::uint64_t>(MailData->Size(), kEndOfData.size()));
     ConnectToHotmail();
     if (!LoggedIn) return Reply::Error(std::string(kCredentialsUnavailable));
-    ConnectionHotmail().SendMail(BuildMessage(MailData));
+    const RelayedText relayed = BuildMessage(text);
+    ConnectionHotmail().SendMail(relayed.pieces, relayed.size);
     return Reply::Response("250 message queued");
 }
 
@@ -163,23 +207,29 @@ void CSmtpServer::ConnectToHotmail() {
     });
 }
 
-std::string CSmtpServer::BuildMessage(const std::string& messageText) const {
+CSmtpServer::RelayedText CSmtpServer::BuildMessage(const core::SpoolText& messageText) const {
     return core::Trap("BuildMessage Method", [&] {
         const std::string lines[] = {"MAIL FROM:" + MailFrom, "RCPT TO:" + RcptTo, {}};
-        std::string text;
-        text.reserve(MailFrom.size() + RcptTo.size() + messageText.size() + 32);
-        for (const std::string& line : lines) text += FormatResponse(line);
+        std::string head;
+        for (const std::string& line : lines) head += FormatResponse(line);
         // As received: dot-stuffing and line ends stay as the client sent them. The CR LF and "." line after
         // it are the end mark the client sent.
-        text += messageText;
-        text += FormatResponse({});
-        text += FormatResponse(".");
-        return text;
+        std::string tail = FormatResponse({}) + FormatResponse(".");
+        const std::uint64_t size = head.size() + messageText.Size() + tail.size();
+        return RelayedText{[head = std::move(head), messageText, tail = std::move(tail)] {
+                               return std::make_unique<EnvelopedText>(head, messageText.Pieces(), tail);
+                           },
+                           size};
     });
 }
 
 void CSmtpServer::ResetConnectionState() { LoggedIn = false; }
 
-void CSmtpServer::ResetSessionState() { DataMode = false; }
+void CSmtpServer::ResetSessionState() {
+    DataMode = false;
+    // The text of an unfinished message goes with the session.
+    MailData.reset();
+    MailDataTail.clear();
+}
 
 }  // namespace servers::smtp

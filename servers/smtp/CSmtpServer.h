@@ -4,10 +4,15 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "core/IGatewayHost.h"
+#include "core/ITextPieces.h"
+#include "core/SpoolFile.h"
+#include "core/SpoolText.h"
 #include "servers/frame/Reply.h"
 #include "servers/frame/Request.h"
 #include "servers/frame/ServerFrame.h"
@@ -61,8 +66,16 @@ private:
     // Logs the connection's service client in with the host's credentials, once per connection; does
     // nothing while no user name is available.
     void ConnectToHotmail();
-    // The message/rfc821 text posted for `messageText`: envelope lines, an empty line, the text, ".".
-    std::string BuildMessage(const std::string& messageText) const;
+    // The message/rfc821 text posted for `messageText`, read in pieces (the text from its spool file), and
+    // its size: envelope lines, an empty line, the text, CR LF, ".", CR LF.
+    struct RelayedText {
+        core::TextPiecesSource pieces;
+        std::uint64_t size = 0;
+    };
+    RelayedText BuildMessage(const core::SpoolText& messageText) const;
+    // Appends a chunk of the data to MailData. A chunk the file cannot take leaves MailData failed, to be
+    // reported at the end of the data rather than in the middle of a client's stream.
+    void AppendMailData(std::string_view chunk);
 
     // LoggedIn goes with the connection's service client, DataMode with the session.
     void ResetConnectionState() override;
@@ -72,8 +85,11 @@ private:
     // connections until the next MAIL or RCPT.
     std::string MailFrom;
     std::string RcptTo;
-    // The message text collected in the current data phase, as received.
-    std::string MailData;
+    // The message text collected in the current data phase, as received: appended to a file of its own as it
+    // comes, so that a message of tens of megabytes is never held in memory. Its last few bytes are kept in
+    // MailDataTail too, where an end mark that begins in the text before an arrival is looked for.
+    std::shared_ptr<core::SpoolFile> MailData;
+    std::string MailDataTail;
     // The connection's service client has been logged in.
     bool LoggedIn = false;
     // From an accepted DATA until the end of the data: arrivals are message chunks, not commands.

@@ -8,6 +8,7 @@ build folder at the top of the tree. Everything listens on 127.0.0.1 only.
 
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -134,10 +135,12 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None, gateway_limits=None):
         self.webmail_args = list(webmail_args)
         self.gateway_args = list(gateway_args)
         self.gateway_env = dict(gateway_env or {})
+        # {resource.RLIMIT_...: soft limit} set for the gateway process alone.
+        self.gateway_limits = dict(gateway_limits or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -218,7 +221,8 @@ class Stack:
                 [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
                  "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
                  "--service-url", self.service_url()] + self.gateway_args,
-                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
+                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
+                preexec_fn=self._set_gateway_limits if self.gateway_limits else None)
             deadline = time.monotonic() + START_TIMEOUT
             while time.monotonic() < deadline and self.gateway.poll() is None:
                 if is_listening(self.pop3_port) and is_listening(self.smtp_port):
@@ -228,6 +232,11 @@ class Stack:
             stop_process(self.gateway)
             self._gateway_out.close()
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
+
+    def _set_gateway_limits(self):
+        for which, soft in self.gateway_limits.items():
+            _, hard = resource.getrlimit(which)
+            resource.setrlimit(which, (soft, hard))
 
     # -- what the processes said
 

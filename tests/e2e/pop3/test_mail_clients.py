@@ -100,6 +100,9 @@ class Readers(unittest.TestCase):
         self.assertEqual(curl(""), b"".join(b"%d %d\r\n" % (i, len(m)) for i, m in enumerate(mail, start=1)))
         for i, body in enumerate(mail, start=1):
             self.assertTrue(curl(str(i)) == APP_LINE + b"\r\n" + body + b"\r\n", "message %d differs" % i)
+        # The headless log holds each answer whole as one entry, the big one written piece by piece.
+        entry = b"SERVER_RESPONSE: +OK %d octets\r\n%s\r\n%s\r\n.\r\n" % (len(BIG), APP_LINE, M.stuffed(BIG))
+        self.assertIn(entry, stack.gateway_log().encode("latin-1"), "the RETR log entry of the big message is not whole")
 
     def test_fetchmail_fetches_and_deletes(self):
         # "invisible" keeps fetchmail from adding a Received line; sslproto "" lets it speak plain POP3 (it

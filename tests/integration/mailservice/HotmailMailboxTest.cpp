@@ -51,7 +51,7 @@ TEST_F(HotmailListingTest, ListingFetchesEveryMessageAndKeysRecordsByPosition) {
     EXPECT_EQ(m.mURL, svc_.Url("/msg/B"));
     EXPECT_EQ(m.mSubject + "|" + m.mTo + "|" + m.mFrom + "|" + m.mFromAddress,
               "Subject|to-B|from-B|B@example.invalid");
-    EXPECT_EQ(m.mBody, "body of B");
+    EXPECT_EQ(m.mBody.ReadAll(), "body of B");
     EXPECT_EQ(m.mDate, "31/12/2001 23:05:09");
     EXPECT_EQ(m.mRead, 0);
     EXPECT_FALSE(m.mHasAttachment);
@@ -82,7 +82,7 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
     EXPECT_EQ(mails->Item(2)->mDate, "");
     EXPECT_EQ(mails->Item(3)->mDate, "");
     EXPECT_EQ(mails->Item(2)->mRead, 0);
-    EXPECT_EQ(mails->Item(3)->mBody, "body of C");
+    EXPECT_EQ(mails->Item(3)->mBody.ReadAll(), "body of C");
     EXPECT_FALSE(core::MErrorHandler::HasKeptError());
 }
 
@@ -104,7 +104,7 @@ TEST_F(HotmailListingTest, EntryBeyondTheLastPropertyListGetsOnlyItsAddress) {
     EXPECT_EQ(mails->Item(2)->mURL, svc_.Url("/msg/B"));
     EXPECT_EQ(mails->Item(2)->mMessageID, "");
     EXPECT_EQ(mails->Item(2)->mSubject, "");
-    EXPECT_EQ(mails->Item(2)->mBody, "body of B");
+    EXPECT_EQ(mails->Item(2)->mBody.ReadAll(), "body of B");
 }
 
 TEST_F(HotmailListingTest, MessageTextComesBackByteForByteWhateverTheStatusAndNothingIsStored) {

@@ -70,7 +70,7 @@ TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
         EXPECT_TRUE(reqs[0].ExtraHeaderNames().empty());
         EXPECT_EQ(reqs[1].path, "/folder");
         ASSERT_EQ(mail_.GetMailCollection()->Count(), 1);
-        EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody, "text");
+        EXPECT_EQ(mail_.GetMailCollection()->Item(1)->mBody.ReadAll(), "text");
         EXPECT_EQ(mail_.HotmailError(), "207 listed");
     }
 }
@@ -93,6 +93,61 @@ TEST_F(HotmailTest, SendMailPostsTheBodyUnchangedWithOneExtraHeader) {
     EXPECT_EQ(req.Header("Content-Type"), "message/rfc821");
     EXPECT_NE(headers.find("X-Dav-Error: 500 relay later\r\n"), std::string::npos) << headers;
     EXPECT_EQ(mail_.HotmailError(), "500 relay later");
+}
+
+// The message read in pieces from disk goes out byte for byte as the one in memory, also when a Digest
+// challenge makes libcurl send it a second time; a piece that cannot be read fails the post with its error.
+TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersError) {
+    core::MErrorHandler::ResetForTesting();
+    testing_support::FakeWebDavService svc(testing_support::FakeWebDavService::Auth::Digest, "sam", "sam pw");
+    mailservice::CHotmail::SetServiceEntryURL(svc.Url(kEntryPath));
+    mailservice::CHotmail mail;
+    mail.SetUserName("sam");
+    mail.SetPassword("sam pw");
+    svc.Enqueue(DavReply(LoginReply(svc.Url("/base"), {svc.Url("/ad"), svc.Url("/contacts"), svc.Url("/inbox"),
+                                                        svc.Url("/outbox"), svc.Url("/sent"), svc.Url("/trash"),
+                                                        svc.Url("/root")})));
+    svc.Enqueue(DavReply(FolderReply({{"/f/inbox", "Inbox"}})));
+    ASSERT_TRUE(mail.Connect());
+    std::string body = "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n\r\n.";
+    body.push_back('\0');
+    body.append(std::size_t{3} * core::SpoolText::kPieceBytes + 17, 'x');
+    body += "\r\n.\r\n";
+    const core::SpoolText stored = core::SpoolText::Store(body);
+    int readers = 0;
+    const core::TextPiecesSource source = [&] {
+        ++readers;
+        return stored.Pieces();
+    };
+    svc.Enqueue(DavReply("queued"));
+    EXPECT_NE(mail.SendMail(source, stored.Size()).find("X-Dav-Error: 200 No error\r\n"), std::string::npos);
+    svc.ExpireNonces();
+    svc.Enqueue(DavReply("queued"));
+    mail.SendMail(source, stored.Size());
+    std::vector<testing_support::RecordedRequest> requests = svc.Requests();
+    std::erase_if(requests, [](const auto& req) { return req.method != "POST"; });
+    ASSERT_EQ(requests.size(), 2U);
+    for (const auto& req : requests) {
+        EXPECT_EQ(req.path, "/outbox");
+        EXPECT_EQ(req.body.size(), body.size());
+        EXPECT_TRUE(req.body == body) << "the posted text differs";
+        EXPECT_EQ(req.ExtraHeaderNames(), std::vector<std::string>{"Content-Type"});
+    }
+    EXPECT_GT(svc.Challenges(), 1);
+    EXPECT_GE(readers, 3) << "the stale nonce's challenge sends the body again from a new reader";
+
+    struct Failing : core::ITextPieces {
+        bool Next(std::string& piece) override {
+            piece.assign(1000, 'y');
+            if (++calls > 2) core::Raise(core::ErrorNumber::kDeviceIo, "test");
+            return true;
+        }
+        int calls = 0;
+    };
+    const core::Error e =
+        testing_support::RaisedError([&] { mail.SendMail([] { return std::make_unique<Failing>(); }, 100000); });
+    EXPECT_EQ(e.Number(), core::ErrorNumber::kDeviceIo);
+    EXPECT_EQ(e.Source(), "SendMail Method");
 }
 
 // Every operation that reads "X-Dav-Error": stored like any reply whatever the status, and a failure when absent.

@@ -67,7 +67,7 @@ TEST(HotmailAuthTest, LoadOfNMessagesMakesNPlusThreeRequestsAndOneChallenge) {
         m.SetPassword("other");
         ASSERT_NO_THROW(m.ParseMailboxInfo(m.InboxURL()));
         ASSERT_EQ(m.GetMailCollection()->Count(), kMessages);
-        EXPECT_EQ(m.GetMailCollection()->Item(kMessages)->mBody, "text " + std::to_string(kMessages));
+        EXPECT_EQ(m.GetMailCollection()->Item(kMessages)->mBody.ReadAll(), "text " + std::to_string(kMessages));
         EXPECT_EQ(svc.Requests().size(), static_cast<std::size_t>(kMessages + 3));
         EXPECT_EQ(svc.Challenges(), 1);
 

@@ -127,6 +127,20 @@ TEST(HttpRequestTest, AReplyBeyondTheLimitIsRefusedAndNothingOfItKept) {
         EXPECT_EQ(RaisedErrorNumber([&] { http.Send(); }), c.number) << c.what;
         EXPECT_EQ(http.ResponseText(), c.number == 0 ? c.body : "") << c.what;
     }
+    // A body handed to a sink (kept on disk) is held to the same limit: the sink never gets more.
+    for (const auto& c : cases) {
+        svc.Enqueue(ScriptedReply{200, {}, c.body, c.breakOff});
+        http.Open("GET", svc.Url("/m"));
+        std::string sunk;
+        http.SetResponseSink([&](std::string_view piece) { sunk += piece; });
+        EXPECT_EQ(RaisedErrorNumber([&] { http.Send(); }), c.number) << c.what << ", to a sink";
+        EXPECT_EQ(http.ResponseText(), "") << c.what << ", to a sink";
+        if (c.number == 0) {
+            EXPECT_EQ(sunk, c.body) << c.what << ", to a sink";
+        } else {
+            EXPECT_LE(sunk.size(), 1000U) << c.what << ", to a sink";
+        }
+    }
 }
 
 }  // namespace

@@ -2,7 +2,10 @@
 // and only when the mailbox is needed, deletion on the service at once, failures answered "-ERR ", and the
 // credential store.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
+#include <algorithm>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -10,6 +13,7 @@
 #include "ServerTestSupport.h"
 #include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
+#include "servers/pop3/MPop3Responses.h"
 
 namespace {
 
@@ -125,6 +129,56 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
     EXPECT_EQ(reader->Ask("DELE 1\r\n"), "-ERR The connection with the server was terminated abnormally\r\n");
     EXPECT_EQ(reader->Ask("DELE 3\r\n"), "-ERR No such message\r\n");
     EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 3) << "a bad number calls nothing on the service";
+}
+
+// A message of several spool pieces and socket slices, with a line that begins with "." at each cut of the
+// spool's pieces, a CR LF split across one: the reader gets it exactly, stuffed, and the log holds it whole.
+TEST_F(Pop3HandlersTest, ALongMessageGoesOutInPiecesExactlyAsOneText) {
+    constexpr std::size_t kPiece = core::SpoolText::kPieceBytes;
+    std::string body(5 * kPiece + 123, 'x');
+    for (std::size_t at = 80; at < body.size(); at += 80) body.replace(at - 2, 2, "\r\n");
+    body.replace(kPiece - 2, 3, "\r\n.");      // CR LF before the first cut, the dot after it
+    body.replace(2 * kPiece, 3, "\r\n.");      // the second piece begins with the dot line's CR LF
+    body.replace(3 * kPiece - 1, 3, "\r\n.");  // CR before the third cut, LF and dot after it
+    const Listed big{"BIG", body};
+    ScriptLoad({big});
+    auto reader = LogIn();
+    const std::string retr = reader->AskMultiLine("RETR 1\r\n");
+    const std::string expected =
+        "+OK " + big.Size() + " octets\r\n" + kAppLine + servers::pop3::MPop3Responses::StuffDots(body) + "\r\n.\r\n";
+    EXPECT_EQ(retr.size(), expected.size());
+    EXPECT_TRUE(retr == expected) << "the retrieved text differs from the stuffed message";
+    EXPECT_EQ(servers::pop3::MPop3Responses::StuffDots(body).size(), body.size() + 3);
+    EXPECT_EQ(reader->Ask("QUIT\r\n"), kGoodBye);
+    ASSERT_TRUE(WaitForLog("CLIENT_REQUEST: QUIT\r\n"));
+    EXPECT_EQ(
+        std::count(host.log.begin(), host.log.end(), "SERVER_RESPONSE: " + expected.substr(0, expected.size() - 2)), 1);
+}
+
+// The file system refuses the spool's writes (here through the file size limit, which needs no privileges):
+// the reader gets an error, never the part of the message that fitted, and the next command loads again.
+TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAnError) {
+    const Listed big{"BIG", std::string(256 << 10, 'y')};
+    ScriptLoad({kPlain, big});
+    auto reader = LogIn();
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit small = before;
+    small.rlim_cur = 64 << 10;
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    const std::string stat = reader->Ask("STAT\r\n");
+    const std::string retr = reader->Ask("RETR 2\r\n");
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(stat, "-ERR Disk full\r\n");
+    // RETR loads again (the service's next replies are not scripted yet): still no message.
+    EXPECT_TRUE(retr.starts_with("-ERR ")) << retr;
+
+    ScriptLoad({kPlain, big});
+    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
+    EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
+              "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
 TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {

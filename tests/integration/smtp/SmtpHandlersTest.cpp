@@ -5,10 +5,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -258,6 +260,43 @@ TEST_F(SmtpHandlersTest, AClientThatClosesOrResetsWhileRepliesAreHeldLeavesNothi
         ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
     }
     EXPECT_TRUE(svc.Requests().empty());
+}
+
+}  // namespace
+
+namespace {
+
+// The message text goes to a file as it comes. When the file system refuses it (here the file size limit,
+// which needs no privileges), the client reads "Disk full" as the answer to its message, the held chunk
+// replies are dropped and nothing is relayed; the next message goes through whole.
+TEST_F(SmtpHandlersTest, AMessageTheFileCannotTakeIsRefusedAtItsEndAndNothingIsRelayed) {
+    server.SetReplyHoldTime(std::chrono::seconds(30));
+    Received();
+    ScriptLogIn(1);
+    auto client = Connect();
+    const std::string chunk = std::string(40000, 'z') + "\r\n";
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    rlimit small = before;
+    small.rlim_cur = 64 << 10;
+    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    Begin(*client);
+    for (int i = 0; i < 3; ++i) Stream(*client, chunk);
+    const std::string answer = client->Ask("last\r\n.\r\n");
+    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    std::signal(SIGXFSZ, oldHandler);
+    EXPECT_EQ(answer, "500 Disk full\r\n");
+    EXPECT_TRUE(Posted().empty());
+
+    Begin(*client);
+    for (int i = 0; i < 3; ++i) Stream(*client, chunk);
+    client->Send("last\r\n.\r\n");
+    // One held "250 ok" per arrival (a busy machine may join chunks), then the reply to the message.
+    std::string line = client->ReceiveLine();
+    for (int held = 0; line == "250 ok\r\n" && held < 3; ++held) line = client->ReceiveLine();
+    EXPECT_EQ(line, kQueued);
+    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + chunk + chunk + chunk + "last\r\n.\r\n"));
 }
 
 }  // namespace

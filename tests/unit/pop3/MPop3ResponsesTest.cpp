@@ -51,13 +51,16 @@ TEST(Pop3Responses, UniqueIdJoinsIdAndSenderWithColonsAndCutsAt69) {
     for (const auto& [id, from, expected] : cases) EXPECT_EQ(R::GetUIDLUniqueID(id, from), expected) << from;
 }
 
-TEST(Pop3Responses, RetrCarriesTheBodyDotStuffedAfterTheSizeAndApplicationLines) {
+// The body is read from its spool file in pieces and stuffed as it comes: every piece size gives the same
+// bytes, a CR LF or a dot line cut between two pieces included.
+TEST(Pop3Responses, RetrCarriesTheBodyDotStuffedAfterTheSizeAndApplicationLinesWhateverThePieceSize) {
     const std::string cases[][2] = {
         // A body that ends in CR LF gets one more before the "." line.
         {"Subject: a\r\n\r\nhello\r\n", "Subject: a\r\n\r\nhello\r\n\r\n."},
         {"Subject: a\r\n\r\nhello", "Subject: a\r\n\r\nhello\r\n."},
         {"", "\r\n."},
         {".start\r\nA\r\n.\r\n..x\r\na.b\r\n", "..start\r\nA\r\n..\r\n...x\r\na.b\r\n\r\n."},
+        {"\r\n.\r\n.\r\r\n.", "\r\n..\r\n..\r\r\n..\r\n."},
         // Only CR LF starts a line: a dot after a bare LF or CR stays as it is.
         {"a\n.b\r.c\r\n", "a\n.b\r.c\r\n\r\n."},
         {std::string("\xFF\x80\0b\r\n", 6), std::string("\xFF\x80\0b\r\n\r\n.", 9)},
@@ -65,10 +68,13 @@ TEST(Pop3Responses, RetrCarriesTheBodyDotStuffedAfterTheSizeAndApplicationLines)
     for (const auto& [body, expected] : cases) {
         CHotmailMessage m;
         m.mLength = "1200";
-        m.mBody = body;
-        EXPECT_EQ(R::BuildRETRResponse(m, "Tarnwick Gateway", "0.2.0"),
-                  "+OK 1200 octets\r\nX-Application: Tarnwick Gateway - 0.2.0\r\n" + expected)
-            << testing::PrintToString(body);
+        m.mBody = core::SpoolText::Store(body);
+        const std::string whole = "+OK 1200 octets\r\nX-Application: Tarnwick Gateway - 0.2.0\r\n" + expected;
+        EXPECT_EQ(R::BuildRETRResponse(m, "Tarnwick Gateway", "0.2.0"), whole) << testing::PrintToString(body);
+        for (std::size_t pieceBytes = 1; pieceBytes <= 4; ++pieceBytes) {
+            EXPECT_EQ(core::ReadAllPieces(*R::RETRResponsePieces(m, "Tarnwick Gateway", "0.2.0", pieceBytes)), whole)
+                << testing::PrintToString(body) << " in pieces of " << pieceBytes;
+        }
     }
 }
 
