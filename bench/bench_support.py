@@ -45,13 +45,23 @@ def binaries(args):
     return gateway, webmail
 
 
-def peak_rss_mb(pid):
-    """The process's peak resident set (VmHWM) so far, in MB."""
+def status_mb(pid, field):
+    """A memory figure of the process from /proc/PID/status ("VmRSS", "VmHWM"), in MB."""
     with open("/proc/%d/status" % pid) as f:
         for line in f:
-            if line.startswith("VmHWM:"):
+            if line.startswith(field + ":"):
                 return int(line.split()[1]) / 1024.0
     return float("nan")
+
+
+def peak_rss_mb(pid):
+    """The process's peak resident set (VmHWM) so far, in MB."""
+    return status_mb(pid, "VmHWM")
+
+
+def rss_mb(pid):
+    """The process's resident set (VmRSS) now, in MB."""
+    return status_mb(pid, "VmRSS")
 
 
 def reset_peak_rss(pid):

@@ -24,8 +24,10 @@ import tempfile
 import time
 
 HERE = os.path.dirname(os.path.abspath(__file__))
+sys.path.insert(0, HERE)
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 
+import bench_support as B  # noqa: E402
 import tarnwick_testing as T  # noqa: E402
 import messages  # noqa: E402
 
@@ -86,15 +88,6 @@ def empty_store(stack):
             os.remove(os.path.join(path, name))
 
 
-def peak_rss_mb(pid):
-    """The process's peak resident set (VmHWM) so far, in MB."""
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmHWM:"):
-                return int(line.split()[1]) / 1024.0
-    return float("nan")
-
-
 def describe(values):
     return "median %.3f s (%.3f-%.3f)" % (statistics.median(values), min(values), max(values))
 
@@ -137,7 +130,7 @@ def main():
                     empty_store(stack)
                     print("%2d MB pair %d: gateway %.3f s (%d chunk replies held), curl %.3f s" % (
                         mb, i + 1, gateway_times[-1], client.held, curl_times[-1]), flush=True)
-            results[mb] = (gateway_times, curl_times, len(stuffed), peak_rss_mb(stack.gateway.pid))
+            results[mb] = (gateway_times, curl_times, len(stuffed), B.peak_rss_mb(stack.gateway.pid))
     finally:
         stack.stop()
 

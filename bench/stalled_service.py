@@ -25,14 +25,6 @@ import bench_support as B  # noqa: E402
 from scripted_service import ENDLESS, SILENT, ScriptedService  # noqa: E402
 
 
-def rss_mb(pid):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1]) / 1024.0
-    return float("nan")
-
-
 def stat_wait(gateway_binary, failure, extra, wait, memory_cap_mb, workdir):
     """Seconds until STAT is answered (or `wait` ran out), the answer, and the gateway's memory: at start, the
     highest sampled, and after the answer."""
@@ -40,7 +32,7 @@ def stat_wait(gateway_binary, failure, extra, wait, memory_cap_mb, workdir):
     service.fail_next("login" if failure == SILENT else "inbox", failure)
     gateway = B.Gateway(gateway_binary, service.entry_url(), workdir, extra_args=extra)
     try:
-        start_mb = rss_mb(gateway.proc.pid)
+        start_mb = B.rss_mb(gateway.proc.pid)
         pop = poplib.POP3(B.HOST, gateway.pop3_port, timeout=wait)
         pop.user("ann")
         pop.pass_("secret")
@@ -49,7 +41,7 @@ def stat_wait(gateway_binary, failure, extra, wait, memory_cap_mb, workdir):
         started = time.monotonic()
         answer, peak = None, start_mb
         while time.monotonic() - started < wait:
-            peak = max(peak, rss_mb(gateway.proc.pid))
+            peak = max(peak, B.rss_mb(gateway.proc.pid))
             if peak > memory_cap_mb:
                 answer = "(stopped: the gateway passed %d MB)" % memory_cap_mb
                 break
@@ -60,7 +52,7 @@ def stat_wait(gateway_binary, failure, extra, wait, memory_cap_mb, workdir):
             answer = data.decode("latin-1").strip() if data else "(connection closed)"
             break
         took = time.monotonic() - started
-        end_mb = rss_mb(gateway.proc.pid)
+        end_mb = B.rss_mb(gateway.proc.pid)
         if answer is None:
             answer = "(no answer within %d s)" % wait
         return took, answer, start_mb, peak, end_mb

@@ -17,8 +17,8 @@ struct DavReply {
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;  // further headers
     // A message served from its file in place of body: sent as it is when it has CR LF line ends only,
-    // otherwise converted while it is sent; either way nothing holds the whole text.
-    std::shared_ptr<const store::MessageFile> file;
+    // otherwise converted while it is sent; only a small one (up to 64 KB) is ever held whole.
+    std::shared_ptr<store::MessageFile> file;
 
     // A reply for a refused request: status, X-Dav-Error "<status> <reason>" and the reason as plain text.
     static DavReply Failure(unsigned status, const std::string& reason) {

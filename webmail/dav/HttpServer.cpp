@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <stdexcept>
 
 #include "core/Ascii.h"
@@ -28,6 +29,8 @@ constexpr unsigned kNonceSlots = 1024;
 // The opaque value of the Digest challenge, echoed by clients.
 constexpr const char* kOpaque = "tarnwick";
 constexpr unsigned kWorkerThreads = 4;
+// Messages up to this size are read whole and sent from memory; larger ones from their descriptor.
+constexpr std::uint64_t kBufferedFileLimit = std::uint64_t{64} * 1024;
 // Bytes of a converted message handed to libmicrohttpd at a time.
 constexpr std::size_t kServeBlock = std::size_t{64} * 1024;
 
@@ -53,7 +56,7 @@ std::string Printable(const std::string& text) {
 // Leaves request paths as sent: the router decodes each segment itself, so an encoded slash stays one.
 size_t KeepEscapes(void*, MHD_Connection*, char* uri) { return std::strlen(uri); }
 
-// A message file with bare LF line ends on its way out: where the next read continues.
+// A message file on its way out in pieces; for one with bare LF line ends, where the next read continues.
 struct ConvertingReader {
     std::shared_ptr<const store::MessageFile> file;
     std::uint64_t offset = 0;
@@ -61,11 +64,42 @@ struct ConvertingReader {
 };
 
 // Serves a file whose line ends are all CR LF straight from its descriptor (libmicrohttpd may use sendfile).
-MHD_Response* FileResponse(const store::MessageFile& file) {
-    const int fd = ::dup(file.Fd());
-    if (fd < 0) return nullptr;
-    MHD_Response* response = MHD_create_response_from_fd64(file.Size(), fd);
+// The descriptor is handed over: libmicrohttpd closes it when the reply is done with it.
+MHD_Response* FileResponse(store::MessageFile& file) {
+    const std::uint64_t size = file.Size();
+    const int fd = file.Release();
+    MHD_Response* response = MHD_create_response_from_fd64(size, fd);
     if (response == nullptr) ::close(fd);
+    return response;
+}
+
+// A small file read whole into memory: libmicrohttpd then sends the header and the body with one call, where a
+// reply from the descriptor takes two sends (two TCP pushes) however small the file. A file that changed size
+// since it was opened gets no reply (the connection is closed) rather than a short one.
+MHD_Response* BufferedResponse(const store::MessageFile& file) {
+    const auto size = static_cast<std::size_t>(file.Size());
+    // Left uninitialised: the read fills every byte of it.
+    std::unique_ptr<char[]> text(new char[std::max<std::size_t>(size, 1)]);
+    if (file.ReadRaw(0, text.get(), size) != static_cast<long>(size)) return nullptr;
+    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
+        size, text.get(), [](void* body) { delete[] static_cast<char*>(body); }, text.get());
+    if (response != nullptr) (void)text.release();
+    return response;
+}
+
+// Over TLS libmicrohttpd cannot send from the descriptor and reads a file response 4 KB at a time, each piece
+// its own TLS record and send. Read here instead, in pieces as large as the connection's buffer takes.
+MHD_Response* ReadingResponse(std::shared_ptr<const store::MessageFile> file) {
+    auto* reader = new ConvertingReader{std::move(file)};
+    MHD_Response* response = MHD_create_response_from_callback(
+        reader->file->Size(), kServeBlock,
+        [](void* cls, std::uint64_t position, char* out, std::size_t max) -> ssize_t {
+            const auto* r = static_cast<ConvertingReader*>(cls);
+            const long n = r->file->ReadRaw(position, out, max);
+            return n > 0 ? n : MHD_CONTENT_READER_END_WITH_ERROR;
+        },
+        reader, [](void* cls) { delete static_cast<ConvertingReader*>(cls); });
+    if (response == nullptr) delete reader;
     return response;
 }
 
@@ -315,7 +349,15 @@ int HttpServer::Queue(MHD_Connection* connection, DavReply reply, const std::str
     if (reply.file) {
         const store::MessageFile::Facts facts = reply.file->ReadFacts();
         bytes = facts.servedSize;
-        response = facts.bareLf ? ConvertingResponse(reply.file, bytes) : FileResponse(*reply.file);
+        if (facts.bareLf) {
+            response = ConvertingResponse(reply.file, bytes);
+        } else if (reply.file->Size() <= kBufferedFileLimit) {
+            response = BufferedResponse(*reply.file);
+        } else if (options_.tlsCertificate.empty()) {
+            response = FileResponse(*reply.file);
+        } else {
+            response = ReadingResponse(reply.file);
+        }
     } else {
         // libmicrohttpd takes the text over and frees it when the reply has gone out: no copy.
         auto* body = new std::string(std::move(reply.body));

@@ -98,6 +98,10 @@ DavReply Router::Route(const DavRequest& request, const ServiceTarget& target) {
             return MethodNotAllowed("PROPFIND, BMOVE");
         }
         case Kind::Message: {
+            // Fetching inbox messages one by one is what a mail reader does most: the quick way first.
+            if (method == "GET" && target.folder == Account::kInbox) {
+                if (auto file = account->OpenInboxMessage(target.id)) return MessageReply(std::move(*file));
+            }
             const auto folder = account->Folder(target.folder);
             if (!folder) return DavReply::Failure(404, "No such folder");
             if (method == "GET") return GetMessage(*folder, target);
@@ -151,12 +155,15 @@ DavReply Router::FolderPropfind(const DavRequest& request, const ServiceUrls& ur
 }
 
 DavReply Router::GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target) {
-    const auto entry = folder.Find(target.id);
-    auto file = entry ? MessageFile::Open(entry->path) : std::nullopt;
+    auto file = folder.Open(target.id);
     if (!file) return DavReply::Failure(404, "No such message");
+    return MessageReply(std::move(*file));
+}
+
+DavReply Router::MessageReply(MessageFile file) {
     DavReply reply;
     reply.contentType = "message/rfc822";
-    reply.file = std::make_shared<MessageFile>(std::move(*file));
+    reply.file = std::make_shared<MessageFile>(std::move(file));
     return reply;
 }
 

@@ -27,6 +27,8 @@ private:
     DavReply FolderPropfind(const DavRequest& request, const ServiceUrls& urls, const std::string& folderName,
                             const store::MaildirFolder& folder);
     static DavReply GetMessage(const store::MaildirFolder& folder, const ServiceTarget& target);
+    // The reply serving an opened message.
+    static DavReply MessageReply(store::MessageFile file);
     DavReply PatchMessage(const DavRequest& request, const ServiceUrls& urls, const ServiceTarget& target,
                           const store::MaildirFolder& folder);
     DavReply MoveMessages(const DavRequest& request, const store::Account& account, const ServiceUrls& urls,

@@ -44,6 +44,10 @@ std::vector<std::string> Account::FolderNames() const {
     return names;
 }
 
+std::optional<MessageFile> Account::OpenInboxMessage(std::string_view id) const {
+    return MaildirFolder(root_).OpenUsualWithoutLinks(id);
+}
+
 std::optional<MaildirFolder> Account::Folder(std::string_view name) const {
     if (name == kInbox) {
         if (!MaildirFolder::IsMaildir(root_)) return std::nullopt;

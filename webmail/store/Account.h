@@ -34,6 +34,10 @@ public:
     std::vector<std::string> FolderNames() const;
     // The folder of this name, found among FolderNames() only (never a path built from the name).
     std::optional<MaildirFolder> Folder(std::string_view name) const;
+    // An inbox message by one or two opens, without first looking at the folders: found only when it has one
+    // of its usual names and no symbolic link lies anywhere on its path; otherwise nullopt, and Folder(kInbox)
+    // with its Open goes the checked way.
+    std::optional<MessageFile> OpenInboxMessage(std::string_view id) const;
 
 private:
     std::string name_;

@@ -206,6 +206,41 @@ std::optional<MaildirEntry> MaildirFolder::Find(std::string_view id) const {
     return std::nullopt;
 }
 
+std::optional<MessageFile> MaildirFolder::Open(std::string_view id) const {
+    if (auto file = OpenUsual(id, &MessageFile::Open)) return file;
+    const auto entry = Find(id);
+    return entry ? MessageFile::Open(entry->path) : std::nullopt;
+}
+
+std::optional<MessageFile> MaildirFolder::OpenUsualWithoutLinks(std::string_view id) const {
+    return OpenUsual(id, &MessageFile::OpenWithoutLinks);
+}
+
+std::optional<MessageFile> MaildirFolder::OpenUsual(std::string_view id,
+                                                    std::optional<MessageFile> (*open)(const char*)) const {
+    if (!IsUsableName(id) || id.size() > kMaxIdLength) return std::nullopt;
+    if (id.find(kInfoSeparator) != std::string_view::npos || IdOf(id) != id) return std::nullopt;
+    // One buffer for the three usual names: DIR/cur/ID:2, and DIR/cur/ID:2,S, then DIR/new/ID. Each open
+    // refuses a link in place of the file and anything but a regular file, as Find's looks do. Another process
+    // may rename the file between two of them (a flag set, then cleared): a few rounds find it anyway.
+    std::string name = dir_.native();
+    const std::size_t sub = name.size() + 1;
+    name.append("/cur/").append(id);
+    const std::size_t unique = name.size();
+    for (int round = 0; round < kRenameAttempts; ++round) {
+        name.resize(unique);
+        name.append(kInfoSeparator);
+        if (auto file = open(name.c_str())) return file;
+        name += 'S';
+        if (auto file = open(name.c_str())) return file;
+        name.resize(unique);
+        name.replace(sub, 3, "new");
+        if (auto file = open(name.c_str())) return file;
+        name.replace(sub, 3, "cur");
+    }
+    return std::nullopt;
+}
+
 bool MaildirFolder::SetSeen(std::string_view id, bool seen) const {
     for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
         auto entry = Find(id);

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "webmail/store/MaildirEntry.h"
+#include "webmail/store/MessageFile.h"
 
 namespace webmail::store {
 
@@ -43,6 +44,13 @@ public:
     std::vector<MaildirEntry> List() const;
     // The message with this id, looked up in cur/ and new/.
     std::optional<MaildirEntry> Find(std::string_view id) const;
+    // The message with this id, opened for reading as MessageFile::Open opens it. The usual names are opened
+    // straight away (no look before the open): for a folder Account::Folder gave out, which checked it is a
+    // Maildir, a GET then costs one or two opens rather than a look at every subfolder and then at the file.
+    std::optional<MessageFile> Open(std::string_view id) const;
+    // The message with this id when it has one of its usual names and no symbolic link lies anywhere on its
+    // path, by one or two opens and no look at the folder first; nullopt otherwise (then ask Open).
+    std::optional<MessageFile> OpenUsualWithoutLinks(std::string_view id) const;
     // Sets or clears the S flag by renaming the file within cur/; false when the id is unknown.
     bool SetSeen(std::string_view id, bool seen) const;
     // Moves the message into dest's cur/ by one rename, keeping id and flags; false when the id is unknown
@@ -58,6 +66,7 @@ public:
     void DropTemp(const std::string& id) const noexcept;
 
 private:
+    std::optional<MessageFile> OpenUsual(std::string_view id, std::optional<MessageFile> (*open)(const char*)) const;
     std::filesystem::path dir_;
 };
 

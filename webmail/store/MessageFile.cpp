@@ -1,6 +1,8 @@
 #include "webmail/store/MessageFile.h"
 
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -118,9 +120,20 @@ std::size_t HeaderEnd(std::string_view text) {
 
 }  // namespace
 
-std::optional<MessageFile> MessageFile::Open(const std::filesystem::path& path) {
+std::optional<MessageFile> MessageFile::Open(const char* path) {
     // O_NONBLOCK: opening a FIFO put in place of a message must not wait for a writer.
-    const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    return FromDescriptor(::open(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+}
+
+std::optional<MessageFile> MessageFile::OpenWithoutLinks(const char* path) {
+    open_how how{};
+    how.flags = O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    how.resolve = RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+    // A kernel older than 5.6 answers ENOSYS: nothing is opened, and the caller goes the checked way.
+    return FromDescriptor(static_cast<int>(::syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof how)));
+}
+
+std::optional<MessageFile> MessageFile::FromDescriptor(int fd) {
     if (fd < 0) return std::nullopt;
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
@@ -199,6 +212,10 @@ MessageFile::Facts MessageFile::Scan() const {
     facts.bareLf = bareLfs > 0;
     facts.servedSize = offset + bareLfs;
     return facts;
+}
+
+long MessageFile::ReadRaw(std::uint64_t offset, char* out, std::size_t capacity) const {
+    return ReadAt(fd_, out, capacity, offset);
 }
 
 long MessageFile::ReadServed(std::uint64_t& offset, bool& lastCr, char* out, std::size_t capacity) const {

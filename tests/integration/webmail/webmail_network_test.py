@@ -81,6 +81,46 @@ class TlsTest(unittest.TestCase):
                         self.context(version).wrap_socket(raw, server_hostname="localhost")
 
 
+    def test_messages_come_whole_over_https(self):
+        port = int(re.fullmatch(r"listening on \[::1\]:(\d+)\n", self.line).group(1))
+        check_messages_come_whole(self, os.path.join(self.tmp.name, "store"), lambda: http.client.HTTPSConnection(
+            "::1", port, timeout=10, context=self.context(ssl.TLSVersion.TLSv1_3)))
+
+
+def check_messages_come_whole(test, store, connect):
+    """GETs of messages small and large (read whole, sent from the descriptor, read in pieces over TLS), just
+    either side of the size up to which a message is read whole, and with bare LF line ends (served as CR LF):
+    each arrives byte for byte with its Content-Length."""
+    cur = os.path.join(store, "demo", "cur")
+    big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
+    cases = [("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big)]
+    for n, size in ((3, 64 * 1024), (4, 64 * 1024 + 1), (5, 20)):
+        text = b"Subject: s\r\n\r\n" + b"x" * (size - 17) + b"\r\n"
+        cases.append(("%d.sized.host" % n, text, text))
+    for name, stored, served in cases:
+        with test.subTest(name=name):
+            with open(os.path.join(cur, name + ":2,S"), "wb") as f:
+                f.write(stored)
+            conn = connect()
+            conn.request("GET", "/mail/demo/folders/INBOX/" + name, headers=DEMO)
+            reply = conn.getresponse()
+            body = reply.read()
+            test.assertEqual(reply.status, 200)
+            test.assertEqual(int(reply.getheader("Content-Length")), len(served))
+            test.assertEqual(body, served)
+            conn.close()
+
+
+class PlainServingTest(unittest.TestCase):
+    def test_messages_come_whole_over_http(self):
+        svc = Service()
+        try:
+            check_messages_come_whole(self, svc.store,
+                                      lambda: http.client.HTTPConnection("127.0.0.1", svc.port, timeout=10))
+        finally:
+            self.assertEqual(svc.stop(), 0)
+
+
 class ListenAddressTest(unittest.TestCase):
     def test_plain_http_beyond_the_loopback_is_warned_about_and_bad_options_refused(self):
         tmp = tempfile.TemporaryDirectory(prefix="tarnwick-listen-")

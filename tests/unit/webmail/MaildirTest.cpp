@@ -5,6 +5,7 @@
 
 #include <csignal>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <set>
@@ -30,6 +31,14 @@ void Drop(const fs::path& folder, const std::string& sub, const std::string& nam
     const fs::path path = folder / sub / name;
     std::ofstream(path, std::ios::binary) << "Subject: " << name << "\n\nbody\n";
     fs::last_write_time(path, fs::file_time_type::clock::now() - std::chrono::minutes(minutesAgo));
+}
+
+// The first line of the file Open gave, or "none".
+std::string OpenedSubject(const std::optional<MessageFile>& file) {
+    if (!file) return "none";
+    std::string text(200, '\0');
+    text.resize(static_cast<std::size_t>(std::max(0L, file->ReadRaw(0, text.data(), text.size()))));
+    return text.substr(0, text.find('\n'));
 }
 
 std::vector<std::string> Ids(const std::vector<MaildirEntry>& entries) {
@@ -66,6 +75,20 @@ TEST_F(MaildirFolderTest, FlagsAndMovesRenameTheFileButKeepIdAndOtherFlags) {
     Drop(box.Dir(), "cur", "1.X.host:2,F", 3);
     Drop(box.Dir(), "new", "2.N.host", 2);
     Drop(box.Dir(), "cur", "3.R.host:2,RS", 1);
+    Drop(box.Dir(), "cur", "4.U.host:2,", 1);
+    Drop(box.Dir(), "cur", "5.S.host:2,S", 1);
+    // Open finds each message by its id wherever its flags put it, and nothing by a file name.
+    for (const auto& [id, subject] : std::vector<std::pair<std::string, std::string>>{
+             {"1.X.host", "Subject: 1.X.host:2,F"},
+             {"2.N.host", "Subject: 2.N.host"},
+             {"3.R.host", "Subject: 3.R.host:2,RS"},
+             {"4.U.host", "Subject: 4.U.host:2,"},
+             {"5.S.host", "Subject: 5.S.host:2,S"},
+             {"5.S.host:2,S", "none"},
+             {"5.S", "none"},
+             {"../box/cur/5.S.host:2,S", "none"}}) {
+        EXPECT_EQ(OpenedSubject(box.Open(id)), subject) << id;
+    }
     ASSERT_TRUE(box.SetSeen("1.X.host", true));
     EXPECT_TRUE(fs::exists(box.Dir() / "cur" / "1.X.host:2,FS"));
     ASSERT_TRUE(box.SetSeen("2.N.host", true));  // still in new/
@@ -101,6 +124,9 @@ TEST_F(MaildirFolderTest, LongFileNamesGetShortStableDistinctIds) {
         EXPECT_LE(e.id.size(), MaildirFolder::kMaxIdLength) << e.id;
         EXPECT_TRUE(MaildirFolder::IsUsableName(e.id)) << e.id;
         EXPECT_EQ(box.Find(e.id)->path, e.path) << e.id;
+        const std::string subject = OpenedSubject(box.Open(e.id));
+        EXPECT_NE(subject, "none") << e.id;
+        EXPECT_EQ(subject, OpenedSubject(MessageFile::Open(e.path))) << e.id;
         distinct.insert(e.id);
     }
     EXPECT_EQ(distinct.size(), 3u);
@@ -125,6 +151,8 @@ TEST_F(MaildirFolderTest, SymbolicLinksAreNeverFollowed) {
     EXPECT_TRUE(fs::is_symlink(box.Dir() / "new" / "3.link.host"));  // left where it is
     EXPECT_FALSE(box.Find("2.link.host"));
     EXPECT_FALSE(box.Find("3.link.host"));
+    EXPECT_FALSE(box.Open("2.link.host"));
+    EXPECT_FALSE(box.Open("3.link.host"));
     EXPECT_FALSE(box.SetSeen("2.link.host", true));
 
     // An account's folder that is a link, or whose cur/ is one, is no folder; nor is a name that is no Maildir.
@@ -142,6 +170,21 @@ TEST_F(MaildirFolderTest, SymbolicLinksAreNeverFollowed) {
         EXPECT_FALSE(ann.Folder(bad)) << bad;
     }
     EXPECT_THROW(MaildirFolder(dir.path() / "ann" / ".LinkedCur").Deliver("x", true), std::runtime_error);
+
+    // The inbox's quick open finds a message only where no folder on its path is a link: an account that is a
+    // link to a real Maildir, or whose cur/ is one, gets nothing from it (and Folder refuses them as well).
+    Drop(outside.path() / "other", "cur", "7.out.host:2,", 1);
+    Drop(dir.path() / "ann", "cur", "8.in.host:2,S", 1);
+    fs::create_directory_symlink(dir.path() / "ann", dir.path() / "annlink");
+    Account::Create(dir.path() / "bea");
+    fs::remove_all(dir.path() / "bea" / "cur");
+    fs::create_directory_symlink(outside.path() / "other" / "cur", dir.path() / "bea" / "cur");
+    EXPECT_EQ(OpenedSubject(ann.OpenInboxMessage("8.in.host")), "Subject: 8.in.host:2,S");
+    EXPECT_FALSE(Account("ann", dir.path() / "annlink").OpenInboxMessage("8.in.host"));
+    EXPECT_FALSE(Account("ann", dir.path() / "annlink").Folder(Account::kInbox));
+    EXPECT_FALSE(Account("bea", dir.path() / "bea").OpenInboxMessage("7.out.host"));
+    EXPECT_FALSE(Account("bea", dir.path() / "bea").Folder(Account::kInbox));
+    EXPECT_EQ(OpenedSubject(MaildirFolder(outside.path() / "other").Open("7.out.host")), "Subject: 7.out.host:2,");
 }
 
 TEST(PasswordFileTest, ParsesPasswordsWithColonsRefusesBadLinesAndSurvivesAReload) {
