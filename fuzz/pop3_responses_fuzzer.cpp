@@ -1,6 +1,6 @@
-// The POP3 response builders over arbitrary message texts. The RETR answer must carry the message through
-// the multi-line framing unchanged: the only CR LF "." CR LF on the wire is the end, and undoing the dot
-// stuffing gives the message text back.
+// The RETR response over arbitrary message texts (the other answers are proved by unit tables): it must carry
+// the message through the multi-line framing unchanged: the only CR LF "." CR LF on the wire is the end, and
+// undoing the dot stuffing gives the message text back.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -53,39 +53,10 @@ void CheckRetr(const std::string& body) {
         "RETR read in small pieces is the same text");
 }
 
-void CheckListings(const std::string& text) {
-    // Three records whose fields are cut from the text; ids and senders with CR LF are the service's own
-    // affair, so the structure is checked only for texts without line ends.
-    R::MessageList list;
-    const std::size_t third = text.size() / 3;
-    for (int i = 0; i < 3; ++i) {
-        auto m = std::make_shared<mailservice::CHotmailMessage>();
-        m->mIndex = std::to_string(i + 1);
-        m->mMessageID = text.substr(i * third, third);
-        m->mFrom = text.substr(((i + 1) % 3) * third, third);
-        m->mLength = std::to_string(i * 100);
-        list.Add(m, m->mIndex);
-    }
-    for (const R::MessagePtr& m : list) {
-        const std::string uid = R::GetUIDLUniqueID(m->mMessageID, m->mFrom);
-        Check(uid.size() <= R::kUniqueIdMaxLength, "unique ids are cut to their maximum length");
-        Check(uid.find('@') == std::string::npos || m->mMessageID.find('@') != std::string::npos,
-              "the sender's @ is replaced");
-    }
-    const std::string uidl = R::BuildUIDLResponse(list);
-    const std::string listing = R::BuildLISTResponse(list, 3, 300);
-    Check(uidl.starts_with("+OK \r\n1 ") && uidl.ends_with("\r\n."), "UIDL framing");
-    Check(listing == "+OK 3 messages (300 octets)\r\n1 0\r\n2 100\r\n3 200\r\n.", "LIST answer");
-    if (text.find_first_of("\r\n") == std::string::npos) {
-        Check((uidl + "\r\n").find("\r\n.\r\n") == uidl.size() - 3, "UIDL ends only at its end");
-    }
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), size);
     CheckRetr(text);
-    CheckListings(text);
     return 0;
 }

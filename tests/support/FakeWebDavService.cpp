@@ -10,7 +10,6 @@
 #include <cstring>
 #include <memory>
 #include <stdexcept>
-#include <thread>
 
 namespace testing_support {
 namespace {
@@ -51,23 +50,6 @@ ssize_t BreakOffReader(void* cls, uint64_t pos, char* buf, size_t max) {
 }
 
 void FreeBreakOff(void* cls) { delete static_cast<BreakOff*>(cls); }
-
-struct Paced {
-    std::string body;
-    std::chrono::milliseconds pause;
-};
-
-ssize_t PacedReader(void* cls, uint64_t pos, char* buf, size_t max) {
-    const auto* p = static_cast<Paced*>(cls);
-    if (pos >= p->body.size()) return MHD_CONTENT_READER_END_OF_STREAM;
-    std::this_thread::sleep_for(p->pause);
-    const size_t piece = std::max<size_t>(1, (p->body.size() + 3) / 4);
-    const size_t n = std::min({max, piece, p->body.size() - pos});
-    p->body.copy(buf, n, pos);
-    return static_cast<ssize_t>(n);
-}
-
-void FreePaced(void* cls) { delete static_cast<Paced*>(cls); }
 
 }  // namespace
 
@@ -200,9 +182,6 @@ int FakeWebDavService::Handle(MHD_Connection* connection, const char* url, const
     if (reply.breakOff) {
         auto* b = new BreakOff{reply.body};
         response = MHD_create_response_from_callback(reply.body.size() + 1000, 4096, &BreakOffReader, b, &FreeBreakOff);
-    } else if (reply.pace.count() > 0) {
-        auto* p = new Paced{reply.body, reply.pace};
-        response = MHD_create_response_from_callback(reply.body.size(), 4096, &PacedReader, p, &FreePaced);
     } else {
         response = MHD_create_response_from_buffer(reply.body.size(), reply.body.data(), MHD_RESPMEM_MUST_COPY);
     }

@@ -3,7 +3,6 @@
 // (Digest with nonces that serve any address, each use counted by nc).
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <deque>
 #include <mutex>
@@ -40,8 +39,6 @@ struct ScriptedReply {
     HeaderList headers;
     std::string body;
     bool breakOff = false;  // promise more body than is sent, then drop the connection
-    // When set, the body goes out in four pieces with this pause before each: a slow reply that keeps coming.
-    std::chrono::milliseconds pace{0};
 };
 
 // A 200 reply carrying an "X-Dav-Error" header, as the service sends with every reply.

@@ -1,4 +1,4 @@
-// The application controller: the log switch, start-up and its failure, the Toggle steps, Stop and Start in
+// The application controller: the log switch, the Toggle steps, Stop and Start in
 // the window.
 #include <QAction>
 #include <QLabel>
@@ -51,19 +51,6 @@ TEST_F(MainTest, LogActsOnlyOnceStartUpHasEnabledIt) {
     main.WriteLog("CLIENT_REQUEST: x\r\n");
     EXPECT_EQ(view.log, "abc\r\n\r\nCLIENT_REQUEST: x\r\n\r\n");
     main.Form_Unload();
-}
-
-TEST_F(MainTest, NonNumericPop3PortEndsTheProgramBeforeTheSmtpServerExists) {
-    RecordingView view;
-    app::Main main(view, Options("abc", FreePort()));
-    std::optional<core::Error> ended;
-    main.SetProgramEnd([&](const core::Error& e) { ended = e; });
-    main.RunEvent(&app::Main::Form_Load);
-
-    ASSERT_TRUE(ended.has_value());
-    EXPECT_EQ(app::Main::ProgramEndMessage(*ended), "Error 13: Type mismatch (in StartListening Method)");
-    EXPECT_EQ(main.SmtpServerObject(), nullptr);
-    EXPECT_FALSE(view.stopped.has_value()) << "the running state must not be shown";
 }
 
 TEST_F(MainTest, ToggleRunsItsFourStepsInOrderAndAFailingStepStopsTheRest) {

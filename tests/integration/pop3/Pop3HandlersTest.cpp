@@ -181,19 +181,6 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
               "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
-TEST_F(Pop3HandlersTest, EveryConnectionLoadsAfresh) {
-    ScriptLoad({kPlain, kDots});
-    auto reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + kDots.body.size()) + "\r\n");
-    reader.reset();
-    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-
-    ScriptLoad({kDots});
-    reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 1 " + kDots.Size() + "\r\n");
-    EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + LoadRequests(1));
-}
-
 TEST_F(Pop3HandlersTest, UserAndPassFillTheCredentialStoreWithoutReachingTheService) {
     LineClient reader(port);
     reader.ReceiveLine();

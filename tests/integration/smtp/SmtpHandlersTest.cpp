@@ -97,27 +97,6 @@ TEST_F(SmtpHandlersTest, OnlyTheReducedDialogueAndHeloOnlyWithAUserName) {
     EXPECT_TRUE(svc.Requests().empty());
 }
 
-TEST_F(SmtpHandlersTest, ThreeChunksRelayedByteForByteAndLeftOutOfTheLog) {
-    Received();
-    ScriptLogIn(1);
-    auto client = Connect();
-    host.log.clear();
-    Begin(*client);
-    // Dot lines as the client stuffed them, 8-bit bytes, and the last line sent with the end mark.
-    EXPECT_EQ(client->Ask("Subject: caf\xE9 \xC3\xA9t\xC3\xA9\r\n\r\n"), "250 ok\r\n");
-    EXPECT_EQ(client->Ask("..leading dot\r\n...\r\n..\r\n"), "250 ok\r\n");
-    EXPECT_EQ(client->Ask("\x80\xFF last line\r\n.\r\n"), kQueued);
-
-    EXPECT_THAT(Posted(),
-                ElementsAre(kEnvelope + "Subject: caf\xE9 \xC3\xA9t\xC3\xA9\r\n\r\n..leading dot\r\n...\r\n..\r\n"
-                                        "\x80\xFF last line\r\n.\r\n"));
-    EXPECT_THAT(host.log,
-                ElementsAre("SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: MAIL", "SERVER_RESPONSE: 250 ok",
-                            "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: RCPT", "SERVER_RESPONSE: 250 ok",
-                            "SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: DATA", "SERVER_RESPONSE: 354 ok",
-                            "SERVER_RESPONSE: 250 message queued"));
-}
-
 TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
     Received();
     ScriptLogIn(1);
@@ -162,19 +141,6 @@ TEST_F(SmtpHandlersTest, EndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
     EXPECT_EQ(std::count(host.log.begin(), host.log.end(), "CLIENT_REQUEST: QUIT"), 1);
 }
 
-TEST_F(SmtpHandlersTest, NothingPostedWithoutCredentialsThenTheSameConnectionRelays) {
-    auto client = Connect();
-    Begin(*client);
-    EXPECT_EQ(client->Ask("text\r\n.\r\n"), kUnavailable);
-    EXPECT_EQ(svc.Challenges(), 0);
-
-    Received();
-    ScriptLogIn(1);
-    EXPECT_EQ(client->Ask("DATA\r\n"), "354 ok\r\n");
-    EXPECT_EQ(client->Ask("again\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "again\r\n.\r\n"));
-}
-
 TEST_F(SmtpHandlersTest, FailuresAreAnsweredEndTheDataPhaseAndTheLogInIsTriedAgain) {
     Received();
     svc.Enqueue(ScriptedReply{200, {{"X-Dav-Error", "200 No error"}}, "<broken", /*breakOff=*/true});
@@ -193,20 +159,6 @@ TEST_F(SmtpHandlersTest, FailuresAreAnsweredEndTheDataPhaseAndTheLogInIsTriedAga
     EXPECT_EQ(client->Ask("text\r\n.\r\n"), "500 The requested header was not found\r\n");
     EXPECT_EQ(client->Ask("QUIT\r\n"), "221 tarnwick.local\r\n");
     EXPECT_EQ(Posted().size(), 1u);
-}
-
-TEST_F(SmtpHandlersTest, AClientThatLeavesInTheDataPhaseLeavesTheNextOneInCommandMode) {
-    Received();
-    auto client = Connect();
-    Begin(*client);
-    EXPECT_EQ(client->Ask("half a message\r\n"), "250 ok\r\n");
-    client.reset();
-    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-
-    client = Connect();
-    EXPECT_EQ(client->Ask("HELO me\r\n"), "250 hello\r\n");
-    EXPECT_EQ(server.LastCommand(), "HELO");
-    EXPECT_TRUE(svc.Requests().empty()) << "a connection without a completed message never logs in";
 }
 
 // A client that streams its message reads, after its end mark, the chunk replies and then the reply to the

@@ -1,4 +1,4 @@
-// The Digest check: RFC 2617's worked example, and the answers to right, wrong, forged and expired credentials.
+// The Digest check: the answers to right, wrong, replayed, forged and expired credentials.
 #include <gtest/gtest.h>
 
 #include "webmail/dav/DigestAuth.h"
@@ -9,29 +9,6 @@ using webmail::dav::DigestAuth;
 
 constexpr std::int64_t kNow = 1'800'000'000;
 constexpr unsigned kLifetime = 300;
-
-TEST(DigestAuthTest, RfcExampleGivesItsResponseWhateverTheSchemeCase) {
-    for (const char* scheme : {"Digest", "digest", "DIGEST"}) {
-        const auto credentials = DigestAuth::Parse(
-            std::string(scheme) +
-            R"( username="Mufasa", realm="testrealm@host.com", nonce="dcd98b7102dd2f0e8b11d0f600bfb0c093",)"
-            R"( uri="/dir/index.html", qop=auth, nc=00000001, cnonce="0a4f113b",)"
-            R"( response="6629fae49393a05397450978507c4ef1", opaque="5ccc069c403ebaf9f0171e9517f40e41")");
-        ASSERT_TRUE(credentials) << scheme;
-        EXPECT_EQ(credentials->username, "Mufasa");
-        EXPECT_EQ(DigestAuth::ExpectedResponse(*credentials, "GET", "Circle Of Life"), credentials->response);
-    }
-    // Quoted strings keep what their backslashes escape; a missing field or a broken list is no credential.
-    EXPECT_EQ(DigestAuth::Parse(R"(Digest username="a\"b\\c",realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c)")
-                  ->username,
-              "a\"b\\c");
-    for (const char* bad : {"Digest username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1",
-                            "Digest username=\"a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
-                            "Digest username=a realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c",
-                            "Basic username=a,realm=r,nonce=n,uri=u,response=x,qop=auth,nc=1,cnonce=c"}) {
-        EXPECT_FALSE(DigestAuth::Parse(bad)) << bad;
-    }
-}
 
 // An Authorization value answering challenge (its nonce) the way a client does.
 std::string Answer(const std::string& challenge, const std::string& scheme, const std::string& password,

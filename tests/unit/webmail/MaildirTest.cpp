@@ -244,15 +244,6 @@ TEST_F(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCop
                                          s.message);
 }
 
-TEST_F(MailDeliveryTest, TraceFieldFollowsTheMessagesLineEnds) {
-    const Submission s{"", {"bob@example.org"}, "Subject: t\n\nhi\n"};
-    delivery.Deliver(*store.FindAccount("ann"), s, {"", 1795000000});
-    EXPECT_EQ(Only("bob", "INBOX"),
-              "Received: from unknown (authenticated account ann)\n\tby tarnwick-webmail (example.org) with HTTP\n"
-              "\tfor <bob@example.org>; Wed, 18 Nov 2026 11:06:40 +0000\n" +
-                  s.message);
-}
-
 // Every file of every message folder of one account, tmp/ included.
 std::vector<fs::path> FilesOf(const fs::path& account) {
     std::vector<fs::path> files;

@@ -61,11 +61,6 @@ TEST_F(MessageFileTest, ServesEveryBareLfAsCrLfWithTheListedSizeWhateverThePiece
     }
 }
 
-TEST_F(MessageFileTest, FactsFollowARewrittenFile) {
-    EXPECT_FALSE(MessageFile::Open(Write("m", "a\r\nb\r\n"))->ReadFacts().bareLf);
-    EXPECT_EQ(MessageFile::Open(Write("m", "a\nb\nc\n"))->ReadFacts().servedSize, 9u);
-}
-
 TEST_F(MessageFileTest, OpensOnlyRegularFilesNeverThroughALink) {
     const fs::path target = Write("target", "Subject: secret\r\n\r\n");
     fs::create_symlink(target, dir.path() / "link");

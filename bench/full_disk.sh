@@ -2,9 +2,9 @@
 # Run by hand, as root (it mounts an 8 MB tmpfs): a message posted to tarnwick-webmail whose recipient copy
 # fits on the full disk but whose Sent Items copy does not. Prints the reply's status and X-Dav-Error, what
 # each folder holds afterwards, and the end of the service's log. Loopback only; the service is stopped by pid.
-#   tests/load/full_disk.sh [WEBMAIL-BINARY]
+#   bench/full_disk.sh [WEBMAIL-BINARY]
 set -u
-WEBMAIL=${1:-$(dirname "$0")/../../build/webmail/tarnwick-webmail}
+WEBMAIL=${1:-$(dirname "$0")/../build/webmail/tarnwick-webmail}
 M=$(mktemp -d /tmp/tarnwick-full-XXXXXX)
 mount -t tmpfs -o size=8m tmpfs "$M" || exit 1
 W=$(mktemp -d /tmp/tarnwick-full-work-XXXXXX)

@@ -13,7 +13,7 @@ sent, not stored), duplicated (stored more than once), half (stored but not whol
 Memory (resident set) of both programs at start and end. Everything runs on 127.0.0.1; every process is
 stopped by its pid.
 
-  tests/load/soak.py [--build build] [--messages 300] [--postal-seconds 70] [--rabid-seconds 20]
+  bench/soak.py [--build build] [--messages 300] [--postal-seconds 70] [--rabid-seconds 20]
 """
 
 import argparse
@@ -28,7 +28,7 @@ import time
 from collections import Counter
 
 HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, os.path.join(HERE, "..", "support"))
+sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 sys.path.insert(0, HERE)
 import tarnwick_testing as T  # noqa: E402
 from helo_shim import HeloShim  # noqa: E402
