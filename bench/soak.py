@@ -30,6 +30,7 @@ from collections import Counter
 HERE = os.path.dirname(os.path.abspath(__file__))
 sys.path.insert(0, os.path.join(HERE, "..", "tests", "support"))
 sys.path.insert(0, HERE)
+import bench_support as B  # noqa: E402
 import tarnwick_testing as T  # noqa: E402
 from helo_shim import HeloShim  # noqa: E402
 
@@ -38,16 +39,8 @@ RCPT, RCPT_PW = "rcpt", "rcptpw"
 ATTEMPTS = 6
 
 
-def rss_mb(pid):
-    with open("/proc/%d/status" % pid) as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1]) / 1024.0
-    return float("nan")
-
-
 def memory(stack):
-    return "gateway %.0f MB, tarnwick-webmail %.0f MB" % (rss_mb(stack.gateway.pid), rss_mb(stack.webmail.pid))
+    return "gateway %.0f MB, tarnwick-webmail %.0f MB" % (B.rss_mb(stack.gateway.pid), B.rss_mb(stack.webmail.pid))
 
 
 def pop3_login(stack, user, password):
