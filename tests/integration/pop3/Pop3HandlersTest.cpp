@@ -2,10 +2,8 @@
 // and only when the mailbox is needed, deletion on the service at once, failures answered "-ERR ", and the
 // credential store.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 
 #include <algorithm>
-#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -14,6 +12,7 @@
 #include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
 #include "servers/pop3/MPop3Responses.h"
+#include "tests/support/FileSizeLimit.h"
 
 namespace {
 
@@ -161,16 +160,11 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
     const Listed big{"BIG", std::string(256 << 10, 'y')};
     ScriptLoad({kPlain, big});
     auto reader = LogIn();
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    rlimit small = before;
-    small.rlim_cur = 64 << 10;
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    testing_support::FileSizeLimit limit(64 << 10);
+    ASSERT_TRUE(limit.Active());
     const std::string stat = reader->Ask("STAT\r\n");
     const std::string retr = reader->Ask("RETR 2\r\n");
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-    std::signal(SIGXFSZ, oldHandler);
+    ASSERT_TRUE(limit.Lift());
     EXPECT_EQ(stat, "-ERR Disk full\r\n");
     // RETR loads again (the service's next replies are not scripted yet): still no message.
     EXPECT_TRUE(retr.starts_with("-ERR ")) << retr;

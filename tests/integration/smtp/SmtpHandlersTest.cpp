@@ -5,12 +5,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/resource.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
-#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
@@ -18,6 +16,7 @@
 #include "ServerTestSupport.h"
 #include "core/MErrorHandler.h"
 #include "servers/smtp/CSmtpServer.h"
+#include "tests/support/FileSizeLimit.h"
 
 namespace {
 
@@ -227,17 +226,12 @@ TEST_F(SmtpHandlersTest, AMessageTheFileCannotTakeIsRefusedAtItsEndAndNothingIsR
     ScriptLogIn(1);
     auto client = Connect();
     const std::string chunk = std::string(40000, 'z') + "\r\n";
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    rlimit small = before;
-    small.rlim_cur = 64 << 10;
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    testing_support::FileSizeLimit limit(64 << 10);
+    ASSERT_TRUE(limit.Active());
     Begin(*client);
     for (int i = 0; i < 3; ++i) Stream(*client, chunk);
     const std::string answer = client->Ask("last\r\n.\r\n");
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-    std::signal(SIGXFSZ, oldHandler);
+    ASSERT_TRUE(limit.Lift());
     EXPECT_EQ(answer, "500 Disk full\r\n");
     EXPECT_TRUE(Posted().empty());
 

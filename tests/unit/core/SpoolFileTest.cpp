@@ -2,15 +2,14 @@
 // short passes as whole. (Texts read back stretch by stretch and piece by piece are checked where they are
 // used: the listing's records and the RETR response.)
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <string>
 
 #include "core/Error.h"
 #include "core/SpoolFile.h"
+#include "tests/support/FileSizeLimit.h"
 
 namespace {
 
@@ -36,12 +35,8 @@ TEST(SpoolFile, HasNoNameAndOnlyItsOwnerMayReadIt) {
 // The file size limit makes the system refuse the write exactly as a full disk does, without privileges.
 TEST(SpoolFile, AWriteTheSystemRefusesIsDiskFullAndStaysFailed) {
     const std::shared_ptr<core::SpoolFile> file = core::SpoolFile::Create();
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
-    rlimit small = before;
-    small.rlim_cur = 4096;
-    const auto oldHandler = std::signal(SIGXFSZ, SIG_IGN);
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &small), 0);
+    testing_support::FileSizeLimit limit(4096);
+    ASSERT_TRUE(limit.Active());
     std::int32_t number = 0;
     std::string description;
     try {
@@ -50,8 +45,7 @@ TEST(SpoolFile, AWriteTheSystemRefusesIsDiskFullAndStaysFailed) {
         number = e.Number();
         description = e.Description();
     }
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
-    std::signal(SIGXFSZ, oldHandler);
+    ASSERT_TRUE(limit.Lift());
     EXPECT_EQ(number, core::ErrorNumber::kDiskFull);
     EXPECT_EQ(description, "Disk full");
     // With room again, the failed file still refuses: its last text is incomplete.
