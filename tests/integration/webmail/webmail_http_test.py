@@ -159,7 +159,7 @@ class RefusalTest(ServiceCase):
 
 
 class ConnectionLimitTest(ServiceCase):
-    extra_args = ("--idle-timeout", "1", "--max-connections", "4", "--max-connections-per-address", "3")
+    extra_args = ("--idle-timeout", "3", "--max-connections", "4", "--max-connections-per-address", "3")
 
     def connect(self, source="127.0.0.1"):
         s = socket.create_connection(("127.0.0.1", self.svc.port), timeout=10, source_address=(source, 0))
@@ -181,8 +181,9 @@ class ConnectionLimitTest(ServiceCase):
         stalled = self.connect()
         stalled.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\nab")
         third = self.connect()
-        # All three slots of 127.0.0.1 are taken: a fourth connection from it is closed at once.
-        self.assertTrue(self.closed_within(self.connect(), 0.5))
+        # All three slots of 127.0.0.1 are taken: a fourth connection from it is closed as soon as the service
+        # takes it, well before the idle time-out frees a slot (a loaded machine may take a moment to get there).
+        self.assertTrue(self.closed_within(self.connect(), 2))
         # Another address still gets in, up to the limit in all; beyond it a client waits for a free slot.
         other = self.connect("127.0.0.2")
         waiting = self.connect("127.0.0.3")
