@@ -143,6 +143,13 @@ def retr_big(port, session_pid=None):
     return elapsed, received, peak
 
 
+def require_dovecot():
+    """Ends the run with what to install when Dovecot's POP3 server is missing."""
+    if not os.access(DOVECOT, os.X_OK):
+        raise SystemExit("Dovecot is not installed: install the Debian package dovecot-pop3d "
+                         "(sudo apt-get install dovecot-pop3d) and run this again.")
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     B.add_binary_options(parser)
@@ -150,9 +157,7 @@ def main():
     parser.add_argument("--message-kb", type=int, default=10)
     parser.add_argument("--big-mb", type=int, default=50)
     args = parser.parse_args()
-    if not os.access(DOVECOT, os.X_OK):
-        raise SystemExit("Dovecot is not installed: install the Debian package dovecot-pop3d "
-                         "(sudo apt-get install dovecot-pop3d) and run this again.")
+    require_dovecot()
     gateway_bin, webmail_bin = B.binaries(args)
     print("gateway %s\nwebmail %s" % (gateway_bin, webmail_bin))
     ratios = []

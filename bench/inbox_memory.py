@@ -115,9 +115,7 @@ def main():
     parser.add_argument("--inboxes", default="100x100K,1000x100K,200x1M,1x200M",
                         help="comma-separated COUNTxSIZE, SIZE in K or M")
     args = parser.parse_args()
-    if not os.access(C.DOVECOT, os.X_OK):
-        raise SystemExit("Dovecot is not installed: install the Debian package dovecot-pop3d "
-                         "(sudo apt-get install dovecot-pop3d) and run this again.")
+    C.require_dovecot()
     gateway_bin, webmail_bin = B.binaries(args)
     print("gateway %s\nwebmail %s" % (gateway_bin, webmail_bin))
     rows = []
