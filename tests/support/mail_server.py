@@ -10,7 +10,7 @@ import shutil
 import subprocess
 import time
 
-from tarnwick_testing import HOST, free_port, is_listening, stop_process, wait_for
+from tarnwick_testing import HOST, free_port, is_listening, read_file, stop_process, wait_for
 
 MASTER = "/usr/lib/postfix/sbin/master"
 # The services a private instance needs, none in a chroot (Debian's own master.cf assumes one).
@@ -216,11 +216,7 @@ class Postfix:
         wait_for(lambda: not is_listening(self.port), 10, "postfix to close port %d" % self.port)
 
     def log(self):
-        try:
-            with open(os.path.join(self.dir, "maillog"), "rb") as f:
-                return f.read().decode("latin-1")
-        except FileNotFoundError:
-            return ""
+        return read_file(os.path.join(self.dir, "maillog")).decode("latin-1")
 
     def url(self, tls_from_the_start=False):
         if tls_from_the_start:

@@ -11,7 +11,7 @@ import re
 import shutil
 import subprocess
 
-from tarnwick_testing import HOST, binary, free_port, stop_process, wait_for, is_listening
+from tarnwick_testing import HOST, binary, free_port, is_listening, read_file, stop_process, wait_for
 
 EXAMPLE_SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging", "nginx",
                             "tarnwick-webmail.conf")
@@ -144,11 +144,7 @@ class Nginx:
         wait_for(listening, 20, "nginx to listen")
 
     def errors(self):
-        try:
-            with open(os.path.join(self.folder, "error.log"), "rb") as f:
-                return f.read().decode("latin-1")
-        except FileNotFoundError:
-            return ""
+        return read_file(os.path.join(self.folder, "error.log")).decode("latin-1")
 
     def stop(self):
         stop_process(self.proc)

@@ -65,6 +65,15 @@ def is_listening(port):
     return False
 
 
+def read_file(path):
+    """The file's bytes, or b"" while it does not exist (a log a process has not written yet)."""
+    try:
+        with open(path, "rb") as f:
+            return f.read()
+    except FileNotFoundError:
+        return b""
+
+
 def wait_for(predicate, timeout, what):
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
@@ -241,11 +250,7 @@ class Stack:
     # -- what the processes said
 
     def _read(self, name):
-        try:
-            with open(os.path.join(self.dir, name), "rb") as f:
-                return f.read()
-        except FileNotFoundError:
-            return b""
+        return read_file(os.path.join(self.dir, name))
 
     def service_url(self):
         return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
