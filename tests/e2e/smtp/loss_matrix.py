@@ -12,17 +12,16 @@ is missing, damaged or stored twice. test_loss_matrix runs it with a small count
 """
 
 import argparse
+import collections
 import os
 import sys
 import time
 
-HERE = os.path.dirname(os.path.abspath(__file__))
-sys.path.insert(0, HERE)
-sys.path.insert(0, os.path.join(HERE, "..", "..", "support"))
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 
 import messages as M  # noqa: E402
 import smtp_clients as C  # noqa: E402
-from tarnwick_testing import Stack  # noqa: E402
+from tarnwick_testing import Stack, fetch  # noqa: E402
 
 SENDER, SENDER_PASSWORD = "sender", "senderpw"
 RECIPIENT = "rcpt"
@@ -39,15 +38,13 @@ CLIENTS = ["msmtp", "curl", "swaks", "smtplib"]
 
 
 class Cell:
-    """What one client did with one size: how many it sent, how many it reported sent, how many of the stored
-    messages are whole and there once, and which reported-sent ones are missing, damaged or doubled."""
+    """What one client did with one size: messages sent, reported sent, stored whole once; the reported-sent ones
+    missing or doubled (lost), stored copies that match none sent (strays), and the clients' failures."""
 
     def __init__(self, client, size):
         self.client, self.size = client, size
         self.sent = self.reported = self.delivered = 0
-        self.lost = []
-        self.strays = []
-        self.failures = []
+        self.lost, self.strays, self.failures = [], [], []
         self.seconds = 0.0
 
     def __str__(self):
@@ -58,13 +55,11 @@ class Cell:
 
 
 def unique(body, client, size, number):
-    """`body` with headers that make each message its own: a stored copy names the send it came from."""
     return (b"Date: Mon, 23 Nov 2026 10:00:00 +0000\r\nMessage-ID: <%s.%s.%d@example.org>\r\n"
             % (client.encode(), size.encode(), number)) + body
 
 
 def empty_folders(stack):
-    """Keeps the store small between cells."""
     for parts in ((RECIPIENT,), (SENDER, ".Sent Items")):
         for sub in ("new", "cur"):
             path = os.path.join(stack.store.root, *parts, sub)
@@ -79,7 +74,7 @@ def run_cell(stack, client, size, body, count):
     sent = []
     for number in range(count):
         message = unique(body, client, size, number)
-        result = C.send(stack, client, SENDER + "@tarnwick.local", RECIPIENT + "@tarnwick.local", message)
+        result = C.send(stack, client, SENDER + "@tarnwick.local", [RECIPIENT + "@tarnwick.local"], message)
         cell.sent += 1
         if result.ok:
             cell.reported += 1
@@ -88,17 +83,13 @@ def run_cell(stack, client, size, body, count):
         sent.append((message, result.ok))
     stack.wait_listening(stack.smtp_port)
     cell.seconds = time.monotonic() - started
-    stored = [C.without_trace(m) for m in stack.store.folder_messages(RECIPIENT)]
-    copies = {}
-    for m in stored:
-        copies[m] = copies.get(m, 0) + 1
+    copies = collections.Counter(C.without_trace(m) for m in stack.store.folder_messages(RECIPIENT))
     for number, (message, ok) in enumerate(sent):
         n = copies.pop(message, 0)
         if n == 1:
             cell.delivered += 1
         elif ok:
             cell.lost.append("message %d: %d whole copies" % (number, n))
-    # Anything else in the folder is a damaged copy of something.
     cell.strays = ["a stored message that matches none sent (%d bytes)" % len(m) for m in copies]
     return cell
 
@@ -110,7 +101,7 @@ def start_stack():
         stack.store.add_user(SENDER, SENDER_PASSWORD)
         stack.store.add_user(RECIPIENT, RECIPIENT + "pw")
         stack.start()
-        C.fetch_once(stack, SENDER, SENDER_PASSWORD)
+        fetch(stack, SENDER, SENDER_PASSWORD)
     except BaseException:
         stack.stop()
         raise
