@@ -38,7 +38,7 @@ APP_LINE = b"X-Application: Tarnwick Gateway - " + _project_version().encode()
 START_TIMEOUT = 20.0
 LISTENING_LINE = re.compile(rb"listening on (?:https?://)?(?:127\.0\.0\.1|\[::1\]):(\d+)")
 # tarnwick-webmail logs one line per HTTP request on standard error: method, path, status, ...
-REQUEST_LINE = re.compile(r"^[A-Z]+ /\S* \d{3} ", re.MULTILINE)
+REQUEST_LINE = re.compile(r"^[A-Z]+ /\S* \d{3} .*$", re.MULTILINE)
 
 
 def free_port():
