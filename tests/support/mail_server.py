@@ -60,10 +60,7 @@ class Postfix:
         self.uid, self.gid = uid, gid
         self.tls = login is not None
         self.login = login
-        self.port = None
-        self.tls_port = None
-        self.master = None
-        self._log = None
+        self.port = self.tls_port = self.master = None
         self.etc = os.path.join(folder, "etc")
         self.mail = mail_base or os.path.join(folder, "mail")
         self._own_mail = mail_base is None
@@ -178,10 +175,10 @@ class Postfix:
         if self.tls and self.tls_port is None:
             self.tls_port = free_port()
         self._configure()
-        self._log = open(os.path.join(self.dir, "maillog"), "ab")
         # A session of its own: on SIGTERM the master stops its process group, its services with it.
-        self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=self._log, stderr=subprocess.STDOUT,
-                                       stdin=subprocess.DEVNULL, start_new_session=True)
+        with open(os.path.join(self.dir, "maillog"), "ab") as log:
+            self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=log, stderr=subprocess.STDOUT,
+                                           stdin=subprocess.DEVNULL, start_new_session=True)
 
         def up():
             if self.master.poll() is not None:
@@ -198,10 +195,6 @@ class Postfix:
         if self.port is None:
             return
         stop_process(self.master)
-        self.master = None
-        if self._log:
-            self._log.close()
-            self._log = None
         # The port is free once its services have left too.
         wait_for(lambda: not is_listening(self.port), 10, "postfix to close port %d" % self.port)
 
@@ -217,14 +210,8 @@ class Postfix:
         return os.path.join(self.mail, self.mailboxes[address])
 
     def delivered(self, address):
-        out = []
-        for sub in ("new", "cur"):
-            d = os.path.join(self.maildir(address), sub)
-            if os.path.isdir(d):
-                for name in sorted(os.listdir(d)):
-                    with open(os.path.join(d, name), "rb") as f:
-                        out.append(f.read())
-        return out
+        folders = [os.path.join(self.maildir(address), sub) for sub in ("new", "cur")]
+        return [read_file(os.path.join(d, name)) for d in folders if os.path.isdir(d) for name in sorted(os.listdir(d))]
 
     def wait_delivered(self, address, marker, timeout):
         """The messages for address that hold the bytes `marker`, once there is at least one."""

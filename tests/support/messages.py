@@ -1,5 +1,20 @@
 """The messages the end-to-end tests and benchmarks put into the store, each as the bytes of its file."""
 
+import base64
+
+
+def attachment_message(size):
+    """A MIME message with a text part and a binary attachment whose base64 form is about `size` bytes."""
+    raw = bytes((i * 7 + i // 251) & 0xFF for i in range(size * 3 // 4))
+    encoded = base64.encodebytes(raw).replace(b"\n", b"\r\n")
+    return (b"From: Sam <sam@tarnwick.local>\r\nTo: carl@tarnwick.local\r\nSubject: The big file\r\n"
+            b"MIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"b1\"\r\n\r\n"
+            b"--b1\r\nContent-Type: text/plain\r\n\r\nThe file is attached.\r\n"
+            b"--b1\r\nContent-Type: application/octet-stream\r\n"
+            b"Content-Disposition: attachment; filename=\"big.bin\"\r\nContent-Transfer-Encoding: base64\r\n\r\n"
+            + encoded + b"--b1--\r\n")
+
+
 PLAIN = (b"From: Ann Example <ann@example.org>\r\n"
          b"To: alice@example.org\r\n"
          b"Subject: Plain text\r\n"
@@ -39,23 +54,7 @@ EIGHT_BIT = (b"From: Fran\xe7ois L\xe9ger <francois@example.org>\r\n"
              b"Cr\xe8me br\xfbl\xe9e, \xa3 and \xa9.\r\n"
              + bytes(range(0x80, 0x100)) + b"\r\n")
 
-MULTIPART = (b"From: Files <files@example.org>\r\n"
-             b"To: alice@example.org\r\n"
-             b"Subject: With an attachment\r\n"
-             b"MIME-Version: 1.0\r\n"
-             b"Content-Type: multipart/mixed; boundary=\"b1\"\r\n"
-             b"\r\n"
-             b"--b1\r\n"
-             b"Content-Type: text/plain\r\n"
-             b"\r\n"
-             b"See the file.\r\n"
-             b"--b1\r\n"
-             b"Content-Type: application/octet-stream\r\n"
-             b"Content-Disposition: attachment; filename=\"data.bin\"\r\n"
-             b"Content-Transfer-Encoding: base64\r\n"
-             b"\r\n"
-             b"AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKissLS4v\r\n"
-             b"--b1--\r\n")
+MULTIPART = attachment_message(64)
 
 # The last line has no line end.
 NO_FINAL_LINE_END = (b"From: Terse <terse@example.org>\r\n"

@@ -2,7 +2,6 @@
 curl's smtp://, swaks, Python's smtplib in a child process), sending through the gateway of a Stack, and the
 messages they send. The gateway relays with the credentials its POP3 server last received: fetch first."""
 
-import base64
 import subprocess
 import sys
 import tempfile
@@ -82,14 +81,3 @@ def with_headers(message):
     same bytes."""
     return b"Date: Mon, 23 Nov 2026 10:00:00 +0000\r\nMessage-ID: <%d@example.org>\r\n" % len(message) + message
 
-
-def attachment_message(size):
-    """A MIME message with a text part and a binary attachment whose base64 form is about `size` bytes."""
-    raw = bytes((i * 7 + i // 251) & 0xFF for i in range(size * 3 // 4))
-    encoded = base64.encodebytes(raw).replace(b"\n", b"\r\n")
-    return (b"From: Sam <sam@tarnwick.local>\r\nTo: carl@tarnwick.local\r\nSubject: The big file\r\n"
-            b"MIME-Version: 1.0\r\nContent-Type: multipart/mixed; boundary=\"b1\"\r\n\r\n"
-            b"--b1\r\nContent-Type: text/plain\r\n\r\nThe file is attached.\r\n"
-            b"--b1\r\nContent-Type: application/octet-stream\r\n"
-            b"Content-Disposition: attachment; filename=\"big.bin\"\r\nContent-Transfer-Encoding: base64\r\n\r\n"
-            + encoded + b"--b1--\r\n")

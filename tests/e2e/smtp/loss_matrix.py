@@ -37,7 +37,7 @@ SIZES = {
     "1M": lambda: M.big_message(1024 * 1024),
     "4M": lambda: M.big_message(4 * 1024 * 1024),
     "12M": lambda: M.big_message(12 * 1024 * 1024),
-    "34M": lambda: C.attachment_message(25 * 1024 * 1024),
+    "34M": lambda: M.attachment_message(25 * 1024 * 1024),
 }
 CLIENTS = ["msmtp", "curl", "swaks", "smtplib"]
 TEST_COUNTS = {"1M": 3, "4M": 3, "12M": 3, "34M": 1}
@@ -177,7 +177,7 @@ class LossMatrix(unittest.TestCase):
 
     def test_a_client_whose_post_the_killed_service_never_took_reports_a_failure(self):
         stack = self.own_stack()
-        message = C.with_headers(C.attachment_message(25 * 1024 * 1024))
+        message = C.with_headers(M.attachment_message(25 * 1024 * 1024))
         result = []
         sender = threading.Thread(target=lambda: result.append(C.send(stack, "smtplib", SENDER, [RECIPIENT], message)))
         sender.start()
@@ -209,7 +209,7 @@ def main():
     parser.add_argument("--clients", default=",".join(CLIENTS), help="comma-separated, from " + ",".join(CLIENTS))
     args = parser.parse_args()
     sizes, clients = args.sizes.split(","), args.clients.split(",")
-    unknown = [n for n in sizes + clients if n not in SIZES and n not in CLIENTS]
+    unknown = [n for n in sizes if n not in SIZES] + [n for n in clients if n not in CLIENTS]
     if unknown:
         parser.error("unknown: " + ", ".join(unknown))
 
