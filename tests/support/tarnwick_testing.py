@@ -1,10 +1,7 @@
 """What the Python tests and the benchmarks share: free ports on 127.0.0.1, processes stopped by their pid,
 tarnwick-webmail on a temporary Maildir store with one headless tarnwick-gateway pointed at it (or at another
-service), a POP3 fetch through the gateway, and a line-by-line POP3/SMTP client over a plain socket.
-
-The binaries come from the environment (TARNWICK_GATEWAY, TARNWICK_WEBMAIL; CTest sets them), else from the
-build folder at the top of the tree.
-"""
+service), a POP3 fetch through the gateway, and a line-by-line POP3/SMTP client. The binaries come from
+TARNWICK_GATEWAY and TARNWICK_WEBMAIL (CTest sets them), else from the build folder at the top of the tree."""
 
 import os
 import poplib
@@ -233,14 +230,8 @@ class Stack:
     def service_url(self):
         return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
 
-    def webmail_output(self):
-        return self.webmail.output()
-
     def gateway_log(self):
         return read_file(os.path.join(self.dir, "gateway.out")).decode("latin-1")
-
-    def service_requests(self):
-        return len(self.webmail.requests())
 
     def wait_listening(self, port):
         """The gateway listens again only after the previous client's close has been handled."""

@@ -27,29 +27,19 @@ def setUpModule():
     if SKIP:
         raise unittest.SkipTest(SKIP)
     work = tempfile.TemporaryDirectory(prefix="tarnwick-relay-")
+    unittest.addModuleCleanup(work.cleanup)
     os.chmod(work.name, 0o711)  # for Postfix's own user
     mx = mail_server.Postfix(os.path.join(work.name, "mx"),
                              mailboxes={"someone@example.test": "someone/", "another@example.test": "another/"},
                              refused={"refuse@example.test": "550 5.1.1 no such user here"})
+    unittest.addModuleCleanup(mx.stop)
     mx.start()
     stack = Stack(webmail_args=["--relay", mx.url()] + RETRY)
+    unittest.addModuleCleanup(stack.stop)
     stack.store.add_user("sam", "sam-pw")
     stack.store.add_user("lena", "lena-pw")
     stack.start()
     fetch(stack, "sam", "sam-pw")  # the gateway sends with the credentials of the last fetch
-
-
-def tearDownModule():
-    try:
-        if stack:
-            stack.stop()
-    finally:
-        try:
-            if mx:
-                mx.stop()
-        finally:
-            if work:
-                work.cleanup()
 
 
 def relay_to_mx_again():
@@ -103,7 +93,7 @@ def split_trace(delivered):
 
 
 def webmail_log_count(text):
-    return stack.webmail_output().count(text)
+    return stack.webmail.output().count(text)
 
 
 class Relay(unittest.TestCase):
@@ -131,7 +121,7 @@ class Relay(unittest.TestCase):
                                  (SENDER, address))
             wait_for(lambda: webmail_log_count("sending to <busy@example.test> via") >= 1, 20, "a second attempt")
             self.assertIn("deferred <busy@example.test>: 450 4.2.0 <busy@example.test>: Recipient address "
-                          "rejected: mailbox busy", stack.webmail_output())
+                          "rejected: mailbox busy", stack.webmail.output())
         finally:
             del mx.refused["busy@example.test"]
             mx.stop()
@@ -197,7 +187,7 @@ class Relay(unittest.TestCase):
         self.assertIn(b"<late0@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
                       first)
         self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n", first)
-        log = stack.webmail_output()
+        log = stack.webmail.output()
         self.assertGreaterEqual(log.count("sending to <late0@example.test>"), 2)
         # The first message probed the relay; the others waited with it (one of them may have probed once,
         # after the first was returned) instead of each trying on its own.
@@ -219,7 +209,7 @@ class Relay(unittest.TestCase):
         wait_outbox_empty()
         time.sleep(5)  # longer than a second transfer would take
         self.assertEqual(len(slow.delivered("late@example.test")), 1)
-        self.assertIn("an attempt was cut short", stack.webmail_output())
+        self.assertIn("an attempt was cut short", stack.webmail.output())
 
     def test_5_mail_server_delivers_into_an_account_and_the_gateway_serves_it(self):
         # Postfix will not deliver as root: the account's tree belongs to nobody, the folders above it may be
@@ -256,7 +246,7 @@ class Relay(unittest.TestCase):
         # The system's authorities do not know the server's certificate: the message waits.
         stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
         send(["safe@example.test"], message("Safe 0"))
-        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
+        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail.output()), 20,
                  "a deferral for the unknown certificate")
         self.assertEqual(secure.delivered("safe@example.test"), [])
         for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
@@ -270,8 +260,8 @@ class Relay(unittest.TestCase):
                 # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
                 self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n"
                                        rb"\tby mx\.example\.test \(Postfix\) with ESMTPSA")
-        self.assertIn("> AUTH ...", stack.webmail_output())
-        self.assertNotIn("s3cret", stack.webmail_output())
+        self.assertIn("> AUTH ...", stack.webmail.output())
+        self.assertNotIn("s3cret", stack.webmail.output())
         logins = re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())
         self.assertEqual(len(logins), 3)
         wait_outbox_empty()

@@ -148,7 +148,7 @@ class LossMatrix(unittest.TestCase):
                 self.assertFalse(result.ok, result)
                 self.assertIn(SHOWN[client], result.output)
         stack.wait_listening(stack.smtp_port)
-        self.assertEqual(stack.service_requests(), 0)
+        self.assertEqual(stack.webmail.requests(), [])
 
     def test_every_message_reported_sent_is_stored_whole_once(self):
         cells = run(self.own_stack(), TEST_COUNTS, CLIENTS)
