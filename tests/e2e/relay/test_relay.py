@@ -57,8 +57,8 @@ def post(recipients, text):
     """Posts to tarnwick-webmail's send address as the gateway does, but with several recipients."""
     body = b"MAIL FROM:<%s>\r\n" % SENDER.encode() + b"".join(b"RCPT TO:<%s>\r\n" % r.encode() for r in recipients)
     request = urllib.request.Request("http://%s:%d/mail/sam/sendmsg" % (HOST, stack.service_port),
-                                     data=body + b"\r\n" + text + b".\r\n",
-                                     headers={"Content-Type": "message/rfc821", "Authorization": "Basic c2FtOnNhbS1wdw=="})
+                                     data=body + b"\r\n" + text + b".\r\n", headers={
+                                         "Content-Type": "message/rfc821", "Authorization": "Basic c2FtOnNhbS1wdw=="})
     urllib.request.urlopen(request, timeout=30).close()  # raises unless 2xx
 
 

@@ -163,7 +163,8 @@ class HttpTest(Service):
                 status, _, body = self.login(headers=headers, conn=self.connect(source))
                 self.assertEqual(status, 207)
                 self.assertIn("<hm:inbox>%s://127.0.0.1:%d/" % (scheme, self.port), body.decode())
-                text = "MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<demo@tarnwick.local>\r\n\r\nSubject: %d\r\n.\r\n" % n
+                text = "MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<demo@tarnwick.local>\r\n\r\nSubject: %d\r\n.\r\n" \
+                    % n
                 self.assertEqual(self.request("POST", "/mail/demo/sendmsg", text, dict(
                     headers, **{"Content-Type": "message/rfc821"}), conn=self.connect(source))[0], 200)
                 sent = os.path.join(self.store, "demo", ".Sent Items", "cur")
