@@ -21,6 +21,7 @@ SECOND = b"Subject: second\r\n\r\nThe second message.\r\n"
 
 
 @unittest.skipUnless(nginx_binary(), "nginx is not installed (scripts/setup installs it)")
+@unittest.skipUnless(shutil.which("openssl"), "openssl is not installed (scripts/setup installs it)")
 class TlsProxyTest(unittest.TestCase):
 
     @classmethod
