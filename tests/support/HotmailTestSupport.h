@@ -1,5 +1,5 @@
-// Shared fixture and reply builders for the service client tests: a fresh fake service and session per test,
-// message boxes captured, error reporter reset, a day/month/year 24-hour locale.
+// Reply builders for the service client and server tests, and the service client's fixture: a fresh scripted
+// service and session per test, message boxes silenced, error reporter reset, a day/month/year 24-hour locale.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -94,16 +94,12 @@ class HotmailTest : public ::testing::Test {
 protected:
     void SetUp() override {
         core::MErrorHandler::ResetForTesting();
-        core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
+        core::MessageBox::SetHandler([](const std::string&) {});
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
         mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
         mail_.SetUserName("joe");
         mail_.SetPassword("s3cret");
     }
-    void TearDown() override {
-        core::MessageBox::SetHandler([](const std::string&) {});
-    }
-
     // The seven addresses a standard log-in reply hands out, in reply order.
     std::vector<std::string> Addresses() const {
         return {svc_.Url("/ad"),   svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
@@ -118,7 +114,6 @@ protected:
 
     testing_support::FakeWebDavService svc_;
     mailservice::CHotmail mail_;
-    std::vector<std::string> boxes_;
 };
 
 }  // namespace hotmail_test

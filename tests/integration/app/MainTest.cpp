@@ -18,9 +18,8 @@
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MErrorHandler.h"
-#include "core/Version.h"
 #include "tests/integration/app/RecordingView.h"
-#include "tests/support/LoopbackPort.h"
+#include "tests/support/LineClient.h"
 
 namespace {
 
@@ -45,7 +44,6 @@ TEST_F(MainTest, LogActsOnlyOnceStartUpHasEnabledIt) {
     EXPECT_EQ(view.log, "");
 
     main.Form_Load();
-    EXPECT_EQ(main.ApplicationVersion(), core::Version::kText);
     main.WriteLog("abc");
     main.WriteLog("");
     main.WriteLog("CLIENT_REQUEST: x\r\n");

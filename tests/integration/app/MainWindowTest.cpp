@@ -16,7 +16,6 @@
 #include "core/MErrorHandler.h"
 #include "core/Version.h"
 #include "tests/support/LineClient.h"
-#include "tests/support/LoopbackPort.h"
 
 namespace {
 

@@ -17,18 +17,12 @@
 #include "tests/support/FakeWebDavService.h"
 #include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
-#include "tests/support/LoopbackPort.h"
 
 namespace server_tests {
 
 inline constexpr int kTimeoutMs = 30000;
 
 using testing_support::FreePort;
-
-// Waits until `entry` is in `log` at least `times` times.
-inline bool WaitForLog(const std::vector<std::string>& log, const std::string& entry, long times = 1) {
-    return QTest::qWaitFor([&] { return std::count(log.begin(), log.end(), entry) >= times; }, kTimeoutMs);
-}
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
 template <typename Server>
@@ -53,8 +47,10 @@ protected:
                                svc.Url("/sent"), svc.Url("/trash"), svc.Url("/root")})));
         svc.Enqueue(testing_support::DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
     }
+    // Waits until `entry` is in the log at least `times` times.
     bool WaitForLog(const std::string& entry, long times = 1) {
-        return server_tests::WaitForLog(host.log, entry, times);
+        return QTest::qWaitFor([&] { return std::count(host.log.begin(), host.log.end(), entry) >= times; },
+                               kTimeoutMs);
     }
 
     testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "sam", "sam pw"};
