@@ -1,6 +1,6 @@
 // POP3 sessions against a scripted WebDAV service: dispatch by the exact word, exact answers, one log-in and
 // inbox load per connection and only when the mailbox is needed, deletion on the service at once, failures
-// answered "-ERR ". (A spool the disk cannot take is shown end to end with real readers.)
+// answered "-ERR ", a spool the disk cannot take.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -11,6 +11,7 @@
 #include "ServerTestSupport.h"
 #include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
+#include "tests/support/FileSizeLimit.h"
 
 namespace {
 
@@ -134,6 +135,27 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
     EXPECT_EQ(reader->Ask("DELE 1\r\n"), "-ERR The connection with the server was terminated abnormally\r\n");
     EXPECT_EQ(reader->Ask("DELE 3\r\n"), "-ERR No such message\r\n");
     EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 3) << "a bad number calls nothing on the service";
+}
+
+// The file system refuses the spool's writes (here through the file size limit, which needs no privileges):
+// the reader gets an error, never the part of the message that fitted, and the next command loads again.
+TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAnError) {
+    const Listed big{"BIG", std::string(256 << 10, 'y')};
+    ScriptLoad({kPlain, big});
+    auto reader = LogIn();
+    testing_support::FileSizeLimit limit(64 << 10);
+    ASSERT_TRUE(limit.Active());
+    const std::string stat = reader->Ask("STAT\r\n");
+    const std::string retr = reader->Ask("RETR 2\r\n");
+    ASSERT_TRUE(limit.Lift());
+    EXPECT_EQ(stat, "-ERR Disk full\r\n");
+    // RETR loads again (the service's next replies are not scripted yet): still no message.
+    EXPECT_TRUE(retr.starts_with("-ERR ")) << retr;
+
+    ScriptLoad({kPlain, big});
+    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
+    EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
+              "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
 TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachTime) {

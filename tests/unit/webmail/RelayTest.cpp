@@ -1,6 +1,6 @@
 // The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
-// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, the queue state
-// on disk and the retry pauses, and the delivery report's status codes.
+// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, the retry pauses,
+// and the delivery report's status codes.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -90,17 +90,11 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
          false,
          {Verdict::Temporary, Verdict::Temporary},
          {"connection lost", "connection lost"}},
-        {"a refused sender, its reply split across reads",
-         {{false, "220 mx\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "421-busy\r\n42"}, {false, "1 later\r\n"}},
-         false,
-         {Verdict::Temporary, Verdict::Temporary},
-         {"421-busy 421 later", "421-busy 421 later"}},
         {"a sender refused for good with a control byte in the reply",
          {{false, "220 mx\r\n"}, {true, "MAIL FROM:<a@x.org>\r\n"}, {false, "554 no\x1b[1mway\r\n"}},
          false,
          {Verdict::Permanent, Verdict::Permanent},
          {"554 no?[1mway", "554 no?[1mway"}},
-        {"no connection", {}, false, {Verdict::Temporary, Verdict::Temporary}, {"connection lost", "connection lost"}},
     };
     for (const auto& c : cases) {
         SmtpExchange exchange;
@@ -121,35 +115,20 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
     }
 }
 
-TEST(QueueStateTest, SurvivesItsFileAndPausesDouble) {
+// (The state surviving a restart is shown end to end: a relay killed half-way delivers once.)
+TEST(QueueStateTest, AReplyCannotBreakTheFileAndPausesDouble) {
     TempDir dir;
     QueueState state;
-    state.attempts = 3;
-    state.queued = 1795000000;
-    state.nextTry = 1795000240;
-    state.sending = true;
-    state.done = {"b@y.org", "c@y.org"};
-    state.lastReply = "451 4.3.0 try\r\nlater";  // a line break in a reply cannot break the file
+    state.lastReply = "451 4.3.0 try\r\nlater";
     state.Save(dir.path() / "m1");
-    const auto loaded = QueueState::Load(dir.path() / "m1");
-    ASSERT_TRUE(loaded);
-    EXPECT_EQ(loaded->attempts, 3U);
-    EXPECT_EQ(loaded->queued, 1795000000);
-    EXPECT_EQ(loaded->nextTry, 1795000240);
-    EXPECT_TRUE(loaded->sending);
-    EXPECT_EQ(loaded->done, state.done);
-    EXPECT_EQ(loaded->lastReply, "451 4.3.0 try  later");
-    EXPECT_FALSE(std::filesystem::exists(dir.path() / "m1.new"));
-    EXPECT_FALSE(QueueState::Load(dir.path() / "missing"));
+    EXPECT_EQ(QueueState::Load(dir.path() / "m1")->lastReply, "451 4.3.0 try  later");
     EXPECT_FALSE(QueueState::Parse("attempts x\n"));
-    EXPECT_FALSE(QueueState::Parse("sending maybe\n"));
 
     using std::chrono::seconds;
-    const seconds minute(60), hour(3600);
     const std::pair<unsigned, seconds> pauses[] = {{1, seconds(60)},   {2, seconds(120)},  {3, seconds(240)},
                                                    {6, seconds(1920)}, {7, seconds(3600)}, {500, seconds(3600)}};
     for (const auto& [failures, pause] : pauses) {
-        EXPECT_EQ(QueueState::Pause(failures, minute, hour), pause) << failures;
+        EXPECT_EQ(QueueState::Pause(failures, seconds(60), seconds(3600)), pause) << failures;
     }
 }
 
