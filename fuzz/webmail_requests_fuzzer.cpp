@@ -63,10 +63,9 @@ public:
         fs::remove_all(top_, ec);
     }
 
-    // A fresh store whenever a request has moved or flagged ann's mail.
+    // A fresh store whenever a request has moved, flagged or listed ann's mail.
     dav::Router& Router() {
-        if (CountFiles(Store() / "ann") != 2 || CountFiles(Store() / "ann" / ".Deleted Items") != 0 ||
-            !fs::exists(Store() / "ann" / "new" / kAnnMessages[0]) ||
+        if (!fs::exists(Store() / "ann" / "new" / kAnnMessages[0]) ||
             !fs::exists(Store() / "ann" / "new" / kAnnMessages[1])) {
             Rebuild();
         }
@@ -132,10 +131,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fixture.CheckOthersUntouched();
 
     std::string error;
-    if (const auto submission = store::Submission::Parse(rest, error)) {
-        Check(!submission->recipients.empty(), "a submission has a recipient");
-    } else {
-        Check(!error.empty(), "a refused submission says why");
-    }
+    const auto submission = store::Submission::Parse(rest, error);
+    Check(submission ? !submission->recipients.empty() : !error.empty(), "a submission has a recipient or a reason");
     return 0;
 }

@@ -45,10 +45,4 @@ TEST_F(ErrorHandler, TrapPassesResultsThroughAndMapsForeignExceptions) {
     EXPECT_NE(e.Description().find("boom"), std::string::npos);
 }
 
-TEST_F(ErrorHandler, SkipOnErrorSwallowsTheFailureWithoutKeepingIt) {
-    EXPECT_FALSE(core::SkipOnError([] { core::Raise(13); }));
-    EXPECT_TRUE(core::SkipOnError([] {}));
-    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
-}
-
 }  // namespace
