@@ -45,19 +45,14 @@ inline std::string LoginReply(const std::string& base, const std::vector<std::st
 struct FolderEntry {
     std::string url;
     std::string name;
-    bool onlyOneProperty = false;
 };
 
 inline std::string FolderReply(const std::vector<FolderEntry>& folders) {
     std::string s = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\">";
     for (const FolderEntry& f : folders) {
-        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>";
-        if (!f.onlyOneProperty) {
-            s += "<D:displayname>" + f.name +
-                 "</D:displayname><hm:special>x</hm:special>"
-                 "<hm:unreadcount>0</hm:unreadcount>";
-        }
-        s += "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder><D:displayname>" +
+             f.name + "</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount></D:prop>"
+             "<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
     }
     return s + "</D:multistatus>";
 }

@@ -1,6 +1,7 @@
-// The service client against a scripted service: the log-in's addresses read by position, the folder and
-// mailbox listings with their quirks, flagging, deleting and sending, and how every reading operation judges a
-// reply. (The request bodies are the service's fixed texts: the end-to-end tests prove the service takes them.)
+// The service client against a scripted service: the log-in's addresses read by position, the mailbox listing's
+// quirks and dates, sending from disk, and how every reading operation judges a reply. (Requests per load,
+// deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are the
+// service's fixed texts, which the end-to-end tests prove the service takes.)
 #include <functional>
 
 #include "tests/support/HotmailTestSupport.h"
@@ -42,50 +43,6 @@ TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRun
     ASSERT_EQ(svc_.Requests().size(), 2u);
     EXPECT_EQ(svc_.Requests()[1].path, "/oldroot");
     EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1);
-}
-
-TEST_F(HotmailTest, FolderListingAppendsOnEveryRunAndAnEntryWithoutDisplayNameEndsIt) {
-    LogIn({{"/f/in", "Inbox"}, {"/f/x", "Caf\xC3\xA9"}});
-    LogIn({{"/f/1", "One"}, {"/f/2", "Two", true}, {"/f/3", "Three"}});
-    const auto list = mail_.GetFolderCollection();
-    ASSERT_EQ(list->Count(), 3);
-    EXPECT_EQ(list->Item(2)->fUrl, "/f/x");
-    EXPECT_EQ(list->Item(2)->fName, "Caf\xC3\xA9");
-    EXPECT_EQ(list->Item(3)->fName, "One");
-    EXPECT_EQ(KeptError().Source(), "ParseFolderInfo Method");
-
-    // A folder reply that is not XML lists nothing and is no failure.
-    core::MErrorHandler::ResetForTesting();
-    svc_.Enqueue(DavReply(LoginReply("/b", Addresses())));
-    svc_.Enqueue(DavReply("not xml at all"));
-    EXPECT_TRUE(mail_.Connect());
-    EXPECT_EQ(list->Count(), 3);
-    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
-}
-
-// The first load of a mailbox of n messages costs n + 3 requests and one challenge: after the first exchange
-// every request carries the credentials Connect gave the request layer.
-TEST(HotmailAuthTest, LoadOfNMessagesMakesNPlusThreeRequestsAndOneChallenge) {
-    constexpr int kMessages = 6;
-    core::MErrorHandler::ResetForTesting();
-    FakeWebDavService svc(FakeWebDavService::Auth::Basic, "joe@example.invalid", "p\xC3\xA4ss");
-    mailservice::CHotmail::SetServiceEntryURL(svc.Url(kEntryPath));
-    mailservice::CHotmail m;
-    m.SetUserName("joe@example.invalid");
-    m.SetPassword("p\xC3\xA4ss");
-    std::vector<ListedMessage> listed(kMessages);
-    for (int i = 0; i < kMessages; ++i) listed[i].href = svc.Url("/m/" + std::to_string(i + 1));
-    svc.Enqueue(DavReply(LoginReply("/b", {"a", "c", svc.Url("/inbox"), "o", "s", "t", svc.Url("/root")})));
-    svc.Enqueue(DavReply(FolderReply({})));
-    svc.Enqueue(DavReply(ListingReply(listed)));
-    for (int i = 1; i <= kMessages; ++i) svc.Enqueue(DavReply("text " + std::to_string(i)));
-    ASSERT_TRUE(m.Connect());
-    m.SetPassword("other");  // changes nothing: the request layer keeps what Connect gave it
-    ASSERT_NO_THROW(m.ParseMailboxInfo(m.InboxURL()));
-    ASSERT_EQ(m.GetMailCollection()->Count(), kMessages);
-    EXPECT_EQ(m.GetMailCollection()->Item(kMessages)->mBody.ReadAll(), "text " + std::to_string(kMessages));
-    EXPECT_EQ(svc.Requests().size(), static_cast<std::size_t>(kMessages + 3));
-    EXPECT_EQ(svc.Challenges(), 1);
 }
 
 class HotmailListingTest : public HotmailTest {
@@ -150,61 +107,6 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
         EXPECT_EQ(m.mHasAttachment, e.attachment) << id;
     }
     EXPECT_FALSE(core::MErrorHandler::HasKeptError());
-}
-
-TEST_F(HotmailListingTest, EntryBeyondTheLastPropertyListGetsOnlyItsAddress) {
-    // Entry 1 keeps its values in an element of another name, so there is one property list for two entries:
-    // entry 2 has no property list 2 to search from and keeps only address, index and body.
-    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus xmlns:D='DAV:' xmlns:m='urn:m'>"
-                          "<D:response><D:href>" + svc_.Url("/msg/A") + "</D:href><D:propstat><D:other><D:id>A</D:id>"
-                          "<m:subject>first</m:subject></D:other></D:propstat></D:response>"
-                          "<D:response><D:href>" + svc_.Url("/msg/B") + "</D:href><D:propstat><D:prop><D:id>B</D:id>"
-                          "<m:subject>second</m:subject></D:prop></D:propstat></D:response></D:multistatus>"));
-    svc_.Enqueue(ScriptedReply{200, {}, "body of A", false});
-    svc_.Enqueue(ScriptedReply{200, {}, "body of B", false});
-    mail_.ParseMailboxInfo(svc_.Url("/inbox"));
-    const auto mails = mail_.GetMailCollection();
-    ASSERT_EQ(mails->Count(), 2);
-    EXPECT_EQ(mails->Item(1)->mSubject, "first");
-    EXPECT_EQ(mails->Item(2)->mURL, svc_.Url("/msg/B"));
-    EXPECT_EQ(mails->Item(2)->mMessageID, "");
-    EXPECT_EQ(mails->Item(2)->mBody.ReadAll(), "body of B");
-}
-
-// The refusal shows only in HotmailError; the operation goes on to list the folder again.
-TEST_F(HotmailTest, FlaggingSendsTheFlagThenListsTheFolderAgain) {
-    for (const bool read : {true, false}) {
-        svc_.ClearScript();
-        svc_.Enqueue(DavReply("refused", 403, "403 refused"));
-        ListedMessage m;
-        m.href = svc_.Url("/msg/1");
-        svc_.Enqueue(DavReply(ListingReply({m}), 207, "207 listed"));
-        svc_.Enqueue(ScriptedReply{200, {}, "text", false});
-        if (read) {
-            mail_.FlagMailRead(svc_.Url("/msg/1"), svc_.Url("/folder"));
-        } else {
-            mail_.FlagMailUnread(svc_.Url("/msg/1"), svc_.Url("/folder"));
-        }
-        const auto reqs = svc_.Requests();
-        ASSERT_EQ(reqs.size(), 3u);
-        EXPECT_EQ(reqs[0].method + " " + reqs[0].path, "PROPPATCH /msg/1");
-        EXPECT_NE(reqs[0].body.find(std::string("<hm:read>") + (read ? "1" : "0") + "</hm:read>"), std::string::npos);
-        EXPECT_EQ(reqs[1].path, "/folder");
-        ASSERT_EQ(mail_.GetMailCollection()->Count(), 1);
-        EXPECT_EQ(mail_.HotmailError(), "207 listed");
-    }
-}
-
-TEST_F(HotmailTest, DeleteSendsTheIdsToTheTrash) {
-    mail_.SetTrashURL(svc_.Url("/trash"));
-    svc_.Enqueue(DavReply("moved", 207, "207 moved"));
-    const std::string headers = mail_.DeleteMail(Ids({"b&2", "a1"}), svc_.Url("/inbox"));
-    ASSERT_EQ(svc_.Requests().size(), 1u);
-    const auto move = svc_.Requests()[0];
-    EXPECT_EQ(move.method + " " + move.path, "BMOVE /inbox");
-    EXPECT_NE(move.body.find("<D:target><D:href>b&amp;2</D:href><D:href>a1</D:href></D:target>"), std::string::npos);
-    EXPECT_EQ(move.Header("Destination"), svc_.Url("/trash"));
-    EXPECT_NE(headers.find("X-Dav-Error: 207 moved\r\n"), std::string::npos) << headers;
 }
 
 // The message read in pieces from disk goes out byte for byte, also when a stale Digest nonce makes libcurl send

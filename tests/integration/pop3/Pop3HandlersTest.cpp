@@ -96,6 +96,7 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
         EXPECT_EQ(multiLine ? reader->AskMultiLine(request) : reader->Ask(request), answer) << request;
     }
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
+    EXPECT_EQ(svc.Challenges(), 1) << "after the first exchange every request carries the credentials";
     // The whole RETR answer is one log entry.
     EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
 }

@@ -1,13 +1,9 @@
 // The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
-// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, the retry pauses,
-// and the delivery report's status codes.
+// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, and the delivery
+// report's status codes. (The queue's state across a restart and its waits are shown end to end.)
 #include <gtest/gtest.h>
 
-#include <chrono>
-
-#include "TempDir.h"
 #include "webmail/relay/BounceReport.h"
-#include "webmail/relay/QueueState.h"
 #include "webmail/relay/QueuedMessage.h"
 #include "webmail/relay/SmtpExchange.h"
 
@@ -15,7 +11,6 @@ namespace {
 
 using webmail::relay::BounceReport;
 using webmail::relay::QueuedMessage;
-using webmail::relay::QueueState;
 using webmail::relay::SmtpExchange;
 using Verdict = SmtpExchange::Verdict;
 
@@ -112,23 +107,6 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
             EXPECT_EQ(results[i].verdict, c.verdicts[i]) << c.name << " " << both[i];
             EXPECT_EQ(results[i].reply, c.replies[i]) << c.name << " " << both[i];
         }
-    }
-}
-
-// (The state surviving a restart is shown end to end: a relay killed half-way delivers once.)
-TEST(QueueStateTest, AReplyCannotBreakTheFileAndPausesDouble) {
-    TempDir dir;
-    QueueState state;
-    state.lastReply = "451 4.3.0 try\r\nlater";
-    state.Save(dir.path() / "m1");
-    EXPECT_EQ(QueueState::Load(dir.path() / "m1")->lastReply, "451 4.3.0 try  later");
-    EXPECT_FALSE(QueueState::Parse("attempts x\n"));
-
-    using std::chrono::seconds;
-    const std::pair<unsigned, seconds> pauses[] = {{1, seconds(60)},   {2, seconds(120)},  {3, seconds(240)},
-                                                   {6, seconds(1920)}, {7, seconds(3600)}, {500, seconds(3600)}};
-    for (const auto& [failures, pause] : pauses) {
-        EXPECT_EQ(QueueState::Pause(failures, seconds(60), seconds(3600)), pause) << failures;
     }
 }
 
