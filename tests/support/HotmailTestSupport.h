@@ -1,5 +1,5 @@
 // Reply builders for the service client and server tests, and the service client's fixture: a fresh scripted
-// service and session per test, message boxes silenced, error reporter reset, a day/month/year 24-hour locale.
+// service and session per test, message boxes captured, error reporter reset, a day/month/year 24-hour locale.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -89,7 +89,7 @@ class HotmailTest : public ::testing::Test {
 protected:
     void SetUp() override {
         core::MErrorHandler::ResetForTesting();
-        core::MessageBox::SetHandler([](const std::string&) {});
+        core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
         mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
         mail_.SetUserName("joe");
@@ -109,6 +109,7 @@ protected:
 
     testing_support::FakeWebDavService svc_;
     mailservice::CHotmail mail_;
+    std::vector<std::string> boxes_;  // the texts of the message boxes shown
 };
 
 }  // namespace hotmail_test

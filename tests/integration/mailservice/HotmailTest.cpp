@@ -1,7 +1,7 @@
-// The service client against a scripted service: the log-in's addresses read by position, the mailbox listing's
-// quirks and dates, sending from disk, and how every reading operation judges a reply. (Requests per load,
-// deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are the
-// service's fixed texts, which the end-to-end tests prove the service takes.)
+// The service client against a scripted service: a short log-in reply, the mailbox listing's quirks and dates,
+// sending from disk, and how every reading operation judges a reply. (The log-in's addresses, requests per
+// load, deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are
+// the service's fixed texts, which the end-to-end tests prove the service takes.)
 #include <functional>
 
 #include "tests/support/HotmailTestSupport.h"
@@ -17,17 +17,6 @@ mailservice::IdCollectionPtr Ids(const std::vector<std::string>& ids) {
     auto c = core::MakeCollection<std::string>();
     for (const auto& id : ids) c->Add(id);
     return c;
-}
-
-TEST_F(HotmailTest, LogInReadsTheSevenAddressesByPositionThenListsTheRootFolder) {
-    LogIn({{"/f/1", "Inbox"}});
-    EXPECT_EQ((std::vector<std::string>{mail_.AdPaneURL(), mail_.ContactsURL(), mail_.InboxURL(), mail_.OutboxURL(),
-                                        mail_.SentItemsURL(), mail_.TrashURL(), mail_.RootFolderURL()}),
-              Addresses());
-    EXPECT_EQ(mail_.BaseRefURL(), svc_.Url("/base"));
-    ASSERT_EQ(svc_.Requests().size(), 2u);
-    EXPECT_EQ(svc_.Requests()[1].path, "/root");
-    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
 }
 
 TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRuns) {
@@ -106,6 +95,27 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
         EXPECT_EQ(m.mRead, e.read) << id;
         EXPECT_EQ(m.mHasAttachment, e.attachment) << id;
     }
+    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
+}
+
+// What the service sends that is no XML lists nothing; an error page is the message. Only a log-in reply that
+// cannot be read shows the parser's message, and leaves the addresses as they were.
+TEST_F(HotmailTest, RepliesThatAreNoXmlListNothingAndAnErrorPageIsTheMessage) {
+    LogIn();
+    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 207, "207 cut"));
+    svc_.Enqueue(DavReply("<html>Internal error</html>", 500, "500 listing failed"));
+    EXPECT_TRUE(mail_.Connect());
+    EXPECT_EQ(boxes_.size(), 1u);
+    EXPECT_EQ(mail_.InboxURL(), svc_.Url("/inbox"));
+    EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1) << "the folder listing of the log-in before";
+
+    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 500, "500 cut"));
+    mail_.ParseMailboxInfo(svc_.Url("/inbox"));
+    EXPECT_EQ(mail_.GetMailCollection()->Count(), 0);
+    std::string page = "<html>Internal error \xE9\xFF</html>";
+    page.push_back('\0');
+    svc_.Enqueue(DavReply(page, 500, "500 failed"));
+    EXPECT_EQ(mail_.GetMessage(svc_.Url("/m/1")), page);
     EXPECT_FALSE(core::MErrorHandler::HasKeptError());
 }
 

@@ -1,6 +1,5 @@
 // The Maildir store: listing order and ids across new/ -> cur/, flags and moves, long names, links never
-// followed, the password file, and delivery of a submission with its trace field. (A delivery the disk cannot
-// take is shown over HTTP, where its reply matters too.)
+// followed, the password file, and delivery of a submission with its trace field, all copies or none.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -8,6 +7,7 @@
 #include <set>
 #include <sstream>
 
+#include "tests/support/FileSizeLimit.h"
 #include "tests/unit/webmail/TempDir.h"
 #include "webmail/store/MailDelivery.h"
 #include "webmail/store/MaildirStore.h"
@@ -188,6 +188,47 @@ TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyN
                                          "X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"
                                          "X-Tarnwick-Envelope-To: <nobody@example.org>\r\n" +
                                          s.message);
+}
+
+// Copies are made for bob's INBOX, then ann's Outbox (the largest), then ann's Sent Items: when one cannot be
+// stored, none is left anywhere, and once the store can take it the message is delivered whole, once.
+TEST(MailDeliveryTest, ACopyThatCannotBeStoredLeavesNoCopyAnywhere) {
+    TempDir dir;
+    MaildirStore store(dir.path());
+    store.AddUser("ann", "pw");
+    store.AddUser("bob", "pw");
+    const auto files = [&](const char* account) {
+        std::vector<fs::path> out;
+        for (const auto& e : fs::recursive_directory_iterator(dir.path() / account)) {
+            if (e.is_regular_file()) out.push_back(e.path());
+        }
+        return out;
+    };
+    const auto deliver = [&] {
+        const Submission s{"ann@example.org", {"bob@example.org", "far@elsewhere.net"}, "Subject: t\r\n\r\nhi\r\n"};
+        MailDelivery(store, "example.org").Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
+    };
+    auto ann = files("ann");
+    const auto bob = files("bob");
+    {
+        testing_support::FileSizeLimit limit(200);  // room for the INBOX copy, not for the Outbox copy's envelope
+        ASSERT_TRUE(limit.Active());
+        EXPECT_ANY_THROW(deliver());
+    }
+    EXPECT_EQ(files("ann"), ann);
+    EXPECT_EQ(files("bob"), bob);
+    fs::remove_all(dir.path() / "ann" / ".Sent Items");
+    std::ofstream(dir.path() / "ann" / ".Sent Items") << "a file where the folder should be";
+    ann = files("ann");
+    EXPECT_ANY_THROW(deliver());
+    EXPECT_EQ(files("ann"), ann);
+    EXPECT_EQ(files("bob"), bob);
+
+    fs::remove(dir.path() / "ann" / ".Sent Items");
+    deliver();
+    EXPECT_EQ(store.FindAccount("bob")->Folder("INBOX")->List().size(), 1u);
+    EXPECT_EQ(store.FindAccount("ann")->Folder("Sent Items")->List().size(), 1u);
+    EXPECT_EQ(store.FindAccount("ann")->Folder("Outbox")->List().size(), 1u);
 }
 
 }  // namespace
