@@ -19,6 +19,7 @@
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
+#include "tests/support/TempDir.h"
 #include "webmail/dav/Router.h"
 #include "webmail/store/MaildirStore.h"
 #include "webmail/store/Submission.h"
@@ -53,15 +54,7 @@ std::size_t CountFiles(const fs::path& folder) {
 // Two accounts, ann with two unread messages and bob with one, and a file beside the store.
 class Fixture {
 public:
-    Fixture() {
-        std::string pattern = (fs::temp_directory_path() / "tarnwick-fuzz-XXXXXX").string();
-        top_ = ::mkdtemp(pattern.data());
-        Rebuild();
-    }
-    ~Fixture() {
-        std::error_code ec;
-        fs::remove_all(top_, ec);
-    }
+    Fixture() { Rebuild(); }
 
     // A fresh store whenever a request has moved, flagged or listed ann's mail.
     dav::Router& Router() {
@@ -77,18 +70,18 @@ public:
         Check(CountFiles(Store() / "bob") == 1 && CountFiles(Store() / "bob" / ".Deleted Items") == 0,
               "another account's folders stay as they are");
         Check(ReadFile(Store() / "passwd") == passwd_, "the password file stays");
-        Check(ReadFile(top_ / "outside") == "outside", "a file beside the store stays");
+        Check(ReadFile(top_.path() / "outside") == "outside", "a file beside the store stays");
     }
 
 private:
-    fs::path Store() const { return top_ / "store"; }
+    fs::path Store() const { return top_.path() / "store"; }
 
     void Rebuild() {
         router_.reset();
         store_.reset();
         fs::remove_all(Store());
         fs::create_directories(Store());
-        WriteFile(top_ / "outside", "outside");
+        WriteFile(top_.path() / "outside", "outside");
         store_ = std::make_unique<store::MaildirStore>(Store());
         store_->AddUser("ann", "pw");
         store_->AddUser("bob", "pw");
@@ -98,7 +91,7 @@ private:
         router_ = std::make_unique<dav::Router>(*store_, "tarnwick.local");
     }
 
-    fs::path top_;
+    TempDir top_;
     std::string passwd_;
     std::unique_ptr<store::MaildirStore> store_;
     std::unique_ptr<dav::Router> router_;

@@ -8,7 +8,7 @@
 #include <sstream>
 
 #include "tests/support/FileSizeLimit.h"
-#include "tests/unit/webmail/TempDir.h"
+#include "tests/support/TempDir.h"
 #include "webmail/store/MailDelivery.h"
 #include "webmail/store/MaildirStore.h"
 

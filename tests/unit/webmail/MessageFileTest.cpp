@@ -5,7 +5,7 @@
 
 #include <fstream>
 
-#include "tests/unit/webmail/TempDir.h"
+#include "tests/support/TempDir.h"
 #include "webmail/store/MessageFile.h"
 
 namespace fs = std::filesystem;
