@@ -51,7 +51,8 @@ protected:
 };
 
 // Each field is the i-th element of its name over the whole reply, so a message without a subject takes the
-// next one's; a date that is missing or unreadable leaves the field empty instead. Records are keyed by position.
+// next one's; a date that is missing or unreadable leaves the field empty instead, one with the UTC marker "Z"
+// is read as written. Dates show in the regional short form (day/month/year here). Records are keyed by position.
 TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
     auto a = Message("A");
     a.read = "1";
