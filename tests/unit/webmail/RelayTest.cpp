@@ -1,6 +1,6 @@
 // The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
 // and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, and the delivery
-// report's status codes. (The queue's state across a restart and its waits are shown end to end.)
+// report's status codes and blocks. (The queue's state across a restart and its waits are shown end to end.)
 #include <gtest/gtest.h>
 
 #include "webmail/relay/BounceReport.h"
@@ -124,6 +124,24 @@ TEST(BounceReportTest, StatusCodes) {
     };
     for (const auto& c : cases) {
         EXPECT_EQ(BounceReport::Status({"b@y.org", c.reply, c.timeLimit}), c.status) << c.reply;
+    }
+}
+
+// The report goes to the sender as a delivery-status report: one block per recipient, then the original header.
+TEST(BounceReportTest, NamesEachRecipientWithItsStatusAndCarriesTheOriginalHeader) {
+    const BounceReport report{"example.org", "mx.example.net", "ann@example.org", "r1", 1021371673, 1021371700,
+                              "5 days", {{"b@y.org", "550 5.1.1 no such user", false}, {"c@y.org", "451 try later", true}},
+                              "Subject: t\r\nMessage-ID: <m1@x>\r\n"};
+    const std::string text = report.Build();
+    for (const std::string part : {
+             "To: <ann@example.org>\r\n",
+             "Content-Type: multipart/report; report-type=delivery-status;",
+             "Final-Recipient: rfc822; b@y.org\r\nAction: failed\r\nStatus: 5.1.1\r\n"
+             "Remote-MTA: dns; mx.example.net\r\nDiagnostic-Code: smtp; 550 5.1.1 no such user\r\n",
+             "Final-Recipient: rfc822; c@y.org\r\nAction: failed\r\nStatus: 4.4.7\r\n",
+             "Content-Type: text/rfc822-headers\r\n\r\nSubject: t\r\nMessage-ID: <m1@x>\r\n\r\n--",
+         }) {
+        EXPECT_NE(text.find(part), std::string::npos) << part;
     }
 }
 
