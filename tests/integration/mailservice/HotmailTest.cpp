@@ -88,7 +88,9 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
         EXPECT_EQ(mails->Item(std::to_string(i)).get(), &m);
         EXPECT_EQ(m.mMessageID, id);
         EXPECT_EQ(m.mURL, svc_.Url("/msg/" + id));
-        EXPECT_EQ(m.mTo + "|" + m.mFrom + "|" + m.mFromAddress, "to-" + id + "|from-" + id + "|" + id + "@example.invalid");
+        EXPECT_EQ(m.mTo, "to-" + id);
+        EXPECT_EQ(m.mFrom, "from-" + id);
+        EXPECT_EQ(m.mFromAddress, id + "@example.invalid");
         EXPECT_EQ(m.mBody.ReadAll(), "body of " + id);
         EXPECT_EQ(m.mSubject, e.subject) << id;
         EXPECT_EQ(m.mDate, e.date) << id;
@@ -170,7 +172,10 @@ TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersErr
 
 // Every operation that reads "X-Dav-Error" fails without it and keeps the old error.
 TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
-    const std::pair<const char*, std::function<void(mailservice::CHotmail&, const std::string&)>> operations[] = {
+    const struct {
+        const char* label;
+        std::function<void(mailservice::CHotmail&, const std::string&)> run;
+    } operations[] = {
         {"GetMailInfo Method", [](auto& m, const auto& url) { m.ParseMailboxInfo(url); }},
         {"FlagMailRead Method", [](auto& m, const auto& url) { m.FlagMailRead(url, url); }},
         {"FlagMailUnread Method", [](auto& m, const auto& url) { m.FlagMailUnread(url, url); }},
@@ -181,12 +186,13 @@ TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
              m.SendMail("x");
          }},
     };
-    for (const auto& [label, run] : operations) {
+    for (const auto& op : operations) {
+        const char* label = op.label;
         core::MErrorHandler::ResetForTesting();
         mail_.SetHotmailError("old");
         const std::size_t start = svc_.Requests().size();
         svc_.Enqueue(ScriptedReply{200, {}, "<nothing/>", false});
-        const core::Error e = testing_support::RaisedError([&] { run(mail_, svc_.Url("/x")); });
+        const core::Error e = testing_support::RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
         EXPECT_EQ(e.Source(), label);
         EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << label;
         EXPECT_EQ(mail_.HotmailError(), "old") << label;

@@ -34,6 +34,7 @@ std::string Opened(const std::optional<MessageFile>& file) {
 
 std::vector<std::string> Ids(const std::vector<MaildirEntry>& entries) {
     std::vector<std::string> out;
+    out.reserve(entries.size());
     for (const auto& e : entries) out.push_back(e.id);
     return out;
 }

@@ -133,13 +133,14 @@ TEST(BounceReportTest, NamesEachRecipientWithItsStatusAndCarriesTheOriginalHeade
                               "5 days", {{"b@y.org", "550 5.1.1 no such user", false}, {"c@y.org", "451 try later", true}},
                               "Subject: t\r\nMessage-ID: <m1@x>\r\n"};
     const std::string text = report.Build();
-    for (const std::string part : {
-             "To: <ann@example.org>\r\n",
-             "Content-Type: multipart/report; report-type=delivery-status;",
-             "Final-Recipient: rfc822; b@y.org\r\nAction: failed\r\nStatus: 5.1.1\r\n"
-             "Remote-MTA: dns; mx.example.net\r\nDiagnostic-Code: smtp; 550 5.1.1 no such user\r\n",
-             "Final-Recipient: rfc822; c@y.org\r\nAction: failed\r\nStatus: 4.4.7\r\n",
-             "Content-Type: text/rfc822-headers\r\n\r\nSubject: t\r\nMessage-ID: <m1@x>\r\n\r\n--",
+    const std::string refused = "Final-Recipient: rfc822; b@y.org\r\nAction: failed\r\nStatus: 5.1.1\r\n"
+                                "Remote-MTA: dns; mx.example.net\r\nDiagnostic-Code: smtp; 550 5.1.1 no such user\r\n";
+    for (const std::string& part : {
+             std::string("To: <ann@example.org>\r\n"),
+             std::string("Content-Type: multipart/report; report-type=delivery-status;"),
+             refused,
+             std::string("Final-Recipient: rfc822; c@y.org\r\nAction: failed\r\nStatus: 4.4.7\r\n"),
+             std::string("Content-Type: text/rfc822-headers\r\n\r\nSubject: t\r\nMessage-ID: <m1@x>\r\n\r\n--"),
          }) {
         EXPECT_NE(text.find(part), std::string::npos) << part;
     }
