@@ -1,7 +1,8 @@
-// Harness for the server tests: a mail reader's side of one loopback connection, the waits on the log, and a
-// fixture with one server on a free loopback port, a recording host and a scripted WebDAV service.
+// Harness for the server tests: a recording gateway host, the waits on the log, and a fixture with one server
+// on a free loopback port and a scripted WebDAV service.
 #pragma once
 
+#include <QCoreApplication>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -10,10 +11,13 @@
 #include <string>
 #include <vector>
 
+#include "core/Error.h"
+#include "core/IGatewayHost.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
+#include "core/Version.h"
 #include "mailservice/CHotmail.h"
-#include "tests/support/FakeGatewayHost.h"
+#include "platform/net/SocketControl.h"
 #include "tests/support/FakeWebDavService.h"
 #include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
@@ -23,6 +27,32 @@ namespace server_tests {
 inline constexpr int kTimeoutMs = 30000;
 
 using testing_support::FreePort;
+
+// A gateway host that records every log entry, owns two real socket controls on loopback and records errors
+// that escape an event handler instead of ending the test program.
+class FakeGatewayHost : public core::IGatewayHost {
+public:
+    void WriteLog(const std::string& message) override { log.push_back(message); }
+    void ClearLog() override { log.clear(); }
+    std::string UserName() const override { return userName; }
+    void SetUserName(const std::string& value) override { userName = value; }
+    std::string Password() const override { return password; }
+    void SetPassword(const std::string& value) override { password = value; }
+    std::string ApplicationName() const override { return "Tarnwick Gateway"; }
+    std::string ApplicationVersion() const override { return core::Version::kText; }
+    core::ISocketControl& WinsockPOP3() override { return pop3_; }
+    core::ISocketControl& WinsockSMTP() override { return smtp_; }
+    void DoEvents() override { QCoreApplication::processEvents(); }
+
+    std::vector<std::string> log;
+    std::string userName;
+    std::string password;
+    std::vector<core::Error> unhandled;
+
+private:
+    platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
+    platform::net::SocketControl smtp_{[this](const core::Error& e) { unhandled.push_back(e); }};
+};
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
 template <typename Server>
@@ -54,7 +84,7 @@ protected:
     }
 
     testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "sam", "sam pw"};
-    tests::FakeGatewayHost host;
+    FakeGatewayHost host;
     Server server{host};
     std::string port = FreePort();
 };
