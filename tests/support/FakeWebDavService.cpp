@@ -120,20 +120,7 @@ bool FakeWebDavService::Handle(MHD_Connection* connection, const char* url, cons
     }
 
     std::unique_lock lock(mutex_);
-    if (auth_ == Auth::Basic) {
-        char* pass = nullptr;
-        char* user = MHD_basic_auth_get_username_password(connection, &pass);
-        const bool ok = user && pass && user_ == user && password_ == pass;
-        MHD_free(user);
-        MHD_free(pass);
-        if (!ok) {
-            ++challenges_;
-            MHD_Response* r = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-            const MHD_Result queued = MHD_queue_basic_auth_fail_response(connection, kRealm, r);
-            MHD_destroy_response(r);
-            return queued == MHD_YES;
-        }
-    } else if (auth_ == Auth::Digest) {
+    if (auth_ == Auth::Digest) {
         const auto lookup = [this](const std::string& user) {
             return user == user_ ? std::optional<std::string>(password_) : std::nullopt;
         };

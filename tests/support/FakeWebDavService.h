@@ -1,6 +1,6 @@
 // A scripted WebDAV service on 127.0.0.1 for tests: records every request as it arrived and answers each from a
-// queue of scripted replies, after Basic or Digest credentials when it demands them (Digest as tarnwick-webmail
-// checks it: a nonce serves any address until it expires, each use with a larger nc).
+// queue of scripted replies, after Digest credentials when it demands them (checked as tarnwick-webmail checks
+// them: a nonce serves any address until it expires, each use with a larger nc).
 #pragma once
 
 #include <cstdint>
@@ -40,7 +40,7 @@ ScriptedReply DavReply(std::string body, int status = 200, std::string davError 
 
 class FakeWebDavService {
 public:
-    enum class Auth { None, Basic, Digest };
+    enum class Auth { None, Digest };
 
     explicit FakeWebDavService(Auth auth = Auth::None, std::string user = {}, std::string password = {});
     ~FakeWebDavService();

@@ -83,7 +83,7 @@ protected:
                                kTimeoutMs);
     }
 
-    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "sam", "sam pw"};
+    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Digest, "sam", "sam pw"};
     FakeGatewayHost host;
     Server server{host};
     std::string port = FreePort();
