@@ -51,7 +51,7 @@ def message(n, size):
 def arrived(server):
     """How often each message number has arrived."""
     counts = {}
-    maildir = server.maildir(RECIPIENT)
+    maildir = os.path.join(server.mail, server.mailboxes[RECIPIENT])
     for sub in ("new", "cur"):
         d = os.path.join(maildir, sub)
         if not os.path.isdir(d):

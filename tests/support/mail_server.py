@@ -11,22 +11,16 @@ from tarnwick_testing import HOST, free_port, is_listening, read_file, stop_proc
 MASTER = "/usr/lib/postfix/sbin/master"
 # The services a private instance needs, none in a chroot (Debian's own master.cf assumes one).
 SERVICES = """\
-pickup    unix  n       -       n       60      1       pickup
 cleanup   unix  n       -       n       -       0       cleanup
 qmgr      unix  n       -       n       300     1       qmgr
 rewrite   unix  -       -       n       -       -       trivial-rewrite
 bounce    unix  -       -       n       -       0       bounce
 defer     unix  -       -       n       -       0       bounce
 trace     unix  -       -       n       -       0       bounce
-verify    unix  -       -       n       -       1       verify
-flush     unix  n       -       n       1000?   0       flush
 proxymap  unix  -       -       n       -       -       proxymap
 smtp      unix  -       -       n       -       -       smtp
-relay     unix  -       -       n       -       -       smtp
-showq     unix  n       -       n       -       -       showq
 error     unix  -       -       n       -       -       error
 retry     unix  -       -       n       -       -       error
-discard   unix  -       -       n       -       -       discard
 virtual   unix  -       n       n       -       -       virtual
 anvil     unix  -       -       n       -       1       anvil
 scache    unix  -       -       n       -       1       scache
@@ -62,6 +56,7 @@ class Postfix:
         self.login = login
         self.port = self.tls_port = self.master = None
         self.etc = os.path.join(folder, "etc")
+        self.ca_file = os.path.join(self.etc, "cert.pem")
         self.mail = mail_base or os.path.join(folder, "mail")
         self._own_mail = mail_base is None
 
@@ -72,12 +67,9 @@ class Postfix:
         if self._own_mail:
             os.chown(self.mail, self.uid, self.gid)
         shutil.chown(os.path.join(self.dir, "data"), "postfix")
-        with open(os.path.join(self.etc, "mailboxes"), "w") as f:
-            for address, box in sorted(self.mailboxes.items()):
-                f.write("%s %s\n" % (address, box))
-        with open(os.path.join(self.etc, "refused"), "w") as f:
-            for address, reply in sorted(self.refused.items()):
-                f.write("%s %s\n" % (address, reply))
+        for name, table in (("mailboxes", self.mailboxes), ("refused", self.refused)):
+            with open(os.path.join(self.etc, name), "w") as f:
+                f.writelines("%s %s\n" % row for row in sorted(table.items()))
         settings = {
             "compatibility_level": "3.6",
             "config_directory": self.etc,
@@ -91,18 +83,13 @@ class Postfix:
             "setgid_group": "postdrop",
             "maillog_file": "/dev/stdout",
             "myhostname": "mx." + self.domains[0],
-            "mydomain": self.domains[0],
-            "myorigin": self.domains[0],
             "mydestination": "",
             "inet_interfaces": HOST,
             "inet_protocols": "ipv4",
             "mynetworks": "127.0.0.0/8",
             "alias_maps": "",
             "alias_database": "",
-            "relay_domains": "",
-            "relayhost": "",
             "smtputf8_enable": "no",
-            "biff": "no",
             # Mail from the tests' client is mail from the world: no header is added or rewritten.
             "local_header_rewrite_clients": "",
             "disable_mime_output_conversion": "yes",
@@ -134,10 +121,6 @@ class Postfix:
         check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
         if check.returncode != 0:
             raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
-
-    @property
-    def ca_file(self):
-        return os.path.join(self.etc, "cert.pem")
 
     def _tls_settings(self):
         if not os.path.exists(self.ca_file):
@@ -206,11 +189,8 @@ class Postfix:
             return "smtps://%s:%d" % (HOST, self.tls_port)
         return "smtp://%s:%d" % (HOST, self.port)
 
-    def maildir(self, address):
-        return os.path.join(self.mail, self.mailboxes[address])
-
     def delivered(self, address):
-        folders = [os.path.join(self.maildir(address), sub) for sub in ("new", "cur")]
+        folders = [os.path.join(self.mail, self.mailboxes[address], sub) for sub in ("new", "cur")]
         return [read_file(os.path.join(d, name)) for d in folders if os.path.isdir(d) for name in sorted(os.listdir(d))]
 
     def wait_delivered(self, address, marker, timeout):
