@@ -40,9 +40,14 @@ REQUEST_LINE = re.compile(r"^[A-Z]+ /\S* \d{3} .*$", re.MULTILINE)
 
 def free_port():
     """A port that nothing listened on a moment ago (the caller retries on the rare collision)."""
-    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
-        s.bind((HOST, 0))
-        return s.getsockname()[1]
+    return two_free_ports()[0]
+
+
+def two_free_ports():
+    with socket.socket() as first, socket.socket() as second:
+        first.bind((HOST, 0))
+        second.bind((HOST, 0))
+        return first.getsockname()[1], second.getsockname()[1]
 
 
 def is_listening(port):
@@ -69,12 +74,13 @@ def read_file(path):
         return b""
 
 
-def wait_for(predicate, timeout, what):
+def wait_for(predicate, timeout, what, poll=0.02):
+    """The predicate's first true value, looked for until `timeout` seconds have passed."""
     deadline = time.monotonic() + timeout
     while time.monotonic() < deadline:
-        if predicate():
-            return
-        time.sleep(0.02)
+        if value := predicate():
+            return value
+        time.sleep(poll)
     raise AssertionError("timed out waiting for " + what)
 
 
@@ -209,9 +215,7 @@ class Stack:
         os.makedirs(runtime, mode=0o700, exist_ok=True)
         env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
         for attempt in range(5):
-            self.pop3_port, self.smtp_port = free_port(), free_port()
-            if self.pop3_port == self.smtp_port:
-                continue
+            self.pop3_port, self.smtp_port = two_free_ports()
             with open(os.path.join(self.dir, "gateway.out"), "wb") as out:
                 self.gateway = subprocess.Popen(
                     [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",

@@ -13,10 +13,10 @@ import struct
 import subprocess
 import sys
 import tempfile
-import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
-from tarnwick_testing import is_listening, stop_process  # noqa: E402
+import tarnwick_testing  # noqa: E402
+from tarnwick_testing import is_listening, stop_process, two_free_ports  # noqa: E402,F401
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -34,8 +34,7 @@ SERVICE_PORT = 8110
 OWN_NETWORK = "TARNWICK_OWN_NETWORK"
 
 
-class Failure(Exception):
-    pass
+Failure = AssertionError
 
 
 def enter_own_network():
@@ -55,14 +54,6 @@ def enter_own_network():
     os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv], dict(os.environ, **{OWN_NETWORK: "1"}))
 
 
-def two_free_ports():
-    """Two different ports that nothing listened on a moment ago."""
-    with socket.socket() as first, socket.socket() as second:
-        first.bind(("127.0.0.1", 0))
-        second.bind(("127.0.0.1", 0))
-        return first.getsockname()[1], second.getsockname()[1]
-
-
 def taken_ports(ports):
     return [port for port in ports if is_listening(port)]
 
@@ -78,14 +69,7 @@ def ordinary_user():
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
-    deadline = time.monotonic() + timeout
-    while True:
-        value = predicate()
-        if value:
-            return value
-        if time.monotonic() > deadline:
-            raise Failure("timed out waiting for " + what)
-        time.sleep(0.05)
+    return tarnwick_testing.wait_for(predicate, timeout, what, poll=0.05)
 
 
 class Desktop:
@@ -177,19 +161,6 @@ class Desktop:
         for folder in self.user_folders:
             shutil.rmtree(folder, ignore_errors=True)
 
-    def screenshot(self, path, rectangle=None):
-        """Saves the screen, or the rectangle (x, y, width, height) of it, as a PNG file."""
-        command = ["import", "-window", "root"]
-        if rectangle:
-            command += ["-crop", "%dx%d+%d+%d" % (rectangle[2], rectangle[3], rectangle[0], rectangle[1]), "+repage"]
-        subprocess.run(command + [path], env=self.env, check=True)
-
-    def outer_rectangle(self, window):
-        """(x, y, width, height) of a window with its frame."""
-        x, y, width, height, _ = self.geometry(window)
-        left, right, top, bottom = self.frame_extents(window)
-        return x - left, y - top, width + left + right, height + top + bottom
-
     def x(self, *command):
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
 
@@ -278,19 +249,14 @@ def settles_at(desktop, window, position):
         return False
 
 
-def click_close_box(desktop, window):
-    """Clicks the close button at the right end of the window manager's title bar."""
-    x, y, width, _, _ = desktop.geometry(window)
-    left, right, top, bottom = desktop.frame_extents(window)
-    desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
-
-
 def close_by_close_box(desktop, gateway, window):
-    """Closes the window with its close box; returns the gateway's exit status."""
+    """Clicks the close button at the right end of the title bar; returns the gateway's exit status."""
     # Now and then openbox lets a click on a window just restored from its icon go by (the window is mapped and
     # at its place, but the button takes no press yet); the click is then given again.
     for attempt in range(3):
-        click_close_box(desktop, window)
+        x, y, width, _, _ = desktop.geometry(window)
+        left, right, top, bottom = desktop.frame_extents(window)
+        desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
         try:
             return gateway.process.wait(5)
         except subprocess.TimeoutExpired:
