@@ -2,6 +2,8 @@
 curl's smtp://, swaks, Python's smtplib in a child process), sending through the gateway of a Stack, and the
 messages they send. The gateway relays with the credentials its POP3 server last received: fetch first."""
 
+import collections
+import re
 import subprocess
 import sys
 import tempfile
@@ -11,14 +13,8 @@ from tarnwick_testing import HOST
 CLIENT_TIMEOUT = 300
 
 
-class Sent:
-    """Whether the client said the message went out, and everything it printed."""
-
-    def __init__(self, ok, output):
-        self.ok, self.output = ok, output
-
-    def __repr__(self):
-        return "Sent(ok=%r, output=%r)" % (self.ok, self.output[-1500:])
+# Whether the client said the message went out, and everything it printed.
+Sent = collections.namedtuple("Sent", "ok output")
 
 
 def _run(args, data=None):
@@ -65,15 +61,7 @@ def send(stack, client, sender, recipients, message):
 
 def without_trace(stored):
     """A stored message without the "Received:" fields (and their continuation lines) the service puts in front."""
-    rest = stored
-    while rest[:9].lower() == b"received:":
-        end = rest.find(b"\r\n")
-        while end >= 0 and rest[end + 2:end + 3] in (b" ", b"\t"):
-            end = rest.find(b"\r\n", end + 2)
-        if end < 0:
-            break
-        rest = rest[end + 2:]
-    return rest
+    return re.sub(rb"\A(?:Received:.*\r\n(?:[ \t].*\r\n)*)*", b"", stored)
 
 
 def with_headers(message):

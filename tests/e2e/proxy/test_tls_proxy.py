@@ -9,12 +9,11 @@ import poplib
 import shutil
 import signal
 import smtplib
-import subprocess
 import tempfile
 import unittest
 
 from proxy_testing import Nginx, make_certificates, make_nonce_key, nginx_binary, site_config
-from tarnwick_testing import APP_LINE, HOST, SERVICE_PATH, Stack, Store, Webmail, binary, fetch, free_port
+from tarnwick_testing import APP_LINE, HOST, SERVICE_PATH, Stack, Store, Webmail, fetch, free_port
 
 FIRST = b"Subject: first\r\n\r\nThe first message.\r\n"
 SECOND = b"Subject: second\r\n\r\nThe second message.\r\n"
@@ -91,13 +90,6 @@ class TlsProxyTest(unittest.TestCase):
                 self.assertEqual(refused.exception.args[0], b"-ERR A security error occurred")
                 self.assertEqual([i.requests() for i in self.instances], [[], []])
                 self.doCleanups()
-        # A CA file that cannot be read is a command-line error, before anything starts.
-        missing = os.path.join(self.dir, "no-such-ca.pem")
-        run = subprocess.run([binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless", "--service-ca",
-                              missing], capture_output=True, timeout=30,
-                             env=dict(os.environ, XDG_RUNTIME_DIR=self.dir, QT_QPA_PLATFORM="offscreen"))
-        self.assertEqual(run.returncode, 2)
-        self.assertIn(b"--service-ca: cannot read " + missing.encode(), run.stderr)
 
 
 if __name__ == "__main__":
