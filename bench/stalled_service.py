@@ -30,7 +30,7 @@ def stat_wait(gateway_binary, failure, extra, wait, memory_cap_mb, workdir):
     highest sampled, and after the answer."""
     service = ScriptedService()
     service.fail_next("login" if failure == SILENT else "inbox", failure)
-    gateway = B.Gateway(gateway_binary, service.entry_url(), workdir, extra_args=extra)
+    gateway = B.Gateway(gateway_binary, service.base + "/svcs/hotmail/tarnwick.asp", workdir, extra_args=extra)
     try:
         start_mb = B.rss_mb(gateway.proc.pid)
         pop = poplib.POP3(B.HOST, gateway.pop3_port, timeout=wait)

@@ -6,7 +6,7 @@ import os
 import shutil
 import subprocess
 
-from tarnwick_testing import HOST, free_port, is_listening, read_file, stop_process, wait_for
+from tarnwick_testing import HOST, free_port, is_listening, read_file, start, stop_process, wait_for
 
 MASTER = "/usr/lib/postfix/sbin/master"
 # The services a private instance needs, none in a chroot (Debian's own master.cf assumes one).
@@ -159,20 +159,9 @@ class Postfix:
             self.tls_port = free_port()
         self._configure()
         # A session of its own: on SIGTERM the master stops its process group, its services with it.
-        with open(os.path.join(self.dir, "maillog"), "ab") as log:
-            self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=log, stderr=subprocess.STDOUT,
-                                           stdin=subprocess.DEVNULL, start_new_session=True)
-
-        def up():
-            if self.master.poll() is not None:
-                raise AssertionError("postfix master exited:\n" + self.log())
-            return is_listening(self.port) and (self.tls_port is None or is_listening(self.tls_port))
-
-        try:
-            wait_for(up, 20, "postfix to listen on %d" % self.port)
-        except BaseException:
-            self.stop()
-            raise
+        self.master = start([MASTER, "-c", self.etc, "-d"], os.path.join(self.dir, "maillog"),
+                            lambda: is_listening(self.port) and (self.tls_port is None or is_listening(self.tls_port)),
+                            "postfix", start_new_session=True)
 
     def stop(self):
         if self.port is None:

@@ -8,7 +8,7 @@ import re
 import shutil
 import subprocess
 
-from tarnwick_testing import is_listening, read_file, stop_process, wait_for
+from tarnwick_testing import is_listening, start, stop_process
 
 EXAMPLE_SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging", "nginx",
                             "tarnwick-webmail.conf")
@@ -16,10 +16,7 @@ EXAMPLE_SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".
 
 def nginx_binary():
     """nginx's path, or None where it is not installed (scripts/setup installs it)."""
-    for candidate in (shutil.which("nginx"), "/usr/sbin/nginx"):
-        if candidate and os.access(candidate, os.X_OK):
-            return candidate
-    return None
+    return shutil.which("nginx") or shutil.which("nginx", path="/usr/sbin")
 
 
 def make_certificates(folder):
@@ -56,18 +53,13 @@ def site_config(listen_port, cert, key, upstream_ports, example=EXAMPLE_SITE):
     with open(example) as f:
         text = f.read()
     servers = "".join("    server 127.0.0.1:%d max_fails=1 fail_timeout=10s;\n" % p for p in upstream_ports)
-    lines = re.findall(r"    server 127\.0\.0\.1:\d+ [^\n]*\n", text)
-    assert lines, "no upstream servers in " + example
-    text = text.replace(lines[0], servers)
-    for line in lines[1:]:
-        text = text.replace(line, "")
-    text, n = re.subn(r"    listen 443 ssl;\n    listen \[::\]:443 ssl;\n",
-                      "    listen 127.0.0.1:%d ssl;\n" % listen_port, text)
-    assert n == 1, "no listen lines in " + example
-    text, n = re.subn(r"ssl_certificate \S+;", "ssl_certificate %s;" % cert, text)
-    assert n == 1
-    text, n = re.subn(r"ssl_certificate_key \S+;", "ssl_certificate_key %s;" % key, text)
-    assert n == 1
+    for pattern, replacement in ((r"(    server 127\.0\.0\.1:\d+ [^\n]*\n)+", servers),
+                                 (r"    listen 443 ssl;\n    listen \[::\]:443 ssl;\n",
+                                  "    listen 127.0.0.1:%d ssl;\n" % listen_port),
+                                 (r"ssl_certificate \S+;", "ssl_certificate %s;" % cert),
+                                 (r"ssl_certificate_key \S+;", "ssl_certificate_key %s;" % key)):
+        text, n = re.subn(pattern, lambda _: replacement, text)
+        assert n == 1, "%r is not in %s once" % (pattern, example)
     return text
 
 
@@ -93,19 +85,8 @@ class Nginx:
                 f.write("    %s_temp_path %s/%s;\n" % (kind, temp, kind))
             f.write("    include %s;\n}\n" % site_path)
         self.port = listen_port
-        self.proc = subprocess.Popen([nginx_binary(), "-p", self.folder, "-e", self.folder + "/error.log", "-c",
-                                      conf], stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
-                                     stderr=subprocess.DEVNULL)
-
-        def listening():
-            if self.proc.poll() is not None:
-                raise AssertionError("nginx exited:\n" + self.errors())
-            return is_listening(listen_port)
-
-        wait_for(listening, 20, "nginx to listen")
-
-    def errors(self):
-        return read_file(os.path.join(self.folder, "error.log")).decode("latin-1")
+        self.proc = start([nginx_binary(), "-p", self.folder, "-e", self.folder + "/error.log", "-c", conf],
+                          os.path.join(self.folder, "error.log"), lambda: is_listening(listen_port), "nginx")
 
     def stop(self):
         stop_process(self.proc)

@@ -96,6 +96,26 @@ def stop_process(proc):
         proc.wait(timeout=5)
 
 
+def start(command, log, ready, what, output=None, **popen):
+    """Starts a process (its output appended to the file `log`) and waits until ready() is true; fails with its
+    output() (by default the log) if the process ends first, and stops it on any failure."""
+    with open(log, "ab") as out:
+        popen.setdefault("stderr", out)
+        proc = subprocess.Popen(command, stdout=out, stdin=subprocess.DEVNULL, **popen)
+
+    def up():
+        if proc.poll() is not None:
+            raise AssertionError("%s exited:\n%s" % (what, (output or (lambda: read_file(log).decode("latin-1")))()))
+        return ready()
+
+    try:
+        wait_for(up, START_TIMEOUT, what + " to start")
+    except BaseException:
+        stop_process(proc)
+        raise
+    return proc
+
+
 class Webmail:
     """One tarnwick-webmail over `store`, listening on `host`:`port` (ephemeral by default); its output is
     appended to folder/NAME.out and NAME.err."""
@@ -103,20 +123,17 @@ class Webmail:
     def __init__(self, folder, name, store, args=(), port=0, host=HOST):
         self.out_path, self.err_path = (os.path.join(folder, name + ext) for ext in (".out", ".err"))
         skip = len(read_file(self.out_path))  # a restart's listening line comes after the old output
-        with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
-            self.proc = subprocess.Popen([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store,
-                                          "--listen", "%s:%d" % (host, port), *args],
-                                         stdout=out, stderr=err, stdin=subprocess.DEVNULL)
         self.port = None
 
         def bound():
-            if self.proc.poll() is not None:
-                raise AssertionError("tarnwick-webmail exited:\n" + self.output())
             m = LISTENING_LINE.search(read_file(self.out_path)[skip:])
             self.port = m and int(m.group(1))
             return self.port
 
-        wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
+        with open(self.err_path, "ab") as err:
+            self.proc = start([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store, "--listen",
+                               "%s:%d" % (host, port), *args], self.out_path, bound, "tarnwick-webmail", self.output,
+                              stderr=err)
 
     def output(self):
         return (read_file(self.out_path) + read_file(self.err_path)).decode("latin-1")
@@ -216,19 +233,15 @@ class Stack:
         env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
         for attempt in range(5):
             self.pop3_port, self.smtp_port = two_free_ports()
-            with open(os.path.join(self.dir, "gateway.out"), "wb") as out:
-                self.gateway = subprocess.Popen(
-                    [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
-                     "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
-                     "--service-url", self.service_url()] + self.gateway_args,
-                    stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
-            deadline = time.monotonic() + START_TIMEOUT
-            while time.monotonic() < deadline and self.gateway.poll() is None:
-                if is_listening(self.pop3_port) and is_listening(self.smtp_port):
-                    return
-                time.sleep(0.02)
-            # Most likely another process took one of the ports in the meantime: try two fresh ones.
-            stop_process(self.gateway)
+            try:
+                self.gateway = start([binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless", "--pop3-port",
+                                      str(self.pop3_port), "--smtp-port", str(self.smtp_port), "--service-url",
+                                      self.service_url()] + self.gateway_args, os.path.join(self.dir, "gateway.out"),
+                                     lambda: is_listening(self.pop3_port) and is_listening(self.smtp_port),
+                                     "the gateway", env=env)
+                return
+            except AssertionError:
+                pass  # most likely another process took one of the ports in the meantime: try two fresh ones
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
 
     def service_url(self):

@@ -39,10 +39,6 @@ def hidden(desktop, window):
     return desktop.wm_state(window) is None and desktop.geometry(window)[4] == "IsUnMapped"
 
 
-def double_click(desktop, icon):
-    desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
-
-
 def with_notification_area(desktop, binary):
     gateway = Gateway(desktop, binary)
     window = gateway.main_window()
@@ -67,7 +63,7 @@ def with_notification_area(desktop, binary):
     desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "1")
     time.sleep(QUIET_TIME)
     check(hidden(desktop, window), "a single click on the icon changes nothing")
-    double_click(desktop, icon)
+    desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
     wait_for("a double-click to bring the window back, normal",
              lambda: desktop.geometry(window)[4] == "IsViewable" and desktop.wm_state(window) == "Normal")
     check(settles_at(desktop, window, (x, y)), "at the same place %s" % ((x, y),))

@@ -44,19 +44,13 @@ class ScriptedService:
 
         self._server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
         self._server.daemon_threads = True
-        self.port = self._server.server_address[1]
+        self.base = "http://127.0.0.1:%d" % self._server.server_address[1]
         threading.Thread(target=self._server.serve_forever, daemon=True).start()
 
     def stop(self):
         self._stop.set()
         self._server.shutdown()
         self._server.server_close()
-
-    def base(self):
-        return "http://127.0.0.1:%d" % self.port
-
-    def entry_url(self):
-        return self.base() + "/svcs/hotmail/tarnwick.asp"
 
     def fail_next(self, kind, failure):
         with self._lock:
@@ -130,7 +124,7 @@ class ScriptedService:
         h.wfile.write(body)
 
     def _body(self, kind, path):
-        b = self.base()
+        b = self.base
         if kind == "login":
             urls = [b + "/adpane", b + "/contacts", b + "/inbox/", b + "/sendmsg", b + "/sent/", b + "/trash/",
                     b + "/folders/"]

@@ -52,7 +52,7 @@ class ServiceFailures(unittest.TestCase):
         """A scripted service and a gateway pointed at it, both stopped at the clean-up."""
         service = ScriptedService()
         self.addCleanup(service.stop)
-        gateway = Stack(service_url=service.entry_url(), gateway_args=["--max-reply-size", str(REPLY_LIMIT)],
+        gateway = Stack(service_url=service.base + "/svcs/hotmail/tarnwick.asp", gateway_args=["--max-reply-size", str(REPLY_LIMIT)],
                         gateway_env={"TARNWICK_TEST_HTTP_TIMEOUT": str(TEST_TIMEOUT)})
         gateway.start()
         self.addCleanup(gateway.stop)
