@@ -22,7 +22,8 @@ import subprocess
 import sys
 
 import bench_support as B
-from proxy_testing import Instance, Nginx, make_certificates, make_nonce_key, nginx_binary, site_config
+from proxy_testing import Nginx, make_certificates, make_nonce_key, nginx_binary, site_config
+from tarnwick_testing import Webmail as Instance
 
 MESSAGE_BYTES = 12 * 1024
 # The second, like-for-like row: nginx checking a Basic password and writing an access log line per request.

@@ -1,5 +1,5 @@
-// Shared fixture and reply builders for the service client tests: a fresh fake service and session per test,
-// message boxes captured, error reporter reset, a day/month/year 24-hour locale.
+// Reply builders for the service client and server tests, and the service client's fixture: a fresh scripted
+// service and session per test, message boxes captured, error reporter reset, a day/month/year 24-hour locale.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -45,19 +45,14 @@ inline std::string LoginReply(const std::string& base, const std::vector<std::st
 struct FolderEntry {
     std::string url;
     std::string name;
-    bool onlyOneProperty = false;
 };
 
 inline std::string FolderReply(const std::vector<FolderEntry>& folders) {
     std::string s = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\">";
     for (const FolderEntry& f : folders) {
-        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>";
-        if (!f.onlyOneProperty) {
-            s += "<D:displayname>" + f.name +
-                 "</D:displayname><hm:special>x</hm:special>"
-                 "<hm:unreadcount>0</hm:unreadcount>";
-        }
-        s += "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder><D:displayname>" +
+             f.name + "</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount></D:prop>"
+             "<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
     }
     return s + "</D:multistatus>";
 }
@@ -100,10 +95,6 @@ protected:
         mail_.SetUserName("joe");
         mail_.SetPassword("s3cret");
     }
-    void TearDown() override {
-        core::MessageBox::SetHandler([](const std::string&) {});
-    }
-
     // The seven addresses a standard log-in reply hands out, in reply order.
     std::vector<std::string> Addresses() const {
         return {svc_.Url("/ad"),   svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
@@ -118,7 +109,7 @@ protected:
 
     testing_support::FakeWebDavService svc_;
     mailservice::CHotmail mail_;
-    std::vector<std::string> boxes_;
+    std::vector<std::string> boxes_;  // the texts of the message boxes shown
 };
 
 }  // namespace hotmail_test

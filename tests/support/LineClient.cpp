@@ -1,7 +1,10 @@
 #include "tests/support/LineClient.h"
 
 #include <QHostAddress>
+#include <QTcpServer>
 #include <QTest>
+
+#include <stdexcept>
 
 namespace testing_support {
 namespace {
@@ -12,6 +15,12 @@ constexpr int kTimeoutMs = 30000;
 std::string Text(const QByteArray& bytes) { return std::string(bytes.constData(), static_cast<std::size_t>(bytes.size())); }
 
 }  // namespace
+
+std::string FreePort() {
+    QTcpServer probe;
+    if (!probe.listen(QHostAddress::LocalHost, 0)) throw std::runtime_error("no free loopback port");
+    return std::to_string(probe.serverPort());
+}
 
 bool LineClient::Connect(const std::string& port) {
     socket.connectToHost(QHostAddress::LocalHost, static_cast<quint16>(std::stoi(port)));
@@ -53,7 +62,5 @@ bool LineClient::Dropped() {
 }
 
 bool LineClient::Refused() { return Dropped() && socket.error() == QAbstractSocket::ConnectionRefusedError; }
-
-void LineClient::Close() { socket.disconnectFromHost(); }
 
 }  // namespace testing_support

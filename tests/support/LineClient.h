@@ -1,6 +1,6 @@
 // A mail reader's side of a connection to one of the gateway's servers, driven from the test's event loop:
 // bytes out, lines or counted bytes back. A wait that runs out returns what arrived, so the caller's
-// comparison fails rather than the test hanging.
+// comparison fails rather than the test hanging. And free loopback ports for the servers a test starts.
 #pragma once
 
 #include <QTcpSocket>
@@ -9,6 +9,9 @@
 #include <string>
 
 namespace testing_support {
+
+// A port on 127.0.0.1 that nothing listens on (bound, then released), as decimal text.
+std::string FreePort();
 
 class LineClient {
 public:
@@ -29,7 +32,6 @@ public:
     // Whether the connection was refused (nothing listened), or has been dropped by the server.
     bool Refused();
     bool Dropped();
-    void Close();
 
     QTcpSocket socket;
 };

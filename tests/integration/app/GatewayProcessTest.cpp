@@ -10,7 +10,6 @@
 #include <string>
 
 #include "tests/support/LineClient.h"
-#include "tests/support/LoopbackPort.h"
 
 namespace {
 

@@ -1,26 +1,30 @@
-// The application controller: the log switch, the Toggle steps, Stop and Start in
-// the window.
+// The application controller: the log switch, the Toggle steps, Stop and Start in the window, and the modal
+// About box over it (offscreen), which blocks the window, not the servers.
 #include <QAction>
+#include <QApplication>
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "app/About.h"
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MErrorHandler.h"
 #include "core/Version.h"
 #include "tests/integration/app/RecordingView.h"
-#include "tests/support/LoopbackPort.h"
+#include "tests/support/LineClient.h"
 
 namespace {
 
@@ -38,28 +42,17 @@ protected:
     }
 };
 
-TEST_F(MainTest, LogActsOnlyOnceStartUpHasEnabledIt) {
-    RecordingView view;
-    app::Main main(view, Options(FreePort(), FreePort()));
-    main.WriteLog("too early");
-    EXPECT_EQ(view.log, "");
-
-    main.Form_Load();
-    EXPECT_EQ(main.ApplicationVersion(), core::Version::kText);
-    main.WriteLog("abc");
-    main.WriteLog("");
-    main.WriteLog("CLIENT_REQUEST: x\r\n");
-    EXPECT_EQ(view.log, "abc\r\n\r\nCLIENT_REQUEST: x\r\n\r\n");
-    main.Form_Unload();
-}
-
 TEST_F(MainTest, ToggleRunsItsFourStepsInOrderAndAFailingStepStopsTheRest) {
     RecordingView view;
     app::Main main(view, Options(FreePort(), FreePort()));
     std::optional<core::Error> ended;
     main.SetProgramEnd([&](const core::Error& e) { ended = e; });
+    main.WriteLog("too early");  // the log acts only once start-up has enabled it
     main.RunEvent(&app::Main::Form_Load);
     ASSERT_FALSE(ended.has_value());
+    main.WriteLog("");
+    main.WriteLog("CLIENT_REQUEST: x\r\n");
+    EXPECT_EQ(view.log, "\r\nCLIENT_REQUEST: x\r\n\r\n");
     EXPECT_EQ(view.steps, (std::vector<std::string>{"inputs", "buttons", "status", "menus"}));
 
     view.steps.clear();
@@ -72,7 +65,20 @@ TEST_F(MainTest, ToggleRunsItsFourStepsInOrderAndAFailingStepStopsTheRest) {
     EXPECT_EQ(view.stopped, false) << "the status panel still shows the running state";
 }
 
-TEST_F(MainTest, WindowStopThenStartSwitchTheControlsAndRereadBothPortBoxesWithTheSameServers) {
+// Runs `inspect` on the modal box once the next one is open (the box blocks in its own event loop).
+void WhenModalOpens(const std::function<void(QWidget*)>& inspect) {
+    auto* poll = new QTimer;
+    QObject::connect(poll, &QTimer::timeout, [poll, inspect] {
+        if (QWidget* modal = QApplication::activeModalWidget()) {
+            poll->stop();
+            poll->deleteLater();
+            inspect(modal);
+        }
+    });
+    poll->start(10);
+}
+
+TEST_F(MainTest, WindowStopThenStartSwitchTheControlsAndRereadBothPortBoxesWithTheSameServersAndAboutIsModal) {
     app::MainWindow window;
     app::Main main(window, Options(FreePort(), FreePort()));
     window.Attach(main);
@@ -111,6 +117,31 @@ TEST_F(MainTest, WindowStopThenStartSwitchTheControlsAndRereadBothPortBoxesWithT
     QCoreApplication::processEvents();  // the window gets the entries together, at the next turn of the loop
     EXPECT_EQ(window.txtData->toPlainText(), "abc\nCLIENT_REQUEST: noop\n\n");
     EXPECT_EQ(window.txtData->textCursor().position(), window.txtData->document()->characterCount() - 1);
+
+    // While About is open, a click on Stop as the window system delivers it does not reach the window, and the
+    // POP3 server still greets its readers.
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    const auto clickStop = [&] {
+        QTest::mouseClick(window.windowHandle(), Qt::LeftButton, {},
+                          window.StopButton->mapTo(&window, window.StopButton->rect().center()));
+    };
+    WhenModalOpens([&](QWidget* modal) {
+        auto* about = dynamic_cast<app::About*>(modal);
+        ASSERT_NE(about, nullptr);
+        EXPECT_EQ(about->lblTitle->text(), QString("Tarnwick Gateway\nVersion: ") + core::Version::kText);
+        EXPECT_EQ(QGuiApplication::modalWindow(), about->windowHandle());
+        clickStop();
+        EXPECT_EQ(window.statusPanel->text(), "Running");
+        testing_support::LineClient client;
+        EXPECT_TRUE(client.Connect(newPop3));
+        EXPECT_EQ(client.ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
+        QTest::mouseClick(about->cmdOK, Qt::LeftButton);
+    });
+    window.mnuAbout->trigger();  // returns when the box has closed
+    EXPECT_EQ(QApplication::activeModalWidget(), nullptr);
+    clickStop();
+    EXPECT_TRUE(shows(true));
     window.close();
     EXPECT_EQ(main.Pop3ServerObject(), nullptr);
 }

@@ -39,7 +39,7 @@ public:
     void HideFromTaskList() override {}
     void ShowAbout(const std::string&, const std::string&) override {}
     void ShowMessage(const std::string&) override {}
-    void ShowFatalMessage(const std::string& text) override { fatal.push_back(text); }
+    void ShowFatalMessage(const std::string&) override {}
 
     std::string pop3;
     std::string smtp;
@@ -50,7 +50,6 @@ public:
     std::optional<bool> stopped;
     std::vector<std::string> steps;
     bool failButtons = false;
-    std::vector<std::string> fatal;
 };
 
 }  // namespace testing_support

@@ -1,7 +1,8 @@
-// Harness for the server tests: a mail reader's side of one loopback connection, the waits on the log, and a
-// fixture with one server on a free loopback port, a recording host and a scripted WebDAV service.
+// Harness for the server tests: a recording gateway host, the waits on the log, and a fixture with one server
+// on a free loopback port and a scripted WebDAV service.
 #pragma once
 
+#include <QCoreApplication>
 #include <QTest>
 
 #include <gtest/gtest.h>
@@ -10,14 +11,16 @@
 #include <string>
 #include <vector>
 
+#include "core/Error.h"
+#include "core/IGatewayHost.h"
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
+#include "core/Version.h"
 #include "mailservice/CHotmail.h"
-#include "tests/support/FakeGatewayHost.h"
+#include "platform/net/SocketControl.h"
 #include "tests/support/FakeWebDavService.h"
 #include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
-#include "tests/support/LoopbackPort.h"
 
 namespace server_tests {
 
@@ -25,10 +28,31 @@ inline constexpr int kTimeoutMs = 30000;
 
 using testing_support::FreePort;
 
-// Waits until `entry` is in `log` at least `times` times.
-inline bool WaitForLog(const std::vector<std::string>& log, const std::string& entry, long times = 1) {
-    return QTest::qWaitFor([&] { return std::count(log.begin(), log.end(), entry) >= times; }, kTimeoutMs);
-}
+// A gateway host that records every log entry, owns two real socket controls on loopback and records errors
+// that escape an event handler instead of ending the test program.
+class FakeGatewayHost : public core::IGatewayHost {
+public:
+    void WriteLog(const std::string& message) override { log.push_back(message); }
+    void ClearLog() override { log.clear(); }
+    std::string UserName() const override { return userName; }
+    void SetUserName(const std::string& value) override { userName = value; }
+    std::string Password() const override { return password; }
+    void SetPassword(const std::string& value) override { password = value; }
+    std::string ApplicationName() const override { return "Tarnwick Gateway"; }
+    std::string ApplicationVersion() const override { return core::Version::kText; }
+    core::ISocketControl& WinsockPOP3() override { return pop3_; }
+    core::ISocketControl& WinsockSMTP() override { return smtp_; }
+    void DoEvents() override { QCoreApplication::processEvents(); }
+
+    std::vector<std::string> log;
+    std::string userName;
+    std::string password;
+    std::vector<core::Error> unhandled;
+
+private:
+    platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
+    platform::net::SocketControl smtp_{[this](const core::Error& e) { unhandled.push_back(e); }};
+};
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
 template <typename Server>
@@ -53,12 +77,14 @@ protected:
                                svc.Url("/sent"), svc.Url("/trash"), svc.Url("/root")})));
         svc.Enqueue(testing_support::DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
     }
+    // Waits until `entry` is in the log at least `times` times.
     bool WaitForLog(const std::string& entry, long times = 1) {
-        return server_tests::WaitForLog(host.log, entry, times);
+        return QTest::qWaitFor([&] { return std::count(host.log.begin(), host.log.end(), entry) >= times; },
+                               kTimeoutMs);
     }
 
-    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Basic, "sam", "sam pw"};
-    tests::FakeGatewayHost host;
+    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Digest, "sam", "sam pw"};
+    FakeGatewayHost host;
     Server server{host};
     std::string port = FreePort();
 };

@@ -1,12 +1,13 @@
-// How the request layer fails: each cause with its own number. (What goes on the wire is checked through the
-// service client's requests; silence and oversized replies end to end, against a scripted service.)
+// How the request layer fails: each cause with its own number, a service that is down included. (Silence and
+// oversized replies are shown end to end, against a scripted service.)
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "tests/support/FakeWebDavService.h"
 #include "core/Error.h"
 #include "platform/http/HttpRequest.h"
+#include "tests/support/FakeWebDavService.h"
+#include "tests/support/LineClient.h"
 #include "tests/support/RaisedError.h"
 
 namespace {
@@ -20,7 +21,7 @@ namespace ErrorNumber = core::ErrorNumber;
 TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
     FakeWebDavService svc;
     svc.Enqueue(ScriptedReply{200, {}, "partial", true});
-    const std::string refused = "http://127.0.0.1:" + std::to_string(testing_support::ClosedLoopbackPort()) + "/";
+    const std::string refused = "http://127.0.0.1:" + testing_support::FreePort() + "/";
     const struct {
         const char* what;
         std::string url;

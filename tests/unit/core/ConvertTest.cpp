@@ -35,11 +35,4 @@ TEST(Convert, ToInt16RoundsHalfToEvenAndRefusesWhatIsNotASixteenBitNumber) {
     }
 }
 
-TEST(Convert, ToInt32CoversTheThirtyTwoBitRange) {
-    EXPECT_EQ(core::ToInt32(" 2147483647 "), 2147483647);
-    EXPECT_EQ(core::ToInt32("65536"), 65536);
-    EXPECT_EQ(RaisedErrorNumber([] { core::ToInt32("2147483648"); }), 6);
-    EXPECT_EQ(RaisedErrorNumber([] { core::ToInt32("pop3"); }), 13);
-}
-
 }  // namespace

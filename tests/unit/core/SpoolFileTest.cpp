@@ -1,15 +1,12 @@
-// The spool file: a file no one else can open, and a failed write that stays failed, so that no text cut
-// short passes as whole. (Texts read back stretch by stretch and piece by piece are checked where they are
-// used: the listing's records and the RETR response.)
+// The spool file: a file no one else can open. (A write the disk refuses is checked where the reader sees
+// it, in the POP3 and SMTP handlers; texts read back piece by piece in the RETR response.)
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <string>
 
-#include "core/Error.h"
 #include "core/SpoolFile.h"
-#include "tests/support/FileSizeLimit.h"
 
 namespace {
 
@@ -30,27 +27,6 @@ TEST(SpoolFile, HasNoNameAndOnlyItsOwnerMayReadIt) {
         EXPECT_EQ(st.st_mode & 0777, 0600U);
     }
     EXPECT_EQ(found, 1);
-}
-
-// The file size limit makes the system refuse the write exactly as a full disk does, without privileges.
-TEST(SpoolFile, AWriteTheSystemRefusesIsDiskFullAndStaysFailed) {
-    const std::shared_ptr<core::SpoolFile> file = core::SpoolFile::Create();
-    testing_support::FileSizeLimit limit(4096);
-    ASSERT_TRUE(limit.Active());
-    std::int32_t number = 0;
-    std::string description;
-    try {
-        file->Append(std::string(10000, 'q'));
-    } catch (const core::Error& e) {
-        number = e.Number();
-        description = e.Description();
-    }
-    ASSERT_TRUE(limit.Lift());
-    EXPECT_EQ(number, core::ErrorNumber::kDiskFull);
-    EXPECT_EQ(description, "Disk full");
-    // With room again, the failed file still refuses: its last text is incomplete.
-    EXPECT_THROW(file->CheckWritten(), core::Error);
-    EXPECT_THROW(file->Append("more"), core::Error);
 }
 
 }  // namespace

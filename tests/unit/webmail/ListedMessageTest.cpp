@@ -3,7 +3,7 @@
 
 #include <fstream>
 
-#include "tests/unit/webmail/TempDir.h"
+#include "tests/support/TempDir.h"
 #include "webmail/dav/ListedMessage.h"
 #include "webmail/text/MailDate.h"
 

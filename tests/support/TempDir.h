@@ -8,7 +8,7 @@
 class TempDir {
 public:
     TempDir() {
-        std::string pattern = (std::filesystem::temp_directory_path() / "tarnwick-webmail-XXXXXX").string();
+        std::string pattern = (std::filesystem::temp_directory_path() / "tarnwick-test-XXXXXX").string();
         path_ = ::mkdtemp(pattern.data());
     }
     ~TempDir() {

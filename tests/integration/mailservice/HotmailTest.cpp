@@ -1,0 +1,204 @@
+// The service client against a scripted service: a short log-in reply, the mailbox listing's quirks and dates,
+// sending from disk, and how every reading operation judges a reply. (The log-in's addresses, requests per
+// load, deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are
+// the service's fixed texts, which the end-to-end tests prove the service takes.)
+#include <functional>
+
+#include "tests/support/HotmailTestSupport.h"
+
+using namespace hotmail_test;
+using testing_support::DavReply;
+using testing_support::FakeWebDavService;
+using testing_support::ScriptedReply;
+
+namespace {
+
+mailservice::IdCollectionPtr Ids(const std::vector<std::string>& ids) {
+    auto c = core::MakeCollection<std::string>();
+    for (const auto& id : ids) c->Add(id);
+    return c;
+}
+
+TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRuns) {
+    mail_.SetTrashURL("old trash");
+    mail_.SetRootFolderURL(svc_.Url("/oldroot"));
+    svc_.Enqueue(DavReply(LoginReply("/b", {"ad", "contacts", "inbox", "outbox", "sent"})));
+    svc_.Enqueue(DavReply(FolderReply({{"/f/1", "One"}})));
+    EXPECT_TRUE(mail_.Connect());
+    EXPECT_EQ(mail_.SentItemsURL(), "sent");
+    EXPECT_EQ(mail_.TrashURL(), "old trash");
+    EXPECT_EQ(KeptError().Source(), "RetrievFolderURLs Method");
+    EXPECT_EQ(KeptError().Number(), core::ErrorNumber::kObjectNotSet);
+    ASSERT_EQ(svc_.Requests().size(), 2u);
+    EXPECT_EQ(svc_.Requests()[1].path, "/oldroot");
+    EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1);
+}
+
+class HotmailListingTest : public HotmailTest {
+protected:
+    // Scripts a listing of `messages` and one GET reply per message, then lists /inbox.
+    void List(const std::vector<ListedMessage>& messages) {
+        svc_.Enqueue(DavReply(ListingReply(messages)));
+        for (const ListedMessage& m : messages) svc_.Enqueue(ScriptedReply{200, {}, "body of " + m.id, false});
+        mail_.ParseMailboxInfo(svc_.Url("/inbox"));
+    }
+    ListedMessage Message(const std::string& id) {
+        ListedMessage m;
+        m.href = svc_.Url("/msg/" + id);
+        m.id = id;
+        return m;
+    }
+};
+
+// Each field is the i-th element of its name over the whole reply, so a message without a subject takes the
+// next one's; a date that is missing or unreadable leaves the field empty instead, one with the UTC marker "Z"
+// is read as written. Dates show in the regional short form (day/month/year here). Records are keyed by position.
+TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
+    auto a = Message("A");
+    a.read = "1";
+    a.length = "2048";
+    a.attachment = "1";
+    auto b = Message("B");
+    b.subject.reset();
+    b.read.reset();
+    b.date = "2001-12-31T23:05:09Z";
+    auto c = Message("C");
+    c.subject = "third";
+    c.read = "yes";
+    c.date = "2002-13-40T10:21:13";
+    auto d = Message("D");
+    d.date.reset();
+    List({a, b, c, d});
+    const auto mails = mail_.GetMailCollection();
+    ASSERT_EQ(mails->Count(), 4);
+    const struct {
+        std::string subject, date, length;
+        std::int16_t read;
+        bool attachment;
+    } expected[] = {
+        {"Subject", "14/05/2002 10:21:13", "2048", 1, true},
+        {"third", "31/12/2001 23:05:09", "100", 0, false},
+        {"Subject", "", "100", 0, false},
+        {"", "", "100", 0, false},
+    };
+    for (std::int32_t i = 1; i <= 4; ++i) {
+        const auto& m = *mails->Item(i);
+        const auto& e = expected[i - 1];
+        const std::string id(1, static_cast<char>('A' + i - 1));
+        EXPECT_EQ(mails->Item(std::to_string(i)).get(), &m);
+        EXPECT_EQ(m.mMessageID, id);
+        EXPECT_EQ(m.mURL, svc_.Url("/msg/" + id));
+        EXPECT_EQ(m.mTo, "to-" + id);
+        EXPECT_EQ(m.mFrom, "from-" + id);
+        EXPECT_EQ(m.mFromAddress, id + "@example.invalid");
+        EXPECT_EQ(m.mBody.ReadAll(), "body of " + id);
+        EXPECT_EQ(m.mSubject, e.subject) << id;
+        EXPECT_EQ(m.mDate, e.date) << id;
+        EXPECT_EQ(m.mLength, e.length) << id;
+        EXPECT_EQ(m.mRead, e.read) << id;
+        EXPECT_EQ(m.mHasAttachment, e.attachment) << id;
+    }
+    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
+}
+
+// What the service sends that is no XML lists nothing; an error page is the message. Only a log-in reply that
+// cannot be read shows the parser's message, and leaves the addresses as they were.
+TEST_F(HotmailTest, RepliesThatAreNoXmlListNothingAndAnErrorPageIsTheMessage) {
+    LogIn();
+    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 207, "207 cut"));
+    svc_.Enqueue(DavReply("<html>Internal error</html>", 500, "500 listing failed"));
+    EXPECT_TRUE(mail_.Connect());
+    EXPECT_EQ(boxes_.size(), 1u);
+    EXPECT_EQ(mail_.InboxURL(), svc_.Url("/inbox"));
+    EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1) << "the folder listing of the log-in before";
+
+    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 500, "500 cut"));
+    mail_.ParseMailboxInfo(svc_.Url("/inbox"));
+    EXPECT_EQ(mail_.GetMailCollection()->Count(), 0);
+    std::string page = "<html>Internal error \xE9\xFF</html>";
+    page.push_back('\0');
+    svc_.Enqueue(DavReply(page, 500, "500 failed"));
+    EXPECT_EQ(mail_.GetMessage(svc_.Url("/m/1")), page);
+    EXPECT_FALSE(core::MErrorHandler::HasKeptError());
+}
+
+// The message read in pieces from disk goes out byte for byte, also when a stale Digest nonce makes libcurl send
+// it a second time from a new reader; a piece that cannot be read fails the post with its error.
+TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersError) {
+    core::MErrorHandler::ResetForTesting();
+    FakeWebDavService svc(FakeWebDavService::Auth::Digest, "sam", "sam pw");
+    mailservice::CHotmail::SetServiceEntryURL(svc.Url(kEntryPath));
+    mailservice::CHotmail mail;
+    mail.SetUserName("sam");
+    mail.SetPassword("sam pw");
+    svc.Enqueue(
+        DavReply(LoginReply("/b", {"ad", "contacts", "inbox", svc.Url("/outbox"), "sent", "trash", svc.Url("/root")})));
+    svc.Enqueue(DavReply(FolderReply({{"/f/inbox", "Inbox"}})));
+    ASSERT_TRUE(mail.Connect());
+    std::string body = "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n\r\n.";
+    body.push_back('\0');
+    body.append(std::size_t{3} * core::SpoolText::kPieceBytes + 17, 'x');
+    body += "\r\n.\r\n";
+    const core::SpoolText stored = core::SpoolText::Store(body);
+    int readers = 0;
+    const core::TextPiecesSource source = [&] {
+        ++readers;
+        return stored.Pieces();
+    };
+    for (int i = 0; i < 2; ++i) {
+        svc.ExpireNonces();
+        svc.Enqueue(DavReply("queued"));
+        EXPECT_NE(mail.SendMail(source, stored.Size()).find("X-Dav-Error: 200 No error\r\n"), std::string::npos);
+        const auto post = svc.Requests().back();
+        EXPECT_EQ(post.method + " " + post.path, "POST /outbox");
+        EXPECT_TRUE(post.body == body) << "the posted text differs";
+        EXPECT_EQ(post.Header("Content-Type"), "message/rfc821");
+    }
+    EXPECT_GE(readers, 3) << "the stale nonce's challenge sends the body again from a new reader";
+
+    struct Failing : core::ITextPieces {
+        bool Next(std::string& piece) override {
+            piece.assign(1000, 'y');
+            if (++calls > 2) core::Raise(core::ErrorNumber::kDeviceIo, "test");
+            return true;
+        }
+        int calls = 0;
+    };
+    const core::Error e =
+        testing_support::RaisedError([&] { mail.SendMail([] { return std::make_unique<Failing>(); }, 100000); });
+    EXPECT_EQ(e.Number(), core::ErrorNumber::kDeviceIo);
+    EXPECT_EQ(e.Source(), "SendMail Method");
+}
+
+// Every operation that reads "X-Dav-Error" fails without it and keeps the old error.
+TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
+    const struct {
+        const char* label;
+        std::function<void(mailservice::CHotmail&, const std::string&)> run;
+    } operations[] = {
+        {"GetMailInfo Method", [](auto& m, const auto& url) { m.ParseMailboxInfo(url); }},
+        {"FlagMailRead Method", [](auto& m, const auto& url) { m.FlagMailRead(url, url); }},
+        {"FlagMailUnread Method", [](auto& m, const auto& url) { m.FlagMailUnread(url, url); }},
+        {"DeleteMail Method", [](auto& m, const auto& url) { m.DeleteMail(Ids({"1"}), url); }},
+        {"MoveMail Method", [](auto& m, const auto& url) { m.MoveMail("1", url, url); }},
+        {"SendMail Method", [](auto& m, const auto& url) {
+             m.SetOutboxURL(url);
+             m.SendMail("x");
+         }},
+    };
+    for (const auto& op : operations) {
+        const char* label = op.label;
+        core::MErrorHandler::ResetForTesting();
+        mail_.SetHotmailError("old");
+        const std::size_t start = svc_.Requests().size();
+        svc_.Enqueue(ScriptedReply{200, {}, "<nothing/>", false});
+        const core::Error e = testing_support::RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
+        EXPECT_EQ(e.Source(), label);
+        EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << label;
+        EXPECT_EQ(mail_.HotmailError(), "old") << label;
+        // A failed flag request ends the operation before any relisting, and a failed listing fetches nothing.
+        EXPECT_EQ(svc_.Requests().size(), start + 1) << label;
+    }
+}
+
+}  // namespace
