@@ -4,6 +4,7 @@
 1. The gateway's first STAT of --count messages of --message-kb KB, three ways, interleaved: straight to one
    tarnwick-webmail over HTTP; straight to one over HTTPS; over HTTPS to nginx, which terminates TLS and
    passes the requests on to two instances over one store. Goal: the proxied figure at most 1.5 x the direct.
+   Beside each way, the CPU time its gateway, its instances and nginx's workers spent per STAT.
 2. GET of one 12 KB message by --concurrency keep-alive clients (ab -k, from Debian's apache2-utils):
    tarnwick-webmail over HTTP against nginx serving the same file from the same disk, in one run. The
    ratio is webmail's requests per second over nginx's. A second row compares webmail with nginx doing the
@@ -127,19 +128,30 @@ def main():
             ("direct HTTPS", gateway("https://localhost:%d%s" % (tls.port, B.SERVICE_PATH), *ca)),
             ("HTTPS via nginx to two", gateway("https://localhost:%d%s" % (proxy_port, B.SERVICE_PATH), *ca)),
         ]
+        served = {"direct HTTP": [plain], "direct HTTPS": [tls], "HTTPS via nginx to two": behind}
+        # Where the time goes: the processes of each way take turns (one request at a time), so their CPU time
+        # adds up to about the whole STAT.
+        hops = {name: [("gateway", [g.proc.pid]), ("webmail", [i.proc.pid for i in served[name]])]
+                for name, g in ways}
+        hops["HTTPS via nginx to two"].append(("nginx", children(nginx.proc.pid)))
         times = {name: [] for name, _ in ways}
+        cpu = {name: {hop: 0.0 for hop, _ in hops[name]} for name, _ in ways}
         for _ in range(args.pairs):
             for name, g in ways:
+                before = {hop: cpu_seconds(pids) for hop, pids in hops[name]}
                 elapsed, count = first_stat(g.pop3_port)
+                for hop, pids in hops[name]:
+                    cpu[name][hop] += cpu_seconds(pids) - before[hop]
                 assert count == args.count, (name, count)
                 times[name].append(elapsed)
         print("\nfirst STAT of %d x %d KB (%s):" % (args.count, args.message_kb, args.auth))
-        served = {"direct HTTP": [plain], "direct HTTPS": [tls], "HTTPS via nginx to two": behind}
         for name, _ in ways:
             lines = [line for i in served[name] for line in i.requests()]
             print("  %-24s %s; %d requests a STAT, %d of them answered 401" % (
                 name, B.describe(times[name]), len(lines) // args.pairs,
                 sum(" 401 " in line for line in lines) // args.pairs))
+            print("  %-24s CPU time a STAT: %s" % ("", ", ".join(
+                "%s %.0f ms" % (hop, 1000 * seconds / args.pairs) for hop, seconds in cpu[name].items())))
         ratios = [B.ratio_line("first STAT, direct HTTPS / direct HTTP", times["direct HTTPS"],
                                times["direct HTTP"]),
                   B.ratio_line("first STAT, HTTPS via nginx / direct HTTP", times["HTTPS via nginx to two"],
