@@ -19,17 +19,52 @@
 #include <vector>
 
 #include "app/About.h"
+#include "app/IMainView.h"
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MErrorHandler.h"
 #include "core/Version.h"
-#include "tests/integration/app/RecordingView.h"
 #include "tests/support/LineClient.h"
 
 namespace {
 
 using testing_support::FreePort;
-using testing_support::RecordingView;
+
+// Records what the controller asks of its window.
+class RecordingView : public app::IMainView {
+public:
+    std::string ListenPortPOP3Text() const override { return pop3; }
+    void SetListenPortPOP3Text(const std::string& text) override { pop3 = text; }
+    std::string ListenPortSMTPText() const override { return smtp; }
+    void SetListenPortSMTPText(const std::string& text) override { smtp = text; }
+    void AppendLog(const std::string& entry) override { log += entry; }
+    bool BatchesLog() const override { return false; }
+    void ClearLog() override { log.clear(); }
+    void ToggleInputs(bool) override { steps.push_back("inputs"); }
+    void ToggleButtons(bool) override {
+        steps.push_back("buttons");
+        if (failButtons) core::Raise(core::ErrorNumber::kObjectNotSet);
+    }
+    void ToggleStatusBar(bool isStopped) override {
+        steps.push_back("status");
+        stopped = isStopped;
+    }
+    void ToggleMenus(bool) override { steps.push_back("menus"); }
+    void PlaceAtWorkAreaCorner() override {}
+    void AddTrayIcon() override {}
+    void RemoveTrayIcon() override {}
+    void HideFromTaskList() override {}
+    void ShowAbout(const std::string&, const std::string&) override {}
+    void ShowMessage(const std::string&) override {}
+    void ShowFatalMessage(const std::string&) override {}
+
+    std::string pop3;
+    std::string smtp;
+    std::string log;
+    std::optional<bool> stopped;
+    std::vector<std::string> steps;
+    bool failButtons = false;
+};
 
 class MainTest : public ::testing::Test {
 protected:
@@ -111,7 +146,8 @@ TEST_F(MainTest, WindowStopThenStartSwitchTheControlsAndRereadBothPortBoxesWithT
     EXPECT_EQ(std::to_string(main.WinsockPOP3().LocalPort()), newPop3);
     EXPECT_EQ(std::to_string(main.WinsockSMTP().LocalPort()), newSmtp);
 
-    // Start emptied the log; received bytes keep their line ends, and the caret follows the newest line.
+    // Start emptied the log and dropped the entry still waiting for the window; received bytes keep their line
+    // ends, and the caret follows the newest line.
     main.WriteLog("abc");
     main.WriteLog("CLIENT_REQUEST: noop\r\n");
     QCoreApplication::processEvents();  // the window gets the entries together, at the next turn of the loop
