@@ -2,9 +2,19 @@
 // sending from disk, and how every reading operation judges a reply. (The log-in's addresses, requests per
 // load, deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are
 // the service's fixed texts, which the end-to-end tests prove the service takes.)
+#include <gtest/gtest.h>
+
+#include <QLocale>
+
 #include <functional>
 
+#include "core/Error.h"
+#include "core/MErrorHandler.h"
+#include "core/MessageBox.h"
+#include "mailservice/CHotmail.h"
+#include "tests/support/FakeWebDavService.h"
 #include "tests/support/HotmailTestSupport.h"
+#include "tests/support/RaisedError.h"
 
 using namespace hotmail_test;
 using testing_support::DavReply;
@@ -12,6 +22,38 @@ using testing_support::FakeWebDavService;
 using testing_support::ScriptedReply;
 
 namespace {
+
+// The error the reporter keeps (only meaningful once one was kept).
+core::Error KeptError() {
+    return testing_support::RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
+}
+
+// A fresh scripted service and session per test, message boxes captured, error reporter reset, a
+// day/month/year 24-hour locale.
+class HotmailTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        core::MErrorHandler::ResetForTesting();
+        core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
+        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
+        mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
+        mail_.SetUserName("joe");
+        mail_.SetPassword("s3cret");
+    }
+    // Scripts a log-in that hands out the seven addresses and finds one folder, and runs Connect.
+    void LogIn() {
+        svc_.Enqueue(DavReply(LoginReply(svc_.Url("/base"), {svc_.Url("/ad"), svc_.Url("/contacts"),
+                                                               svc_.Url("/inbox"), svc_.Url("/outbox"),
+                                                               svc_.Url("/sent"), svc_.Url("/trash"),
+                                                               svc_.Url("/root")})));
+        svc_.Enqueue(DavReply(FolderReply({{"/f/inbox", "Inbox"}})));
+        ASSERT_TRUE(mail_.Connect());
+    }
+
+    FakeWebDavService svc_;
+    mailservice::CHotmail mail_;
+    std::vector<std::string> boxes_;  // the texts of the message boxes shown
+};
 
 TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRuns) {
     mail_.SetTrashURL("old trash");
