@@ -18,11 +18,10 @@ import sys
 import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "e2e", "smtp"))
 
 import messages as M  # noqa: E402
 import smtp_clients as C  # noqa: E402
-from tarnwick_testing import HOST, Stack  # noqa: E402
+from tarnwick_testing import HOST, Stack, fetch  # noqa: E402
 
 
 def read_line(sock):
@@ -71,7 +70,7 @@ def main():
         stack.store.add_user("sender", "senderpw")
         stack.store.add_user("rcpt", "rcptpw")
         stack.start()
-        C.fetch_once(stack, "sender", "senderpw")
+        fetch(stack, "sender", "senderpw")
         inbox = os.path.join(stack.store.root, "rcpt", "new")
         for pause in (float(p) for p in args.pauses.split(",")):
             for name in os.listdir(inbox):

@@ -40,7 +40,7 @@ ATTEMPTS = 6
 
 
 def memory(stack):
-    return "gateway %.0f MB, tarnwick-webmail %.0f MB" % (B.rss_mb(stack.gateway.pid), B.rss_mb(stack.webmail.pid))
+    return "gateway %.0f MB, tarnwick-webmail %.0f MB" % (B.rss_mb(stack.gateway.pid), B.rss_mb(stack.webmail.proc.pid))
 
 
 def pop3_login(stack, user, password):
@@ -136,22 +136,15 @@ class Pop3Reader(threading.Thread):
 
 def restart_webmail(stack):
     """SIGKILL to tarnwick-webmail by its pid, then the same program on the same port and store."""
-    os.kill(stack.webmail.pid, signal.SIGKILL)
-    stack.webmail.wait()
-    port = stack.service_port
+    os.kill(stack.webmail.proc.pid, signal.SIGKILL)
+    stack.webmail.proc.wait()
     for _ in range(50):
-        stack.webmail = subprocess.Popen(
-            [T.binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", stack.store.root,
-             "--listen", "%s:%d" % (T.HOST, port)],
-            stdout=subprocess.DEVNULL, stderr=stack._webmail_err, stdin=subprocess.DEVNULL)
         try:
-            T.wait_for(lambda: T.is_listening(port) or stack.webmail.poll() is not None, 10, "tarnwick-webmail")
-        except AssertionError:
-            pass
-        if stack.webmail.poll() is None and T.is_listening(port):
+            stack.webmail = T.Webmail(stack.dir, "webmail", stack.store.root, port=stack.service_port)
             return
-        time.sleep(0.1)
-    raise SystemExit("tarnwick-webmail did not start again on port %d" % port)
+        except AssertionError:
+            time.sleep(0.1)
+    raise SystemExit("tarnwick-webmail did not start again on port %d" % stack.service_port)
 
 
 def kill_during_sends(stack, told_sent, kills):

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <memory>
+#include <mutex>
 #include <type_traits>
 #include <utility>
 
@@ -29,6 +30,25 @@ void GlobalInit() {
         return true;
     }();
     (void)done;
+}
+
+// What every request object of the process shares: the TLS sessions of its servers (a new connection to a
+// server seen before resumes its session instead of a full handshake) and the name lookups. libcurl asks
+// for a lock around each use; one mutex per kind of data.
+CURLSH* SharedState() {
+    static std::mutex locks[CURL_LOCK_DATA_LAST];
+    static CURLSH* const share = [] {
+        CURLSH* s = curl_share_init();
+        if (s == nullptr) return s;
+        curl_share_setopt(s, CURLSHOPT_LOCKFUNC, +[](CURL*, curl_lock_data data, curl_lock_access, void*) {
+            locks[data].lock();
+        });
+        curl_share_setopt(s, CURLSHOPT_UNLOCKFUNC, +[](CURL*, curl_lock_data data, void*) { locks[data].unlock(); });
+        curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
+        curl_share_setopt(s, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
+        return s;
+    }();
+    return share;
 }
 
 // The CA file given by SetServiceCaFile; empty: the system's store.
@@ -114,6 +134,8 @@ HttpRequest::HttpRequest() {
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 1L);
     curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 2L);
     if (!ServiceCaFile().empty()) curl_easy_setopt(h, CURLOPT_CAINFO, ServiceCaFile().c_str());
+    // Without the shared state every request object starts with a full TLS handshake.
+    if (CURLSH* share = SharedState()) curl_easy_setopt(h, CURLOPT_SHARE, share);
 }
 
 void HttpRequest::SetServiceCaFile(const std::string& path) { ServiceCaFile() = path; }

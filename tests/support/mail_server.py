@@ -1,14 +1,10 @@
-"""A real mail server for the tests: Postfix from Debian, run as a private instance (its own configuration,
-queue and log under a temporary folder, its master process in the foreground, found and stopped by its pid)
-that listens on a free 127.0.0.1 port, never port 25, and delivers every address of its domains into a
-Maildir of that folder. It needs root (Postfix's master switches to the "postfix" user) and the postfix
-package (scripts/setup installs it without starting the system's own instance: no main.cf, no daemon).
-"""
+"""A real mail server for the tests: a private Postfix instance (configuration, queue and log in a folder of
+its own, the master in the foreground, stopped by its pid) on a free 127.0.0.1 port, delivering into Maildirs.
+It needs root (the master switches to the "postfix" user) and the postfix package (scripts/setup)."""
 
 import os
 import shutil
 import subprocess
-import time
 
 from tarnwick_testing import HOST, free_port, is_listening, read_file, stop_process, wait_for
 
@@ -40,7 +36,6 @@ tlsmgr    unix  -       -       n       1000?   1       tlsmgr
 
 
 def unavailable():
-    """Why no private Postfix can run here, or None when it can."""
     if os.geteuid() != 0:
         return "a private Postfix instance needs root (its master switches to the postfix user)"
     if not os.path.exists(MASTER) or not shutil.which("postfix"):
@@ -49,29 +44,23 @@ def unavailable():
 
 
 class Postfix:
-    """One private Postfix. `mailboxes` maps each address it accepts to a Maildir path under `mail_base`
-    (default: a folder of its own, owned by nobody), where the delivering user (uid/gid, never root: Postfix
-    refuses that) may write. `refused` maps addresses to the reply that refuses them at RCPT
-    ("550 5.1.1 ..."); `data_pause` makes it wait that many seconds before answering DATA. With `tls`, it
-    offers STARTTLS on its port and TLS from the start on `tls_port`, with a certificate for 127.0.0.1 of its
-    own (`ca_file`). With `login` (user, password), mail is accepted only after SASL PLAIN or LOGIN as that
-    user (TLS only). The postfix user must be able to pass through the folders above `folder` (a temporary
-    folder is made mode 0711 for that)."""
+    """One private Postfix. `mailboxes` maps each address it accepts to a Maildir under `mail_base` (default: a
+    folder of its own), written as uid/gid (never root: Postfix refuses that). `refused` maps addresses to the
+    reply that refuses them at RCPT; `data_pause` delays the answer to DATA. `login` (user, password) asks for
+    TLS (STARTTLS, and TLS from the start on `tls_port`, certificate in `ca_file`) and SASL as that user. The
+    postfix user must be able to pass through the folders above `folder`."""
 
     def __init__(self, folder, domains=("example.test",), mailboxes=None, refused=None, data_pause=0,
-                 uid=65534, gid=65534, mail_base=None, tls=False, login=None):
+                 uid=65534, gid=65534, mail_base=None, login=None):
         self.dir = folder
         self.domains = domains
         self.mailboxes = dict(mailboxes or {"someone@example.test": "someone/"})
         self.refused = dict(refused or {})
         self.data_pause = data_pause
         self.uid, self.gid = uid, gid
-        self.tls = tls or login is not None
+        self.tls = login is not None
         self.login = login
-        self.port = None
-        self.tls_port = None
-        self.master = None
-        self._log = None
+        self.port = self.tls_port = self.master = None
         self.etc = os.path.join(folder, "etc")
         self.mail = mail_base or os.path.join(folder, "mail")
         self._own_mail = mail_base is None
@@ -131,9 +120,8 @@ class Postfix:
             "queue_run_delay": "1s",
             "minimal_backoff_time": "1s",
         }
-        if self.tls:
-            settings.update(self._tls_settings())
         if self.login:
+            settings.update(self._tls_settings())
             settings.update(self._login_settings())
         with open(os.path.join(self.etc, "main.cf"), "w") as f:
             for key, value in settings.items():
@@ -182,16 +170,15 @@ class Postfix:
                 "smtpd_recipient_restrictions": "permit_sasl_authenticated, reject"}
 
     def start(self):
-        """Starts the master (on the same ports as before when restarted) and waits until it listens."""
         if self.port is None:
             self.port = free_port()
         if self.tls and self.tls_port is None:
             self.tls_port = free_port()
         self._configure()
-        self._log = open(os.path.join(self.dir, "maillog"), "ab")
         # A session of its own: on SIGTERM the master stops its process group, its services with it.
-        self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=self._log, stderr=subprocess.STDOUT,
-                                       stdin=subprocess.DEVNULL, start_new_session=True)
+        with open(os.path.join(self.dir, "maillog"), "ab") as log:
+            self.master = subprocess.Popen([MASTER, "-c", self.etc, "-d"], stdout=log, stderr=subprocess.STDOUT,
+                                           stdin=subprocess.DEVNULL, start_new_session=True)
 
         def up():
             if self.master.poll() is not None:
@@ -208,10 +195,6 @@ class Postfix:
         if self.port is None:
             return
         stop_process(self.master)
-        self.master = None
-        if self._log:
-            self._log.close()
-            self._log = None
         # The port is free once its services have left too.
         wait_for(lambda: not is_listening(self.port), 10, "postfix to close port %d" % self.port)
 
@@ -227,15 +210,8 @@ class Postfix:
         return os.path.join(self.mail, self.mailboxes[address])
 
     def delivered(self, address):
-        """Every message file in the address's Maildir (new/ and cur/), oldest name first."""
-        out = []
-        for sub in ("new", "cur"):
-            d = os.path.join(self.maildir(address), sub)
-            if os.path.isdir(d):
-                for name in sorted(os.listdir(d)):
-                    with open(os.path.join(d, name), "rb") as f:
-                        out.append(f.read())
-        return out
+        folders = [os.path.join(self.maildir(address), sub) for sub in ("new", "cur")]
+        return [read_file(os.path.join(d, name)) for d in folders if os.path.isdir(d) for name in sorted(os.listdir(d))]
 
     def wait_delivered(self, address, marker, timeout):
         """The messages for address that hold the bytes `marker`, once there is at least one."""
@@ -247,7 +223,3 @@ class Postfix:
             raise AssertionError("%s; the mail server's log:\n%s" % (e, self.log()[-3000:])) from None
         return found()
 
-
-def settle(seconds):
-    """Waits on purpose: for something that must not happen within that time."""
-    time.sleep(seconds)

@@ -1,17 +1,14 @@
-"""The service on another machine, on this one: a throwaway CA and server certificate made with openssl,
-tarnwick-webmail instances over one store, and nginx from Debian in front of them with the packaged example
-site (packaging/nginx/tarnwick-webmail.conf), its port, certificate and instances swapped for ours.
-
-nginx runs in the foreground with a private prefix, configuration and logs in the caller's folder, listens on
-127.0.0.1 only, and is stopped by its pid like every other process here.
-"""
+"""The service on another machine, on this one: throwaway certificates made with openssl, and nginx from Debian
+in front of tarnwick-webmail instances with the packaged example site (packaging/nginx/tarnwick-webmail.conf),
+its port, certificate and instances swapped for ours. nginx runs in the foreground with a private prefix and
+configuration, on 127.0.0.1 only."""
 
 import os
 import re
 import shutil
 import subprocess
 
-from tarnwick_testing import HOST, binary, free_port, is_listening, read_file, stop_process, wait_for
+from tarnwick_testing import is_listening, read_file, stop_process, wait_for
 
 EXAMPLE_SITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "packaging", "nginx",
                             "tarnwick-webmail.conf")
@@ -52,42 +49,6 @@ def make_nonce_key(path):
     with os.fdopen(fd, "wb") as f:
         f.write(os.urandom(32))
     return path
-
-
-class Instance:
-    """One tarnwick-webmail process on an ephemeral loopback port; output in folder/NAME.out and .err."""
-
-    def __init__(self, folder, name, store, args=()):
-        self.out_path = os.path.join(folder, name + ".out")
-        self.err_path = os.path.join(folder, name + ".err")
-        with open(self.out_path, "wb") as out, open(self.err_path, "wb") as err:
-            self.proc = subprocess.Popen(
-                [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store, "--listen",
-                 HOST + ":0", *args], stdout=out, stderr=err, stdin=subprocess.DEVNULL)
-        self.port = None
-
-        def bound():
-            if self.proc.poll() is not None:
-                raise AssertionError("tarnwick-webmail exited:\n" + self.output())
-            m = re.search(r"listening on 127\.0\.0\.1:(\d+)", self.output())
-            if m:
-                self.port = int(m.group(1))
-            return self.port is not None
-
-        wait_for(bound, 20, "tarnwick-webmail to print its port")
-
-    def output(self):
-        with open(self.out_path, "rb") as out, open(self.err_path, "rb") as err:
-            return (out.read() + err.read()).decode("latin-1")
-
-    def requests(self):
-        """The request lines the instance logged so far."""
-        with open(self.err_path, "rb") as err:
-            return [line for line in err.read().decode("latin-1").splitlines()
-                    if re.match(r"[A-Z]+ /\S* \d{3} ", line)]
-
-    def stop(self):
-        stop_process(self.proc)
 
 
 def site_config(listen_port, cert, key, upstream_ports, example=EXAMPLE_SITE):

@@ -1,14 +1,11 @@
-"""What the Python tests and the benchmarks share: free ports and listening sockets on 127.0.0.1, processes
-stopped by their pid, one tarnwick-webmail on a temporary Maildir store with one headless tarnwick-gateway
-pointed at it (or at another service), and one line-by-line POP3/SMTP client over a plain socket.
-
-The binaries come from the environment (TARNWICK_GATEWAY, TARNWICK_WEBMAIL; CTest sets them), else from the
-build folder at the top of the tree. Everything listens on 127.0.0.1 only.
-"""
+"""What the Python tests and the benchmarks share: free ports on 127.0.0.1, processes stopped by their pid,
+tarnwick-webmail on a temporary Maildir store with one headless tarnwick-gateway pointed at it (or at another
+service), a POP3 fetch through the gateway, and a line-by-line POP3/SMTP client. The binaries come from
+TARNWICK_GATEWAY and TARNWICK_WEBMAIL (CTest sets them), else from the build folder at the top of the tree."""
 
 import os
+import poplib
 import re
-import resource
 import shutil
 import signal
 import socket
@@ -23,7 +20,6 @@ ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)),
 
 
 def _project_version():
-    """The version CTest passes on, or (for a run by hand) the one the top CMakeLists.txt declares."""
     if os.environ.get("TARNWICK_VERSION"):
         return os.environ["TARNWICK_VERSION"]
     with open(os.path.join(ROOT, "CMakeLists.txt")) as f:
@@ -37,10 +33,9 @@ def binary(variable, build_path):
 # The line the gateway puts in front of every message it serves.
 APP_LINE = b"X-Application: Tarnwick Gateway - " + _project_version().encode()
 START_TIMEOUT = 20.0
-
-# tarnwick-webmail writes one line per HTTP request it serves on standard error.
-REQUEST_LINE = re.compile(rb"\b(PROPFIND|PROPPATCH|BMOVE|MOVE|GET|POST)\b")
-LISTENING_LINE = re.compile(rb"listening on (?:http://)?127\.0\.0\.1:(\d+)")
+LISTENING_LINE = re.compile(rb"listening on (?:https?://)?(?:127\.0\.0\.1|\[::1\]):(\d+)")
+# tarnwick-webmail logs one line per HTTP request on standard error: method, path, status, ...
+REQUEST_LINE = re.compile(r"^[A-Z]+ /\S* \d{3} .*$", re.MULTILINE)
 
 
 def free_port():
@@ -51,8 +46,8 @@ def free_port():
 
 
 def is_listening(port):
-    """Whether some socket listens on 127.0.0.1:port, read from /proc so that no probe connection is made:
-    the gateway serves one client at a time and a probe would be that client."""
+    """Whether some socket listens on 127.0.0.1:port, read from /proc: a probe connection would be the
+    gateway's one client."""
     wanted = {"0100007F:%04X" % port, "0000000000000000FFFF00000100007F:%04X" % port}
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
         try:
@@ -95,6 +90,40 @@ def stop_process(proc):
         proc.wait(timeout=5)
 
 
+class Webmail:
+    """One tarnwick-webmail over `store`, listening on `host`:`port` (ephemeral by default); its output is
+    appended to folder/NAME.out and NAME.err."""
+
+    def __init__(self, folder, name, store, args=(), port=0, host=HOST):
+        self.out_path, self.err_path = (os.path.join(folder, name + ext) for ext in (".out", ".err"))
+        skip = len(read_file(self.out_path))  # a restart's listening line comes after the old output
+        with open(self.out_path, "ab") as out, open(self.err_path, "ab") as err:
+            self.proc = subprocess.Popen([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store,
+                                          "--listen", "%s:%d" % (host, port), *args],
+                                         stdout=out, stderr=err, stdin=subprocess.DEVNULL)
+        self.port = None
+
+        def bound():
+            if self.proc.poll() is not None:
+                raise AssertionError("tarnwick-webmail exited:\n" + self.output())
+            m = LISTENING_LINE.search(read_file(self.out_path)[skip:])
+            self.port = m and int(m.group(1))
+            return self.port
+
+        wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
+
+    def output(self):
+        return (read_file(self.out_path) + read_file(self.err_path)).decode("latin-1")
+
+    def requests(self):
+        """The request lines logged so far."""
+        return REQUEST_LINE.findall(read_file(self.err_path).decode("latin-1"))
+
+    def stop(self):
+        stop_process(self.proc)
+        return self.proc.returncode
+
+
 class Store:
     """A tarnwick-webmail Maildir store: a password file and one Maildir++ tree per account."""
 
@@ -110,61 +139,46 @@ class Store:
             for sub in ("cur", "new", "tmp"):
                 os.makedirs(os.path.join(self.root, name, folder, sub), exist_ok=True)
         with open(os.path.join(self.root, "passwd"), "w") as f:
-            f.write("# accounts\n")
-            for n, p in sorted(self._accounts.items()):
-                f.write("%s:%s\n" % (n, p))
+            f.writelines("%s:%s\n" % account for account in sorted(self._accounts.items()))
         os.chmod(os.path.join(self.root, "passwd"), 0o600)
 
     def deliver(self, user, data, seen=False):
-        """Puts one message (bytes) into the user's inbox, unread in new/ or read in cur/ with flag S."""
+        """Puts one message into the user's inbox, unread in new/ or read in cur/ with flag S."""
         self._clock += 60
         name = "%d.M%dP%dQ1.e2e" % (self._clock, self._clock % 1000000, os.getpid())
         inbox = os.path.join(self.root, user)
-        tmp = os.path.join(inbox, "tmp", name)
-        with open(tmp, "wb") as f:
+        with open(os.path.join(inbox, "tmp", name), "wb") as f:
             f.write(data)
         final = os.path.join(inbox, "cur", name + ":2,S") if seen else os.path.join(inbox, "new", name)
-        os.rename(tmp, final)
+        os.rename(os.path.join(inbox, "tmp", name), final)
         os.utime(final, (self._clock, self._clock))
         return name
 
     def folder_messages(self, user, folder=""):
         """The contents of every message file in one folder of the user (INBOX when folder is empty)."""
         base = os.path.join(self.root, user, ("." + folder) if folder else "")
-        out = []
-        for sub in ("new", "cur"):
-            d = os.path.join(base, sub)
-            for name in sorted(os.listdir(d)):
-                with open(os.path.join(d, name), "rb") as f:
-                    out.append(f.read())
-        return out
+        return [read_file(os.path.join(base, sub, name)) for sub in ("new", "cur")
+                for name in sorted(os.listdir(os.path.join(base, sub)))]
 
 
 class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None, gateway_limits=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
         self.webmail_args = list(webmail_args)
         self.gateway_args = list(gateway_args)
         self.gateway_env = dict(gateway_env or {})
-        # {resource.RLIMIT_...: soft limit} set for the gateway process alone.
-        self.gateway_limits = dict(gateway_limits or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
-        self.webmail = None
-        self.gateway = None
-        self.service_port = None
-        self.pop3_port = None
-        self.smtp_port = None
-
-    # -- start and stop
+        self.webmail = self.gateway = self.service_port = self.pop3_port = self.smtp_port = None
 
     def start(self):
         try:
             if self._service_url is None:
-                self._start_webmail()
+                self.webmail = Webmail(self.dir, "webmail", self.store.root, self.webmail_args)
+                self.service_port = self.webmail.port
             self._start_gateway()
         except BaseException:
             self.stop()
@@ -172,50 +186,23 @@ class Stack:
 
     def stop(self):
         stop_process(self.gateway)
-        stop_process(self.webmail)
-        for f in ("_webmail_out", "_webmail_err", "_gateway_out"):
-            handle = getattr(self, f, None)
-            if handle:
-                handle.close()
+        if self.webmail:
+            self.webmail.stop()
         if os.environ.get("TARNWICK_E2E_KEEP"):
             print("kept", self.dir)
         else:
             shutil.rmtree(self.dir, ignore_errors=True)
 
-    def _start_webmail(self, port=0):
-        # A restart appends to the logs; only what comes after the old output counts as its listening line.
-        skip = {name: len(self._read(name)) for name in ("webmail.out", "webmail.err")}
-        self._webmail_out = open(os.path.join(self.dir, "webmail.out"), "ab")
-        self._webmail_err = open(os.path.join(self.dir, "webmail.err"), "ab")
-        self.service_port = None
-        self.webmail = subprocess.Popen(
-            [binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", self.store.root,
-             "--listen", "%s:%d" % (HOST, port)] + self.webmail_args,
-            stdout=self._webmail_out, stderr=self._webmail_err, stdin=subprocess.DEVNULL)
-
-        def bound():
-            if self.webmail.poll() is not None:
-                raise AssertionError("tarnwick-webmail exited:\n" + self.webmail_output())
-            m = LISTENING_LINE.search(b"".join(self._read(name)[skip[name]:] for name in skip))
-            if m:
-                self.service_port = int(m.group(1))
-            return self.service_port is not None
-
-        wait_for(bound, START_TIMEOUT, "tarnwick-webmail to print its port")
-
     def restart_webmail(self, kill=False, webmail_args=None):
-        """Stops tarnwick-webmail (SIGKILL by its pid when `kill`, else SIGTERM) and starts it again on the same
-        store and port, with new arguments if given, so that the gateway keeps talking to it."""
+        """Stops tarnwick-webmail (SIGKILL when `kill`) and starts it again on the same store and port, with new
+        arguments if given."""
         if kill:
-            os.kill(self.webmail.pid, signal.SIGKILL)
-            self.webmail.wait(timeout=10)
-        else:
-            stop_process(self.webmail)
-        self._webmail_out.close()
-        self._webmail_err.close()
+            os.kill(self.webmail.proc.pid, signal.SIGKILL)
+            self.webmail.proc.wait(timeout=10)
+        self.webmail.stop()
         if webmail_args is not None:
             self.webmail_args = list(webmail_args)
-        self._start_webmail(self.service_port)
+        self.webmail = Webmail(self.dir, "webmail", self.store.root, self.webmail_args, port=self.service_port)
 
     def _start_gateway(self):
         runtime = os.path.join(self.dir, "runtime")
@@ -225,13 +212,12 @@ class Stack:
             self.pop3_port, self.smtp_port = free_port(), free_port()
             if self.pop3_port == self.smtp_port:
                 continue
-            self._gateway_out = open(os.path.join(self.dir, "gateway.out"), "wb")
-            self.gateway = subprocess.Popen(
-                [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
-                 "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
-                 "--service-url", self.service_url()] + self.gateway_args,
-                stdout=self._gateway_out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env,
-                preexec_fn=self._set_gateway_limits if self.gateway_limits else None)
+            with open(os.path.join(self.dir, "gateway.out"), "wb") as out:
+                self.gateway = subprocess.Popen(
+                    [binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless",
+                     "--pop3-port", str(self.pop3_port), "--smtp-port", str(self.smtp_port),
+                     "--service-url", self.service_url()] + self.gateway_args,
+                    stdout=out, stderr=subprocess.STDOUT, stdin=subprocess.DEVNULL, env=env)
             deadline = time.monotonic() + START_TIMEOUT
             while time.monotonic() < deadline and self.gateway.poll() is None:
                 if is_listening(self.pop3_port) and is_listening(self.smtp_port):
@@ -239,40 +225,35 @@ class Stack:
                 time.sleep(0.02)
             # Most likely another process took one of the ports in the meantime: try two fresh ones.
             stop_process(self.gateway)
-            self._gateway_out.close()
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
-
-    def _set_gateway_limits(self):
-        for which, soft in self.gateway_limits.items():
-            _, hard = resource.getrlimit(which)
-            resource.setrlimit(which, (soft, hard))
-
-    # -- what the processes said
-
-    def _read(self, name):
-        return read_file(os.path.join(self.dir, name))
 
     def service_url(self):
         return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
 
-    def webmail_output(self):
-        return (self._read("webmail.out") + self._read("webmail.err")).decode("latin-1")
-
     def gateway_log(self):
-        return self._read("gateway.out").decode("latin-1")
-
-    def service_requests(self):
-        """How many requests the webmail has served so far."""
-        return sum(1 for line in self._read("webmail.err").splitlines() if REQUEST_LINE.search(line))
+        return read_file(os.path.join(self.dir, "gateway.out")).decode("latin-1")
 
     def wait_listening(self, port):
         """The gateway listens again only after the previous client's close has been handled."""
         wait_for(lambda: is_listening(port), 30, "the gateway to listen again on %d" % port)
 
     def client(self, port):
-        """A LineClient on one of the gateway's ports (pop3_port or smtp_port), its greeting not yet read."""
+        """A LineClient on one of the gateway's ports, its greeting not yet read."""
         self.wait_listening(port)
         return LineClient(port)
+
+
+def fetch(stack, user, password):
+    """Every message of the user's inbox as a POP3 reader gets it through the gateway: the gateway's line, CR LF,
+    then the message."""
+    stack.wait_listening(stack.pop3_port)
+    pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
+    try:
+        pop.user(user)
+        pop.pass_(password)
+        return [b"\r\n".join(pop.retr(i)[1]) for i in range(1, pop.stat()[0] + 1)]
+    finally:
+        pop.quit()
 
 
 class LineClient:
@@ -296,7 +277,6 @@ class LineClient:
         return out
 
     def line(self):
-        """The next reply line, with its CR LF."""
         return self._until(b"\r\n")
 
     def command(self, text, multiline=False):

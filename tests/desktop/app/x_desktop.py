@@ -1,6 +1,6 @@
-"""A real X11 desktop for the gateway's window: Xvfb on a display of its own, the openbox window manager and,
-when asked, the trayer notification area; the gateway driven with xdotool and read with xwininfo and xprop.
-The desktop test and scripts/screenshots use it. Every process it starts is stopped by its process id."""
+"""A real X11 desktop for the gateway's window: Xvfb on a display of its own, openbox and, when asked, the trayer
+notification area; the gateway driven with xdotool and read with xwininfo and xprop. The desktop test and
+scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
 import fcntl
 import os
@@ -26,8 +26,6 @@ TIMEOUT = 20.0
 QUIET_TIME = 1.5
 # The window states that keep a window out of the task list and the pager.
 SKIPS = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
-
-
 # The ports a user's mail reader is pointed at: the desktop entry's, scripts/run's and the user service's.
 USER_PORTS = (1110, 1025)
 # Where tarnwick-webmail listens by default, which the gateway's built-in service address names.
@@ -41,9 +39,8 @@ class Failure(Exception):
 
 
 def enter_own_network():
-    """Runs the calling program in a network namespace of its own, with only its loopback interface, so that
-    the fixed ports it listens on cannot clash with anything else on the machine: re-executes the program under
-    unshare(1) (same process id) when it may (as root). Returns whether the program now runs in one."""
+    """Re-executes the calling program under unshare(1) in a network namespace of its own (as root only), so that
+    its fixed ports cannot clash with anything else on the machine. Returns whether it now runs in one."""
     if os.environ.pop(OWN_NETWORK, None) == "1":
         # A new namespace's loopback interface starts down: set IFF_UP with SIOCGIFFLAGS/SIOCSIFFLAGS.
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
@@ -59,7 +56,7 @@ def enter_own_network():
 
 
 def two_free_ports():
-    """Two different ports that nothing listened on a moment ago (both held at once while they are found)."""
+    """Two different ports that nothing listened on a moment ago."""
     with socket.socket() as first, socket.socket() as second:
         first.bind(("127.0.0.1", 0))
         second.bind(("127.0.0.1", 0))
@@ -67,12 +64,11 @@ def two_free_ports():
 
 
 def taken_ports(ports):
-    """Those of `ports` that something on this machine (in this network namespace) listens on."""
     return [port for port in ports if is_listening(port)]
 
 
 def ordinary_user():
-    """The user an ordinary desktop user's programs run as: this one, or `nobody` when this is root."""
+    """The user an ordinary desktop user's programs run as: this one (None), or `nobody` when this is root."""
     if os.geteuid() != 0:
         return None
     try:
@@ -105,13 +101,8 @@ class Desktop:
         self.user_folders = []
         try:
             self.start_display()
-            openbox = self.start(["openbox", "--sm-disable"], self.log)
-            try:
-                wait_for("the window manager",
-                         lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
-            except Failure as failure:
-                raise Failure("%s on %s (openbox %s): %s" % (failure, self.env["DISPLAY"], openbox.poll(),
-                                                            self.log_text()))
+            self.start(["openbox", "--sm-disable"], self.log)
+            wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
             if with_tray:
                 self.start_tray()
         except BaseException:

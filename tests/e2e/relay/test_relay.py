@@ -1,31 +1,26 @@
 """Mail through the gateway to another domain reaches a real mail server (a private Postfix) through
-tarnwick-webmail's relay: byte for byte after the server's own trace lines, with the right envelope, one
-transaction for all recipients; it waits in the Outbox while the server is down and goes out once it is up;
-a 550 comes back to the sender as a delivery report fetched through the gateway; a kill -9 during a relay
-and a restart deliver it once. And the mail server delivering into an account's Maildir is mail the gateway
-serves."""
+tarnwick-webmail's relay: byte for byte, with its envelope, one transaction for all recipients; a recipient
+refused for now is tried again alone, one refused for good comes back to the sender as a delivery report, as
+does all mail after a time limit; mail waits in the Outbox while the server is down; a kill -9 during a relay
+delivers once; TLS and a log-in with a checked certificate. And mail the server delivers into an account's
+Maildir is mail the gateway serves."""
 
-import base64
 import email
 import os
-import poplib
 import re
-import subprocess
 import tempfile
+import time
 import unittest
 import urllib.request
 
 import mail_server
-from tarnwick_testing import HOST, Stack, binary, free_port, stop_process, wait_for
+import smtp_clients as C
+from tarnwick_testing import HOST, Stack, Webmail, fetch, free_port, wait_for
 
 SENDER = "sam@tarnwick.local"
-REFUSAL = "550 5.1.1 no such user here"
 RETRY = ["--relay-retry", "1s,2s"]
 SKIP = mail_server.unavailable()
-
-mx = None
-stack = None
-work = None
+mx = stack = work = None
 
 
 def setUpModule():
@@ -33,68 +28,38 @@ def setUpModule():
     if SKIP:
         raise unittest.SkipTest(SKIP)
     work = tempfile.TemporaryDirectory(prefix="tarnwick-relay-")
+    unittest.addModuleCleanup(work.cleanup)
     os.chmod(work.name, 0o711)  # for Postfix's own user
     mx = mail_server.Postfix(os.path.join(work.name, "mx"),
-                             mailboxes={"someone@example.test": "someone/", "another@example.test": "another/"},
-                             refused={"refuse@example.test": REFUSAL})
+                             mailboxes={"someone@example.test": "someone/", "another@example.test": "another/"})
+    unittest.addModuleCleanup(mx.stop)
     mx.start()
     stack = Stack(webmail_args=["--relay", mx.url()] + RETRY)
+    unittest.addModuleCleanup(stack.stop)
     stack.store.add_user("sam", "sam-pw")
     stack.store.add_user("lena", "lena-pw")
     stack.start()
     fetch(stack, "sam", "sam-pw")  # the gateway sends with the credentials of the last fetch
 
 
-def tearDownModule():
-    try:
-        if stack:
-            stack.stop()
-    finally:
-        try:
-            if mx:
-                mx.stop()
-        finally:
-            if work:
-                work.cleanup()
-
-
 def relay_to_mx_again():
-    """A test's clean-up after it pointed tarnwick-webmail at another relay."""
     stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
 
 
-def fetch(stack, user, password):
-    """Every message of the user's inbox, fetched through the gateway (without the gateway's own line)."""
-    stack.wait_listening(stack.pop3_port)
-    pop = poplib.POP3(HOST, stack.pop3_port, timeout=60)
-    pop.user(user)
-    pop.pass_(password)
-    count = pop.stat()[0]
-    messages = [b"\r\n".join(pop.retr(i + 1)[1][1:]) + b"\r\n" for i in range(count)]
-    pop.quit()
-    return messages
-
-
-def send(recipients, message):
+def send(recipients, text):
     """Sends with msmtp through the gateway's SMTP server, as a mail reader's user would."""
-    stack.wait_listening(stack.smtp_port)
-    result = subprocess.run(["msmtp", "--file=/dev/null", "--host=" + HOST, "--port=%d" % stack.smtp_port,
-                             "--tls=off", "--auth=off", "--from=" + SENDER, "--"] + recipients,
-                            input=message, capture_output=True, timeout=60)
-    if result.returncode != 0:
-        raise AssertionError("msmtp failed: %r" % (result.stdout + result.stderr))
+    sent = C.send(stack, "msmtp", SENDER, recipients, text)
+    if not sent.ok:
+        raise AssertionError(sent)
 
 
 def post(recipients, text):
-    """Posts straight to tarnwick-webmail's send address, as the gateway does, with any number of recipients."""
-    body = b"MAIL FROM:<sam@tarnwick.local>\r\n" + b"".join(b"RCPT TO:<%s>\r\n" % r.encode() for r in recipients)
+    """Posts to tarnwick-webmail's send address as the gateway does, but with several recipients."""
+    body = b"MAIL FROM:<%s>\r\n" % SENDER.encode() + b"".join(b"RCPT TO:<%s>\r\n" % r.encode() for r in recipients)
     request = urllib.request.Request("http://%s:%d/mail/sam/sendmsg" % (HOST, stack.service_port),
-                                     data=body + b"\r\n" + text + b".\r\n",
-                                     headers={"Content-Type": "message/rfc821", "Authorization": "Basic "
-                                              + base64.b64encode(b"sam:sam-pw").decode()})
-    with urllib.request.urlopen(request, timeout=30) as reply:
-        if reply.status != 200:
-            raise AssertionError("POST answered %d" % reply.status)
+                                     data=body + b"\r\n" + text + b".\r\n", headers={
+                                         "Content-Type": "message/rfc821", "Authorization": "Basic c2FtOnNhbS1wdw=="})
+    urllib.request.urlopen(request, timeout=30).close()  # raises unless 2xx
 
 
 def message(subject):
@@ -109,8 +74,12 @@ def outbox():
     return stack.store.folder_messages("sam", "Outbox")
 
 
-def sent_copy(subject):
-    return [m for m in stack.store.folder_messages("sam", "Sent Items") if b"Subject: " + subject.encode() in m]
+def wait_outbox_empty():
+    wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+
+
+def inbox_with(subject):
+    return [m for m in stack.store.folder_messages("sam") if b"Subject: " + subject in m]
 
 
 def split_trace(delivered):
@@ -124,7 +93,7 @@ def split_trace(delivered):
 
 
 def webmail_log_count(text):
-    return stack.webmail_output().count(text)
+    return stack.webmail.output().count(text)
 
 
 class Relay(unittest.TestCase):
@@ -133,70 +102,60 @@ class Relay(unittest.TestCase):
         text = message("Out into the world")
         send(["someone@example.test"], text)
         (delivered,) = mx.wait_delivered("someone@example.test", b"Subject: Out into the world", 20)
-        sender, recipient, rest = split_trace(delivered)
-        self.assertEqual((sender, recipient), (SENDER, "someone@example.test"))
+        self.assertEqual(split_trace(delivered)[:2], (SENDER, "someone@example.test"))
         # Postfix stores lines with LF; otherwise the text is the Sent Items copy, tarnwick-webmail's trace
         # field and all, and it ends with exactly what msmtp sent.
-        (copy,) = sent_copy("Out into the world")
-        self.assertEqual(rest, copy.replace(b"\r\n", b"\n"))
-        self.assertTrue(rest.endswith(text.replace(b"\r\n", b"\n")))
-        self.assertNotIn(b"X-Tarnwick-Envelope", rest)
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        (copy,) = [m for m in stack.store.folder_messages("sam", "Sent Items") if b"Out into the world" in m]
+        self.assertEqual(split_trace(delivered)[2], copy.replace(b"\r\n", b"\n"))
+        self.assertTrue(copy.endswith(text))
+        wait_outbox_empty()
 
-    def test_1b_every_recipient_in_one_transaction(self):
-        # The gateway passes on one recipient per message; a client of the service's own send address may
-        # give several.
-        post(["someone@example.test", "another@example.test", "lena@tarnwick.local"], message("To two of them"))
-        for address in ("someone@example.test", "another@example.test"):
-            with self.subTest(address):
-                mail = mx.wait_delivered(address, b"Subject: To two of them", 20)
-                self.assertEqual(len(mail), 1)
-                self.assertEqual(split_trace(mail[0])[:2], (SENDER, address))
-        self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
-        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test> via"), 1)
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-
-    def test_1d_a_recipient_refused_for_now_is_tried_alone_again(self):
+    def test_1b_one_transaction_for_all_and_a_recipient_refused_for_now_is_tried_alone_again(self):
         mx.refused["busy@example.test"] = "450 4.2.0 mailbox busy"
         mx.stop()
         mx.start()
         try:
-            post(["someone@example.test", "busy@example.test"], message("Partly"))
-            mx.wait_delivered("someone@example.test", b"Subject: Partly", 20)
+            post(["someone@example.test", "another@example.test", "busy@example.test"], message("Partly"))
+            for address in ("someone@example.test", "another@example.test"):
+                self.assertEqual(split_trace(mx.wait_delivered(address, b"Subject: Partly", 20)[0])[:2],
+                                 (SENDER, address))
             wait_for(lambda: webmail_log_count("sending to <busy@example.test> via") >= 1, 20, "a second attempt")
             self.assertIn("deferred <busy@example.test>: 450 4.2.0 <busy@example.test>: Recipient address "
-                          "rejected: mailbox busy", stack.webmail_output())
+                          "rejected: mailbox busy", stack.webmail.output())
         finally:
             del mx.refused["busy@example.test"]
             mx.stop()
             mx.start()
-        # Now the server knows no such mailbox: the report comes, the Outbox empties, and the recipient
-        # delivered at the first attempt got the message once.
-        wait_for(lambda: any(b"Final-Recipient: rfc822; busy@example.test" in m
-                             for m in stack.store.folder_messages("sam")), 20, "the report for busy@")
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <busy@example.test> via"), 1)
-        self.assertEqual(len(mx.wait_delivered("someone@example.test", b"Subject: Partly", 1)), 1)
+        # Now the server knows no such mailbox: the report comes back, fetched through the gateway, and the
+        # others got the message once, in one transaction.
+        wait_for(lambda: inbox_with(b"Partly"), 20, "the report for busy@")
+        wait_outbox_empty()
+        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"Subject: Partly" in m]
+        parsed = email.message_from_bytes(report.split(b"\r\n", 1)[1])
+        self.assertEqual(parsed.get_content_type(), "multipart/report")
+        _, status, headers = parsed.get_payload()
+        fields = dict(item for block in status.get_payload() for item in block.items())
+        self.assertEqual((fields["Final-Recipient"], fields["Action"], fields["Status"]),
+                         ("rfc822; busy@example.test", "failed", "5.1.1"))
+        self.assertTrue(fields["Diagnostic-Code"].startswith("smtp; 550 5.1.1 <busy@example.test>: "), fields)
+        self.assertIn("Message-ID: <Partly@tarnwick.local>", headers.get_payload())
+        self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
+        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test>, "
+                                           "<busy@example.test> via"), 1)
+        self.assertEqual(len(mx.wait_delivered("another@example.test", b"Subject: Partly", 1)), 1)
 
     def test_1c_a_second_service_on_the_same_store_leaves_the_queue_alone(self):
-        log = os.path.join(work.name, "second-webmail.err")
-        with open(log, "wb") as err:
-            second = subprocess.Popen([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store",
-                                       stack.store.root, "--listen", HOST + ":0", "--relay", mx.url()] + RETRY,
-                                      stdout=subprocess.DEVNULL, stderr=err, stdin=subprocess.DEVNULL)
-        try:
-            wait_for(lambda: b"another process runs this store's queue" in open(log, "rb").read(), 20,
-                     "the second service to find the queue taken")
-            for n in range(5):
-                post(["someone@example.test"], message("Twice started %d" % n))
-            for n in range(5):
-                mx.wait_delivered("someone@example.test", b"Subject: Twice started %d" % n, 20)
-            wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-            mail_server.settle(2)  # passes of both services
-            self.assertEqual(sum(b"Subject: Twice started" in m for m in mx.delivered("someone@example.test")), 5)
-        finally:
-            stop_process(second)
-        self.assertNotIn(b"sending to", open(log, "rb").read())
+        second = Webmail(work.name, "second", stack.store.root, ["--relay", mx.url()] + RETRY)
+        self.addCleanup(second.stop)
+        wait_for(lambda: "another process runs this store's queue" in second.output(), 20, "the queue found taken")
+        for n in range(5):
+            post(["someone@example.test"], message("Twice started %d" % n))
+        for n in range(5):
+            mx.wait_delivered("someone@example.test", b"Subject: Twice started %d" % n, 20)
+        wait_outbox_empty()
+        time.sleep(2)  # passes of both services
+        self.assertEqual(sum(b"Subject: Twice started" in m for m in mx.delivered("someone@example.test")), 5)
+        self.assertNotIn("sending to", second.output())
 
     def test_2_waits_while_the_mail_server_is_down_then_goes_out(self):
         mx.stop()
@@ -204,59 +163,25 @@ class Relay(unittest.TestCase):
             send(["someone@example.test"], message("While you were out"))
             wait_for(lambda: webmail_log_count("deferred <someone@example.test>") >= 1, 20, "a deferral")
             self.assertEqual(len(outbox()), 1)
-            self.assertIn(b"Subject: While you were out", outbox()[0])
         finally:
             mx.start()
         # The pauses are 1 s then 2 s: the next attempt comes within a few seconds of the server's start.
-        delivered = mx.wait_delivered("someone@example.test", b"Subject: While you were out", 10)
-        self.assertEqual(len(delivered), 1)
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        self.assertEqual(len(mx.wait_delivered("someone@example.test", b"Subject: While you were out", 10)), 1)
+        wait_outbox_empty()
 
-    def test_3_refused_recipient_comes_back_as_a_delivery_report(self):
-        send(["refuse@example.test"], message("To nobody"))
-        wait_for(lambda: any(b"Subject: To nobody" in m for m in stack.store.folder_messages("sam")), 20,
-                 "a delivery report in sam's inbox")
-        self.assertEqual(outbox(), [])
-        (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"Subject: To nobody" in m]
-        parsed = email.message_from_bytes(report)
-        self.assertEqual(parsed.get_content_type(), "multipart/report")
-        self.assertEqual(parsed.get_param("report-type"), "delivery-status")
-        self.assertEqual(parsed["To"], "<sam@tarnwick.local>")
-        explanation, status, headers = parsed.get_payload()
-        self.assertIn("refuse@example.test", explanation.get_payload())
-        self.assertEqual(status.get_content_type(), "message/delivery-status")
-        fields = {}
-        for block in status.get_payload():
-            fields.update(block.items())
-        self.assertEqual(fields["Final-Recipient"], "rfc822; refuse@example.test")
-        self.assertEqual(fields["Action"], "failed")
-        self.assertEqual(fields["Status"], "5.1.1")
-        self.assertEqual(fields["Diagnostic-Code"],
-                         "smtp; 550 5.1.1 <refuse@example.test>: Recipient address rejected: no such user here")
-        self.assertEqual(headers.get_content_type(), "text/rfc822-headers")
-        original = headers.get_payload()
-        self.assertIn("Subject: To nobody", original)
-        self.assertIn("Message-ID: <To-nobody@tarnwick.local>", original)
-        self.assertNotIn("Hello out there", original)
-
-    def test_3b_unreachable_the_queue_waits_then_returns_everything_after_the_time_limit(self):
-        nowhere = "smtp://%s:%d" % (HOST, free_port())  # nothing listens there
+    def test_3_unreachable_the_queue_waits_then_returns_everything_after_the_time_limit(self):
         self.addCleanup(relay_to_mx_again)
-        stack.restart_webmail(webmail_args=["--relay", nowhere, "--relay-retry", "1s,1s", "--relay-give-up", "3s"])
+        stack.restart_webmail(webmail_args=["--relay", "smtp://%s:%d" % (HOST, free_port()), "--relay-retry",
+                                            "1s,1s", "--relay-give-up", "3s"])
         for n in range(4):
             post(["late%d@example.test" % n], message("Too late %d" % n))
-
-        def reports():
-            return [m for m in stack.store.folder_messages("sam") if b"Subject: Too late" in m]
-
-        wait_for(lambda: len(reports()) == 4, 20, "four reports")
+        wait_for(lambda: len(inbox_with(b"Too late")) == 4, 20, "four reports")
         self.assertEqual(outbox(), [])
-        (first,) = [m for m in reports() if b"Subject: Too late 0" in m]
+        (first,) = inbox_with(b"Too late 0")
         self.assertIn(b"<late0@example.test>: not delivered within 3 seconds; last attempt: Failed to connect",
                       first)
-        self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n",
-                      first)
-        log = stack.webmail_output()
+        self.assertIn(b"Final-Recipient: rfc822; late0@example.test\r\nAction: failed\r\nStatus: 4.4.7\r\n", first)
+        log = stack.webmail.output()
         self.assertGreaterEqual(log.count("sending to <late0@example.test>"), 2)
         # The first message probed the relay; the others waited with it (one of them may have probed once,
         # after the first was returned) instead of each trying on its own.
@@ -270,17 +195,15 @@ class Relay(unittest.TestCase):
         self.addCleanup(relay_to_mx_again)
         stack.restart_webmail(webmail_args=["--relay", slow.url()] + RETRY)
         send(["late@example.test"], message("Killed midway"))
-        wait_for(lambda: webmail_log_count("sending to <late@example.test>") >= 1, 20, "the relay to start")
-        # The server has taken the recipient (its queue file is open) and waits 4 s before it answers
-        # DATA: the relay is under way.
-        wait_for(lambda: re.search(r": client=localhost", slow.log()), 10, "the recipient taken")
-        mail_server.settle(1)
+        # The server has taken the recipient and waits 4 s before it answers DATA: the relay is under way.
+        wait_for(lambda: re.search(r": client=localhost", slow.log()), 20, "the recipient taken")
+        time.sleep(1)
         stack.restart_webmail(kill=True)
         slow.wait_delivered("late@example.test", b"Subject: Killed midway", 20)
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
-        mail_server.settle(5)  # longer than a second transfer would take
+        wait_outbox_empty()
+        time.sleep(5)  # longer than a second transfer would take
         self.assertEqual(len(slow.delivered("late@example.test")), 1)
-        self.assertIn("an attempt was cut short", stack.webmail_output())
+        self.assertIn("an attempt was cut short", stack.webmail.output())
 
     def test_5_mail_server_delivers_into_an_account_and_the_gateway_serves_it(self):
         # Postfix will not deliver as root: the account's tree belongs to nobody, the folders above it may be
@@ -295,20 +218,14 @@ class Relay(unittest.TestCase):
         inbound.start()
         self.addCleanup(inbound.stop)
         text = message("From the world").replace(b"To: someone@example.test", b"To: lena@tarnwick.local")
-        with subprocess.Popen(["swaks", "--server", HOST, "--port", str(inbound.port), "--from",
-                               "someone@example.test", "--to", "lena@tarnwick.local", "--data", "-"],
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as p:
-            out = p.communicate(text[:-2], timeout=60)[0]  # swaks ends the last line itself
-        self.assertEqual(p.returncode, 0, out)
+        sent = C.with_swaks(inbound.port, "someone@example.test", ["lena@tarnwick.local"], text)
+        self.assertTrue(sent.ok, sent)
         inbound.wait_delivered("lena@tarnwick.local", b"Subject: From the world", 20)
         (fetched,) = [m for m in fetch(stack, "lena", "lena-pw") if b"Subject: From the world" in m]
-        _, recipient, rest = split_trace(fetched.replace(b"\r\n", b"\n"))
+        _, recipient, rest = split_trace(fetched.split(b"\r\n", 1)[1].replace(b"\r\n", b"\n"))
         self.assertEqual(recipient, "lena@tarnwick.local")
         # Postfix stored LF line ends; the gateway serves the file's last bare LF with a line break of its own.
         self.assertEqual(rest.rstrip(b"\n"), text.replace(b"\r\n", b"\n").rstrip(b"\n"))
-
-
-class SecureRelay(unittest.TestCase):
 
     def test_6_tls_and_login_with_a_checked_certificate(self):
         secure = mail_server.Postfix(os.path.join(work.name, "secure"), mailboxes={"safe@example.test": "safe/"},
@@ -323,7 +240,7 @@ class SecureRelay(unittest.TestCase):
         # The system's authorities do not know the server's certificate: the message waits.
         stack.restart_webmail(webmail_args=["--relay", secure.url(), "--relay-auth", auth] + RETRY)
         send(["safe@example.test"], message("Safe 0"))
-        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail_output()), 20,
+        wait_for(lambda: re.search(r"deferred <safe@example\.test>: .*certificate", stack.webmail.output()), 20,
                  "a deferral for the unknown certificate")
         self.assertEqual(secure.delivered("safe@example.test"), [])
         for n, url in enumerate((secure.url(), secure.url(tls_from_the_start=True)), 1):
@@ -337,11 +254,11 @@ class SecureRelay(unittest.TestCase):
                 # Postfix's trace field: ESMTPSA is ESMTP with TLS and a log-in.
                 self.assertRegex(mail, rb"\(Authenticated sender: relayuser@example\.test\)\n"
                                        rb"\tby mx\.example\.test \(Postfix\) with ESMTPSA")
-        self.assertIn("> AUTH ...", stack.webmail_output())
-        self.assertNotIn("s3cret", stack.webmail_output())
+        self.assertIn("> AUTH ...", stack.webmail.output())
+        self.assertNotIn("s3cret", stack.webmail.output())
         logins = re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())
         self.assertEqual(len(logins), 3)
-        wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+        wait_outbox_empty()
 
 
 if __name__ == "__main__":

@@ -1,6 +1,6 @@
-"""A scripted stand-in for the web mail service on 127.0.0.1: it answers the gateway's log-in, folder
-listing, inbox listing, message fetches and moves with fixed, well-formed replies, except where a test has
-scripted a failure for the next request of one kind. Runs in a thread of the test process."""
+"""A scripted stand-in for the web mail service on 127.0.0.1, in a thread of the test process: it answers the
+gateway's log-in, folder listing, inbox listing, message fetches and moves with fixed, well-formed replies,
+except where a failure is scripted for the next request of one kind."""
 
 import http.server
 import socket
@@ -13,11 +13,9 @@ INBOX = [
 ]
 ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
 
-# Failures a test can script for the next request of a kind ("login", "folders", "inbox", "get", "bmove").
+# Failures for the next request of a kind ("login", "folders", "inbox", "get", "bmove", "post").
 DROP = "drop"                        # reply headers and part of the body, then the connection closes
-ERROR_500 = "500"                    # status 500, an HTML page, with an X-Dav-Error header
 ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
-TRUNCATED = "truncated"              # status 200 with X-Dav-Error, the XML cut off half-way
 SILENT = "silent"                    # reads the request, then says nothing and keeps the connection open
 STALL_MID_BODY = "stall mid-body"    # reply headers and half the body, then nothing, the connection kept open
 ENDLESS = "endless"                  # reply headers, then body bytes for ever (chunked, no end)
@@ -47,8 +45,7 @@ class ScriptedService:
         self._server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
         self._server.daemon_threads = True
         self.port = self._server.server_address[1]
-        self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
-        self._thread.start()
+        threading.Thread(target=self._server.serve_forever, daemon=True).start()
 
     def stop(self):
         self._stop.set()
@@ -65,13 +62,6 @@ class ScriptedService:
         with self._lock:
             self._failures[kind] = failure
 
-    # -- replies
-
-    def _kind(self, method, path):
-        if method == "PROPFIND":
-            return {"/svcs/hotmail/tarnwick.asp": "login", "/folders/": "folders"}.get(path, "inbox")
-        return method.lower()
-
     def _hold(self, h):
         """Keeps the connection open and silent until the client gives up (or the service stops)."""
         h.close_connection = True
@@ -85,75 +75,59 @@ class ScriptedService:
             except OSError:
                 return
 
-    def _endless(self, h):
-        h.send_response(200)
-        h.send_header("X-Dav-Error", "200 No error")
-        h.send_header("Transfer-Encoding", "chunked")
+    def _headers(self, h, status=200, length=None, dav=True, chunked=False):
+        h.send_response(status)
+        if dav:
+            h.send_header("X-Dav-Error", "200 No error")
+        if chunked:
+            h.send_header("Transfer-Encoding", "chunked")
+        else:
+            h.send_header("Content-Length", str(length))
         h.end_headers()
-        chunk = b"%x\r\n%s\r\n" % (1 << 16, b"x" * (1 << 16))
-        h.close_connection = True
-        while not self._stop.is_set():
-            try:
-                h.wfile.write(chunk)
-            except OSError:
-                return
-            with self._lock:
-                self.endless_sent += 1 << 16
 
     def _answer(self, h):
-        kind = self._kind(h.command, h.path)
+        kind = h.command.lower()
+        if h.command == "PROPFIND":
+            kind = {"/svcs/hotmail/tarnwick.asp": "login", "/folders/": "folders"}.get(h.path, "inbox")
         with self._lock:
             failure = self._failures.pop(kind, None)
-        length = int(h.headers.get("Content-Length") or 0)
         if failure == SLOW_READ:
             # A few bytes a second while the client keeps sending, then nothing: the client's send stalls.
             h.connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
             for _ in range(3):
                 h.rfile.read(16)
                 time.sleep(0.5)
-            return self._hold_unread(h)
-        if length:
-            h.rfile.read(length)
+            h.close_connection = True
+            return self._stop.wait()
+        h.rfile.read(int(h.headers.get("Content-Length") or 0))
         body = self._body(kind, h.path)
         if failure == SILENT:
             return self._hold(h)
         if failure == ENDLESS:
-            return self._endless(h)
-        if failure == STALL_MID_BODY:
-            h.send_response(200)
-            h.send_header("X-Dav-Error", "200 No error")
-            h.send_header("Content-Length", str(len(body)))
-            h.end_headers()
-            h.wfile.write(body[: len(body) // 2])
-            h.wfile.flush()
-            return self._hold(h)
-        if failure == DROP:
-            h.send_response(200)
-            h.send_header("X-Dav-Error", "200 No error")
-            h.send_header("Content-Length", str(len(body) + 1000))
-            h.end_headers()
-            h.wfile.write(body[: len(body) // 2])
-            h.wfile.flush()
+            self._headers(h, chunked=True)
             h.close_connection = True
-            h.connection.shutdown(socket.SHUT_RDWR)
+            while not self._stop.is_set():
+                try:
+                    h.wfile.write(b"%x\r\n%s\r\n" % (1 << 16, b"x" * (1 << 16)))
+                except OSError:
+                    return
+                with self._lock:
+                    self.endless_sent += 1 << 16
             return
-        status, dav = 200, True
-        if failure in (ERROR_500, ERROR_500_NO_DAV):
-            status, body, dav = 500, ERROR_PAGE, failure == ERROR_500
-        elif failure == TRUNCATED:
-            body = body[: len(body) // 2]
-        h.send_response(status)
-        if dav:
-            h.send_header("X-Dav-Error", "200 No error" if status == 200 else "500 Internal error")
-        h.send_header("Content-Type", "text/html" if status == 500 else "text/xml")
-        h.send_header("Content-Length", str(len(body)))
-        h.end_headers()
+        if failure in (STALL_MID_BODY, DROP):
+            # Half the body of a longer one, then silence with the connection open, or the connection closed.
+            self._headers(h, length=len(body) + (1000 if failure == DROP else 0))
+            h.wfile.write(body[: len(body) // 2])
+            h.wfile.flush()
+            if failure == STALL_MID_BODY:
+                return self._hold(h)
+            h.close_connection = True
+            return h.connection.shutdown(socket.SHUT_RDWR)
+        if failure == ERROR_500_NO_DAV:
+            self._headers(h, 500, len(ERROR_PAGE), dav=False)
+            return h.wfile.write(ERROR_PAGE)
+        self._headers(h, length=len(body))
         h.wfile.write(body)
-
-    def _hold_unread(self, h):
-        """Keeps the connection open and reads nothing more, so that the client's sending stalls."""
-        h.close_connection = True
-        self._stop.wait()
 
     def _body(self, kind, path):
         b = self.base()
@@ -180,9 +154,6 @@ class ScriptedService:
             return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:m="urn:m" xmlns:h="urn:h" '
                     'xmlns:hm="urn:schemas:tarnwick:">%s</D:multistatus>' % entries).encode()
         if kind == "get":
-            for i, text in INBOX:
-                if path == "/inbox/" + i:
-                    return text
-            return b"not found\r\n"
+            return dict(("/inbox/" + i, text) for i, text in INBOX).get(path, b"not found\r\n")
         # BMOVE, PROPPATCH, POST: a multistatus that says yes.
         return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'

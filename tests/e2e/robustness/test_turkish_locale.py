@@ -1,7 +1,5 @@
-"""Command words in lower case under LC_ALL=tr_TR.UTF-8. That locale's case rules upper-case "i" to a dotted
-capital (or leave it alone in a single byte), so any locale-dependent case mapping of a command word turns
-"quit" into something that is not QUIT. The gateway and tarnwick-webmail both run under the locale; the
-mail reader's words must be read exactly as their upper-case forms are."""
+"""Command words in lower case under LC_ALL=tr_TR.UTF-8, whose case rules do not map "i" to "I": the gateway
+(and tarnwick-webmail) run under the locale, and each word must get the answer its upper-case form gets."""
 
 import os
 import subprocess
@@ -35,7 +33,6 @@ def tearDownModule():
 class TurkishLocale(unittest.TestCase):
 
     def same_answers(self, port, greeting, commands):
-        """Each command in lower case gets the answer its upper-case word gets, on one connection."""
         c = stack.client(port)
         self.addCleanup(c.close)
         self.assertEqual(c.line(), greeting)

@@ -1,201 +1,257 @@
-"""Drives a running tarnwick-webmail on an ephemeral loopback port: what only the HTTP server decides (start-up,
-log, challenges, body limits, paths as sent, connection limits). Bytes as served, Digest and concurrent clients
-are proved with the gateway against it in tests/e2e."""
+"""tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
+(challenges, the log, body and connection limits, paths as sent, the trusted reverse proxy), messages served
+whole over HTTP and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, and its options' refusals. The service's
+answers to the gateway are proved with the gateway in tests/e2e."""
+
 import base64
 import http.client
 import os
-import select
-import signal
+import shutil
 import socket
+import ssl
 import subprocess
 import tempfile
 import unittest
-from xml.dom import minidom
+import warnings
 
-BINARY = os.environ.get("TARNWICK_WEBMAIL", "tarnwick-webmail")
-ENTRY = "/svcs/hotmail/tarnwick.asp"
+from proxy_testing import make_certificates
+from tarnwick_testing import HOST, SERVICE_PATH, Webmail, binary, read_file
+
+BINARY = binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail")
 LOGIN_HEADER = ("<?xml version='1.0'?><D:propfind xmlns:D='DAV:' xmlns:h='http://schemas.tarnwick.invalid/hotmail/' "
                 "xmlns:hm='urn:schemas:tarnwick:'><D:prop><h:adbar/><hm:contacts/><hm:inbox/><hm:outbox/><hm:sendmsg/>"
                 "<hm:sentitems/><hm:deleteditems/><hm:drafts/><hm:msgfolderroot/><h:maxpoll/><h:sig/></D:prop></D:propfind>")
+DEMO = "Basic " + base64.b64encode(b"demo:demo").decode()
 
 
-class Service:
-    """One tarnwick-webmail process over a fresh store, with accounts demo (sample mail), ann and bob."""
+def basic(name, password):
+    return "Basic " + base64.b64encode(("%s:%s" % (name, password)).encode()).decode()
 
-    def __init__(self, *extra):
-        self.tmp = tempfile.TemporaryDirectory(prefix="tarnwick-webmail-")
-        self.store = self.tmp.name
-        for name in ("ann", "bob"):
-            subprocess.run([BINARY, "--store", self.store, "--add-user", name, name + "-pw"], check=True,
-                           stdout=subprocess.DEVNULL)
-        self.log = open(os.path.join(self.tmp.name, "service.log"), "w+b")
-        self.proc = subprocess.Popen([BINARY, "--store", self.store, "--demo", "--listen", "127.0.0.1:0", *extra],
-                                     stdout=subprocess.PIPE, stderr=self.log)
-        ready, _, _ = select.select([self.proc.stdout], [], [], 10)
-        line = self.proc.stdout.readline().decode() if ready else ""
-        if not line.startswith("listening on 127.0.0.1:"):
-            self.proc.kill()
-            raise RuntimeError("no startup line, got %r" % line)
-        self.port = int(line.strip().rsplit(":", 1)[1])
 
-    def stop(self):
-        """Stops the process by its pid with SIGTERM; returns its exit status."""
-        if self.proc.poll() is None:
-            os.kill(self.proc.pid, signal.SIGTERM)
-        status = self.proc.wait(10)
-        self.proc.stdout.close()
-        self.log.close()
-        self.tmp.cleanup()
-        return status
+class Service(unittest.TestCase):
+    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, ann), stopped by
+    SIGTERM at its end with status 0."""
+    args = ("--max-message-size", "4096", "--idle-timeout", "3", "--max-connections", "4",
+            "--max-connections-per-address", "3", "--trusted-proxy", "127.0.0.1")
+    host = HOST
 
-    def request(self, method, path, body=None, headers=None, user="demo"):
-        """One request with Basic credentials (password: "demo" for demo, NAME-pw for the others, or
-        user=(name, password)); returns (status, headers, body bytes)."""
-        headers = dict(headers or {})
-        if user is not None:
-            name, password = user if isinstance(user, tuple) else (user, "demo" if user == "demo" else user + "-pw")
-            headers["Authorization"] = "Basic " + base64.b64encode(("%s:%s" % (name, password)).encode()).decode()
-        conn = http.client.HTTPConnection("127.0.0.1", self.port, timeout=10)
+    def setUp(self):
+        tmp = tempfile.TemporaryDirectory(prefix="tarnwick-webmail-")
+        self.addCleanup(tmp.cleanup)
+        self.dir, self.store = tmp.name, os.path.join(tmp.name, "store")
+        subprocess.run([BINARY, "--store", self.store, "--add-user", "ann", "ann-pw"], check=True,
+                       stdout=subprocess.DEVNULL)
+        self.webmail = Webmail(self.dir, "webmail", self.store, ["--demo", *self.args], host=self.host)
+        self.port = self.webmail.port
+
+    def tearDown(self):
+        self.assertEqual(self.webmail.stop(), 0)
+
+    def connect(self, source=HOST):
+        return http.client.HTTPConnection(HOST, self.port, timeout=10, source_address=(source, 0))
+
+    def request(self, method, path, body=None, headers=None, auth=DEMO, conn=None):
+        """One request on a connection of its own (or `conn`); returns (status, headers, body bytes)."""
+        conn = conn or self.connect()
+        headers = dict(headers or {}, **({"Authorization": auth} if auth else {}))
         try:
-            conn.putrequest(method, path, skip_accept_encoding=True)
-            for name, value in headers.items():
-                conn.putheader(name, value)
-            data = body.encode() if isinstance(body, str) else body
-            if data is not None:
-                conn.putheader("Content-Length", str(len(data)))
-            conn.endheaders(data)
+            conn.request(method, path, body.encode() if isinstance(body, str) else body, headers)
             reply = conn.getresponse()
             return reply.status, reply.headers, reply.read()
         finally:
             conn.close()
 
-    def served(self, user, folder="INBOX"):
-        """The listed sizes and the GET bodies of every message of one folder."""
-        status, _, body = self.request("PROPFIND", "/mail/%s/folders/%s/" % (user, folder), user=user)
-        assert status == 207, status
-        doc = minidom.parseString(body)
-        sizes = [int(n.firstChild.data) for n in doc.getElementsByTagName("D:getcontentlength")]
-        ids = [n.firstChild.data for n in doc.getElementsByTagName("D:id")]
-        return sizes, [self.request("GET", "/mail/%s/folders/%s/%s" % (user, folder, i), user=user)[2] for i in ids]
+    def login(self, auth=DEMO, headers=None, conn=None):
+        return self.request("PROPFIND", SERVICE_PATH, None, dict(headers or {}, PROPFIND=LOGIN_HEADER), auth, conn)
+
+    def assert_messages_come_whole(self, connect):
+        """GETs of messages small and large (read whole, sent from the descriptor, read in pieces), either side of
+        the size up to which a message is read whole, and with bare LF line ends (served as CR LF)."""
+        big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
+        cases = [("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big)]
+        for n, size in ((3, 64 * 1024), (4, 64 * 1024 + 1), (5, 20)):
+            text = b"Subject: s\r\n\r\n" + b"x" * (size - 17) + b"\r\n"
+            cases.append(("%d.sized.host" % n, text, text))
+        for name, stored, served in cases:
+            with self.subTest(name=name):
+                with open(os.path.join(self.store, "demo", "cur", name + ":2,S"), "wb") as f:
+                    f.write(stored)
+                status, headers, body = self.request("GET", "/mail/demo/folders/INBOX/" + name, conn=connect())
+                self.assertEqual((status, int(headers["Content-Length"])), (200, len(served)))
+                self.assertEqual(body, served)
 
 
-class ServiceCase(unittest.TestCase):
-    extra_args = ()
+class HttpTest(Service):
 
-    def setUp(self):
-        self.svc = Service(*self.extra_args)
-
-    def tearDown(self):
-        self.assertEqual(self.svc.stop(), 0)
-
-    def post(self, user, text):
-        return self.svc.request("POST", "/mail/%s/sendmsg" % user, text, {"Content-Type": "message/rfc821"}, user)
-
-
-class StartupTest(ServiceCase):
-    def test_prints_bound_port_logs_each_request_without_password_and_stops_on_sigterm(self):
-        self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER}, user=("demo", "not-the-password"))
-        self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER})[0], 207)
-        with open(self.svc.log.name, "rb") as f:
-            log = f.read().decode(errors="replace")
+    def test_refusals_carry_both_challenges_and_the_log_names_the_user_but_no_password(self):
+        for auth in (basic("demo", "not-the-password"), basic("nobody", "demo"), None, basic("demo", "")):
+            status, headers, _ = self.login(auth)
+            self.assertEqual((status, headers["X-Dav-Error"]), (401, "401 Authentication required"), auth)
+            self.assertEqual([c.split()[0] for c in headers.get_all("WWW-Authenticate")], ["Basic", "Digest"])
+        self.assertEqual(self.login()[0], 207)
+        log = self.webmail.output()
         self.assertIn("PROPFIND /svcs/hotmail/tarnwick.asp 401", log)
         self.assertRegex(log, r"PROPFIND /svcs/hotmail/tarnwick.asp 207 \d+ demo")
         self.assertNotIn("not-the-password", log)
 
-
-class AuthTest(ServiceCase):
-    def test_refusals_carry_both_challenges_and_x_dav_error(self):
-        for user in (("demo", "wrong"), ("nobody", "demo"), None, ("demo", "")):
-            status, headers, _ = self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER}, user=user)
-            self.assertEqual((status, headers["X-Dav-Error"]), (401, "401 Authentication required"), user)
-            self.assertEqual([c.split()[0] for c in headers.get_all("WWW-Authenticate")], ["Basic", "Digest"])
-
-
-class RefusalTest(ServiceCase):
-    extra_args = ("--max-message-size", "4096")
-
     def test_paths_outside_the_account_are_never_served(self):
         # Sent as they are: the server must not decode an escaped slash or dot before the router sees the path.
-        for path in ("/mail/demo/folders/INBOX/..%2F..%2F..%2Fpasswd", "/mail/demo/folders/..%2F..%2Fpasswd/",
-                     "/mail/demo/../../passwd", "/mail/demo/folders/%2e%2e/%2e%2e/passwd",
-                     "/mail/demo/folders/INBOX/%2Fetc%2Fpasswd", "/mail/demo/folders/.Sent%20Items/",
-                     "/mail/demo/folders/INBOX/cur/", "/mail/demo/folders/INBOX%00/", "/mail/ann/folders/INBOX/",
-                     "/mail/..%2Fpasswd/folders/INBOX/", "/passwd"):
-            status, headers, body = self.svc.request("GET", path)
+        for path in ("/mail/demo/folders/INBOX/..%2F..%2F..%2Fpasswd", "/mail/demo/../../passwd",
+                     "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/demo/folders/INBOX/%2Fetc%2Fpasswd",
+                     "/mail/demo/folders/INBOX%00/", "/mail/ann/folders/INBOX/", "/mail/..%2Fpasswd/folders/INBOX/"):
+            status, headers, body = self.request("GET", path)
             self.assertIn(status, (403, 404, 405), path)
             self.assertIn("X-Dav-Error", headers, path)
             self.assertNotIn(b"demo:demo", body, path)
 
     def test_bodies_over_the_size_limit_are_refused_and_clients_that_vanish_do_no_harm(self):
-        for method, path, body in (("POST", "/mail/demo/sendmsg", "M" * 10000), ("PROPFIND", ENTRY, " " * 5000)):
-            status, headers, _ = self.svc.request(method, path, body, {"Content-Type": "message/rfc821"})
+        for method, path, body in (("POST", "/mail/demo/sendmsg", "M" * 10000), ("PROPFIND", SERVICE_PATH, " " * 5000)):
+            status, headers, _ = self.request(method, path, body, {"Content-Type": "message/rfc821"})
             self.assertEqual((status, headers["X-Dav-Error"]), (413, "413 Request body too large"), method)
         for declared, sent in ((3000, 100), (100000, 10), (50, 0)):
-            with socket.create_connection(("127.0.0.1", self.svc.port), timeout=5) as s:
-                s.sendall(("POST /mail/demo/sendmsg HTTP/1.1\r\nHost: x\r\nContent-Type: message/rfc821\r\n"
-                           "Authorization: Basic ZGVtbzpkZW1v\r\nContent-Length: %d\r\n\r\n" % declared).encode()
-                          + b"M" * sent)
-        with socket.create_connection(("127.0.0.1", self.svc.port), timeout=5) as s:
+            with socket.create_connection((HOST, self.port), timeout=5) as s:
+                s.sendall(b"POST /mail/demo/sendmsg HTTP/1.1\r\nHost: x\r\nContent-Type: message/rfc821\r\n"
+                          b"Authorization: %s\r\nContent-Length: %d\r\n\r\n" % (DEMO.encode(), declared) + b"M" * sent)
+        with socket.create_connection((HOST, self.port), timeout=5) as s:
             s.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHo")  # cut off inside the header
-        self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER})[0], 207)
-        self.assertEqual(os.listdir(os.path.join(self.svc.store, "demo", ".Sent Items", "cur")), [])
-
-    def test_a_post_the_store_cannot_take_leaves_no_copy_and_names_no_path(self):
-        sent_items = os.path.join(self.svc.store, "demo", ".Sent Items")
-        os.rename(sent_items, sent_items + ".away")
-        with open(sent_items, "w") as f:
-            f.write("in the way\n")  # the folder cannot be made again: the Sent Items copy fails
-        text = "MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<ann@tarnwick.local>\r\n\r\nSubject: once\r\n\r\nx\r\n.\r\n"
-        status, headers, body = self.post("demo", text)
-        self.assertEqual((status, headers["X-Dav-Error"]), (500, "500 Store error"))
-        self.assertNotIn(self.svc.store.encode(), body + headers.as_bytes())
-        with open(self.svc.log.name, "rb") as f:
-            self.assertIn(b"store error on POST /mail/demo/sendmsg: ", f.read())
-        self.assertEqual(self.svc.served("ann"), ([], []))
-        os.remove(sent_items)
-        os.rename(sent_items + ".away", sent_items)
-        self.assertEqual(self.post("demo", text)[0], 200)  # tried again: delivered once
-        self.assertEqual(len(self.svc.served("ann")[1]), 1)
-
-
-class ConnectionLimitTest(ServiceCase):
-    extra_args = ("--idle-timeout", "3", "--max-connections", "4", "--max-connections-per-address", "3")
-
-    def connect(self, source="127.0.0.1"):
-        s = socket.create_connection(("127.0.0.1", self.svc.port), timeout=10, source_address=(source, 0))
-        self.addCleanup(s.close)
-        return s
-
-    def closed_within(self, s, seconds):
-        """Whether the service closes `s` (nothing to read, or a reset) within `seconds`."""
-        s.settimeout(seconds)
-        try:
-            return s.recv(4096) == b""
-        except ConnectionResetError:
-            return True
-        except socket.timeout:
-            return False
+        self.assertEqual(self.login()[0], 207)
+        self.assertEqual(os.listdir(os.path.join(self.store, "demo", ".Sent Items", "cur")), [])
 
     def test_silent_and_stalled_clients_are_dropped_and_no_one_takes_every_slot(self):
-        silent = self.connect()
-        stalled = self.connect()
+        def connect(source=HOST):
+            s = socket.create_connection((HOST, self.port), timeout=10, source_address=(source, 0))
+            self.addCleanup(s.close)
+            return s
+
+        def closed_within(s, seconds):
+            s.settimeout(seconds)
+            try:
+                return s.recv(4096) == b""
+            except ConnectionResetError:
+                return True
+            except socket.timeout:
+                return False
+
+        silent, stalled = connect(), connect()
         stalled.sendall(b"PROPFIND /mail/demo/folders/INBOX/ HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n\r\nab")
-        third = self.connect()
+        third = connect()
         # All three slots of 127.0.0.1 are taken: a fourth connection from it is closed as soon as the service
-        # takes it, well before the idle time-out frees a slot (a loaded machine may take a moment to get there).
-        self.assertTrue(self.closed_within(self.connect(), 2))
+        # takes it, well before the idle time-out frees a slot.
+        self.assertTrue(closed_within(connect(), 2))
         # Another address still gets in, up to the limit in all; beyond it a client waits for a free slot.
-        other = self.connect("127.0.0.2")
-        waiting = self.connect("127.0.0.3")
-        waiting.sendall(b"PROPFIND /mail/demo/folders/ HTTP/1.1\r\nHost: x\r\nAuthorization: Basic ZGVtbzpkZW1v\r\n"
-                        b"Connection: close\r\n\r\n")
+        other, waiting = connect("127.0.0.2"), connect("127.0.0.3")
+        waiting.sendall(b"PROPFIND /mail/demo/folders/ HTTP/1.1\r\nHost: x\r\nAuthorization: %s\r\n"
+                        b"Connection: close\r\n\r\n" % DEMO.encode())
         waiting.settimeout(0.5)
         self.assertRaises(socket.timeout, waiting.recv, 100)
         for s in (silent, stalled, third, other):
-            self.assertTrue(self.closed_within(s, 5))
+            self.assertTrue(closed_within(s, 5))
         waiting.settimeout(5)
         self.assertTrue(waiting.recv(100).startswith(b"HTTP/1.1 207 "))
-        self.assertEqual(self.svc.request("PROPFIND", ENTRY, headers={"PROPFIND": LOGIN_HEADER})[0], 207)
+
+    def test_forwarded_headers_count_only_from_the_trusted_proxy(self):
+        """Which client address reaches the Received: field and which scheme the addresses carry."""
+        rows = [
+            ("an untrusted peer", "127.0.0.2", "198.51.100.1, 192.0.2.7", "https", "[127.0.0.2]", "http"),
+            ("the trusted peer: the entry it added", HOST, "198.51.100.1, 192.0.2.7", "https", "[192.0.2.7]", "https"),
+            ("the trusted peer, an IPv6 client", HOST, "2001:DB8:0::1", "http", "[IPv6:2001:db8::1]", "http"),
+            ("the trusted peer, no usable entry", HOST, "192.0.2.7, unknown", None, "[127.0.0.1]", "http"),
+        ]
+        for n, (what, source, forwarded_for, proto, client, scheme) in enumerate(rows):
+            with self.subTest(what):
+                headers = dict({"X-Forwarded-For": forwarded_for}, **({"X-Forwarded-Proto": proto} if proto else {}))
+                status, _, body = self.login(headers=headers, conn=self.connect(source))
+                self.assertEqual(status, 207)
+                self.assertIn("<hm:inbox>%s://127.0.0.1:%d/" % (scheme, self.port), body.decode())
+                text = "MAIL FROM:<demo@tarnwick.local>\r\nRCPT TO:<demo@tarnwick.local>\r\n\r\nSubject: %d\r\n.\r\n" \
+                    % n
+                self.assertEqual(self.request("POST", "/mail/demo/sendmsg", text, dict(
+                    headers, **{"Content-Type": "message/rfc821"}), conn=self.connect(source))[0], 200)
+                sent = os.path.join(self.store, "demo", ".Sent Items", "cur")
+                (copy,) = [m for m in map(read_file, (os.path.join(sent, f) for f in os.listdir(sent)))
+                           if b"Subject: %d\r\n" % n in m]
+                self.assertTrue(copy.startswith(b"Received: from %s (authenticated account demo)" % client.encode()))
+
+    def test_messages_come_whole_over_http(self):
+        self.assert_messages_come_whole(self.connect)
+
+
+class TlsTest(Service):
+    host = "[::1]"
+
+    def setUp(self):
+        certificates = tempfile.mkdtemp(prefix="tarnwick-tls-")
+        self.certs = make_certificates(certificates)
+        self.args = ("--tls-cert", self.certs["cert"], "--tls-key", self.certs["key"])
+        super().setUp()
+        self.addCleanup(shutil.rmtree, certificates, ignore_errors=True)
+
+    def context(self, version):
+        context = ssl.create_default_context(cafile=self.certs["ca"])
+        context.set_ciphers("DEFAULT:@SECLEVEL=0")  # the client offers old versions: only the server refuses
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", DeprecationWarning)
+            context.minimum_version = context.maximum_version = version
+        return context
+
+    def connect_tls(self, version=ssl.TLSVersion.TLSv1_3):
+        return http.client.HTTPSConnection("::1", self.port, timeout=10, context=self.context(version))
+
+    def test_https_on_ipv6_hands_out_https_addresses_and_refuses_tls_older_than_1_2(self):
+        self.assertIn("listening on [::1]:%d\n" % self.port, self.webmail.output())
+        for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
+            with self.subTest(version=version):
+                conn = self.connect_tls(version)
+                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO, "PROPFIND": LOGIN_HEADER})
+                reply = conn.getresponse()
+                self.assertEqual(reply.status, 207)
+                self.assertEqual(conn.sock.version(), version.name.replace("v1_", "v1."))
+                self.assertIn("<hm:inbox>https://[::1]:%d/mail/demo/folders/INBOX/</hm:inbox>" % self.port,
+                              reply.read().decode())
+                conn.close()
+        for version in (ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1):
+            with self.subTest(version=version):
+                with socket.create_connection(("::1", self.port), timeout=10) as raw:
+                    with self.assertRaises(ssl.SSLError):
+                        self.context(version).wrap_socket(raw, server_hostname="localhost")
+        self.assertNotIn("warning", self.webmail.output())
+
+    def test_messages_come_whole_over_https(self):
+        self.assert_messages_come_whole(self.connect_tls)
+
+
+class OptionsTest(unittest.TestCase):
+
+    def test_plain_http_beyond_the_loopback_is_warned_about_and_bad_options_refused(self):
+        tmp = tempfile.TemporaryDirectory(prefix="tarnwick-listen-")
+        self.addCleanup(tmp.cleanup)
+        store = os.path.join(tmp.name, "store")
+        short_key, open_key, good_key = (os.path.join(tmp.name, n) for n in ("short", "open", "good"))
+        for path, data, mode in ((short_key, b"x" * 15, 0o600), (open_key, b"x" * 32, 0o644),
+                                 (good_key, b"x" * 32, 0o600)):
+            with open(path, "wb") as f:
+                f.write(data)
+            os.chmod(path, mode)
+        warning = b"is not a loopback address and there is no TLS"
+        # 192.0.2.1 is a documentation address no machine has: the warning comes before the bind fails, so
+        # nothing ever listens beyond the loopback.
+        rows = [
+            (["--listen", "192.0.2.1:0"], 1, warning),
+            (["--listen", "[2001:db8::1]:0"], 1, b"[2001:db8::1] " + warning),
+            (["--listen", "192.0.2.1:0", "--tls-cert", good_key, "--tls-key", good_key], 1, b"cannot listen"),
+            (["--listen", "::1:8110"], 2, b"an IPv6 address goes in brackets"),
+            (["--tls-cert", good_key], 2, b"--tls-cert and --tls-key go together"),
+            (["--tls-cert", good_key, "--tls-key", os.path.join(tmp.name, "missing")], 1, b"--tls-key: cannot read"),
+            (["--trusted-proxy", "proxy.example"], 2, b"--trusted-proxy: not an IPv4 or IPv6 address"),
+            (["--nonce-key-file", short_key], 1, b"holds fewer than 16 bytes"),
+            (["--nonce-key-file", open_key], 1, b"must be readable by its owner only"),
+        ]
+        for args, status, message in rows:
+            with self.subTest(args=args):
+                run = subprocess.run([BINARY, "--store", store, *args], capture_output=True, timeout=10)
+                self.assertEqual((run.returncode, run.stdout), (status, b""), run.stderr)
+                self.assertIn(message, run.stderr)
+                self.assertEqual(warning in run.stderr, message.endswith(warning))
 
 
 if __name__ == "__main__":
