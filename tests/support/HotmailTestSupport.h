@@ -1,30 +1,13 @@
-// Reply builders for the service client and server tests, and the service client's fixture: a fresh scripted
-// service and session per test, message boxes captured, error reporter reset, a day/month/year 24-hour locale.
+// Reply builders for the service client and server tests: the log-in, folder and mailbox listing replies.
 #pragma once
-
-#include <gtest/gtest.h>
-
-#include <QLocale>
 
 #include <optional>
 #include <string>
 #include <vector>
 
-#include "core/Error.h"
-#include "core/MErrorHandler.h"
-#include "core/MessageBox.h"
-#include "mailservice/CHotmail.h"
-#include "tests/support/FakeWebDavService.h"
-#include "tests/support/RaisedError.h"
-
 namespace hotmail_test {
 
 inline constexpr const char* kEntryPath = "/svcs/hotmail/tarnwick.asp";
-
-// The error the reporter keeps (only meaningful once one was kept).
-inline core::Error KeptError() {
-    return testing_support::RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
-}
 
 // A log-in reply: one entry with `base` as its address and `props` as its property list, under element names
 // that mean nothing (only positions count). White space between elements, as a real service indents.
@@ -84,32 +67,5 @@ inline std::string ListingReply(const std::vector<ListedMessage>& messages) {
     }
     return s + "</D:multistatus>\n";
 }
-
-class HotmailTest : public ::testing::Test {
-protected:
-    void SetUp() override {
-        core::MErrorHandler::ResetForTesting();
-        core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
-        QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
-        mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
-        mail_.SetUserName("joe");
-        mail_.SetPassword("s3cret");
-    }
-    // The seven addresses a standard log-in reply hands out, in reply order.
-    std::vector<std::string> Addresses() const {
-        return {svc_.Url("/ad"),   svc_.Url("/contacts"), svc_.Url("/inbox"), svc_.Url("/outbox"),
-                svc_.Url("/sent"), svc_.Url("/trash"),    svc_.Url("/root")};
-    }
-    // Scripts a log-in whose folder listing finds `folders`, and runs Connect.
-    void LogIn(const std::vector<FolderEntry>& folders = {{"/f/inbox", "Inbox"}}) {
-        svc_.Enqueue(testing_support::DavReply(LoginReply(svc_.Url("/base"), Addresses())));
-        svc_.Enqueue(testing_support::DavReply(FolderReply(folders)));
-        ASSERT_TRUE(mail_.Connect());
-    }
-
-    testing_support::FakeWebDavService svc_;
-    mailservice::CHotmail mail_;
-    std::vector<std::string> boxes_;  // the texts of the message boxes shown
-};
 
 }  // namespace hotmail_test

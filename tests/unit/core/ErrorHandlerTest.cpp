@@ -15,18 +15,14 @@ namespace {
 using core::Error;
 using testing_support::RaisedError;
 
-class ErrorHandler : public ::testing::Test {
-protected:
-    void SetUp() override { core::MErrorHandler::ResetForTesting(); }
-    void TearDown() override { core::MErrorHandler::ResetForTesting(); }
-};
-
-TEST_F(ErrorHandler, TrapPassesResultsThroughAndMapsForeignExceptions) {
+TEST(ErrorHandler, TrapPassesResultsThroughAndMapsForeignExceptions) {
+    core::MErrorHandler::ResetForTesting();
     EXPECT_EQ(core::Trap("Ok Method", [] { return 7; }), 7);
     const Error e = RaisedError([] { core::Trap("Std Method", [] { throw std::runtime_error("boom"); }); });
     EXPECT_EQ(e.Number(), 51);
     EXPECT_EQ(e.Source(), "Std Method");
     EXPECT_NE(e.Description().find("boom"), std::string::npos);
+    core::MErrorHandler::ResetForTesting();
 }
 
 }  // namespace

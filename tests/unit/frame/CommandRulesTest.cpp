@@ -1,5 +1,6 @@
-// The command-word and argument rules of both servers, and where the SMTP message data ends. (Words in other
-// cases and bytes beyond ASCII are shown in the servers' dialogues.)
+// The command-word and argument rules of both servers, and where the SMTP message data ends: the edge cases
+// the servers' dialogues do not reach. (Plain requests, words in other cases and bytes beyond ASCII are shown
+// in the dialogues.)
 #include <gtest/gtest.h>
 
 #include <string>
@@ -20,8 +21,6 @@ struct RuleCase {
 
 TEST(CommandRules, Pop3WordIsFirstFourCharactersUpperCasedAndArgumentFollowsFirstSpace) {
     const RuleCase cases[] = {
-        {"USER john smith\r\n", "USER", "john smith"},
-        {"TOP", "TOP", ""},
         {"", "", ""},
         {" list\r\n", " LIS", "list"},
         {"LIST \r\n", "LIST", ""},
@@ -41,9 +40,7 @@ TEST(CommandRules, Pop3WordIsFirstFourCharactersUpperCasedAndArgumentFollowsFirs
 
 TEST(CommandRules, SmtpWordIsTextBeforeFirstSpaceAndArgumentFollowsFirstColonTrimmed) {
     const RuleCase cases[] = {
-        {"quit\r\n", "QUIT", ""},
         {"HeLo client.example\r\n", "HELO", ""},
-        {"MAIL FROM: <alice@example.org>\r\n", "MAIL", "<alice@example.org>"},
         {"RCPT TO:<a:b@c>\r\n", "RCPT", "<a:b@c>"},
         {"MAIL FROM:   \r\n", "MAIL", ""},
         {" MAIL FROM:<a@b>\r\n", "", "<a@b>"},
@@ -67,13 +64,10 @@ TEST(CommandRules, EndOfDataIsTheFirstDotLineEvenAcrossArrivals) {
         std::size_t end;
     };
     const Case cases[] = {
-        {"", "Subject: x\r\n\r\nbody\r\n.\r\n", 23},
-        {"", "body\r\n.\r\nQUIT\r\n", 9},
         {"", "a\r\n.\r\nb\r\n.\r\n", 6},
         // The data starts at the beginning of a line: "." alone right after DATA is an empty message.
         {"", ".\r\n", 3},
         {"", "..\r\n", kNone},
-        {"body\r\n", ".\r\nQUIT\r\n", 3},
         {"body\r\n.", "\r\n", 2},
         {"body\r", "\n.\r\n", 4},
         {"body", ".\r\n", kNone},
