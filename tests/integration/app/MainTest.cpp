@@ -1,4 +1,5 @@
-// The application controller: the log switch, the Toggle steps, and Stop and Start in the window (offscreen).
+// The application controller: the log switch, the Toggle steps, and Stop, Start and About in the window
+// (offscreen).
 #include <QAction>
 #include <QApplication>
 #include <QLabel>
@@ -6,6 +7,7 @@
 #include <QPlainTextEdit>
 #include <QPushButton>
 #include <QTest>
+#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -15,10 +17,12 @@
 #include <string>
 #include <vector>
 
+#include "app/About.h"
 #include "app/IMainView.h"
 #include "app/Main.h"
 #include "app/MainWindow.h"
 #include "core/MErrorHandler.h"
+#include "core/Version.h"
 #include "tests/support/LineClient.h"
 
 namespace {
@@ -135,6 +139,24 @@ TEST_F(MainTest, WindowStopThenStartSwitchTheControlsAndRereadBothPortBoxesWithT
     QCoreApplication::processEvents();  // the window gets the entries together, at the next turn of the loop
     EXPECT_EQ(window.txtData->toPlainText(), "abc\nCLIENT_REQUEST: noop\n\n");
     EXPECT_EQ(window.txtData->textCursor().position(), window.txtData->document()->characterCount() - 1);
+
+    // The About box shows the name and version, and while it is open (modal, in a loop of its own) the servers
+    // go on serving.
+    bool aboutSeen = false;
+    QTimer poll;
+    QObject::connect(&poll, &QTimer::timeout, [&] {
+        auto* about = dynamic_cast<app::About*>(QApplication::activeModalWidget());
+        if (about == nullptr) return;
+        poll.stop();
+        aboutSeen = true;
+        EXPECT_EQ(about->lblTitle->text(), QString("Tarnwick Gateway\nVersion: ") + core::Version::kText);
+        testing_support::LineClient client(newPop3);
+        EXPECT_EQ(client.ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
+        QTest::mouseClick(about->cmdOK, Qt::LeftButton);
+    });
+    poll.start(10);
+    window.mnuAbout->trigger();  // returns when the box has closed
+    EXPECT_TRUE(aboutSeen);
 
     QTest::mouseClick(window.StopButton, Qt::LeftButton);
     EXPECT_TRUE(shows(true));
