@@ -15,29 +15,16 @@ using webmail::relay::SmtpExchange;
 using Verdict = SmtpExchange::Verdict;
 
 TEST(QueuedMessageTest, TakesTheEnvelopeFromTheHeaderOnly) {
-    const struct {
-        const char* name;
-        std::string file;
-        std::string sender;
-        std::vector<std::string> recipients;
-        std::string text;
-    } cases[] = {
-        {"envelope lines leave, a body line of the same form stays",
-         "Received: x\r\nX-Tarnwick-Envelope-From: <a@x.org>\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n"
-         "x-tarnwick-envelope-to: <c@z.org>\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n",
-         "a@x.org",
-         {"b@y.org", "c@z.org"},
-         "Received: x\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n"},
-    };
-    for (const auto& c : cases) {
-        std::string error;
-        const auto message = QueuedMessage::Parse(c.file, error);
-        ASSERT_TRUE(message) << c.name << ": " << error;
-        EXPECT_EQ(message->sender, c.sender) << c.name;
-        EXPECT_EQ(message->recipients, c.recipients) << c.name;
-        EXPECT_EQ(message->text, c.text) << c.name;
-    }
+    // Envelope lines leave the text; a body line of the same form stays.
     std::string error;
+    const auto message = QueuedMessage::Parse(
+        "Received: x\r\nX-Tarnwick-Envelope-From: <a@x.org>\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n"
+        "x-tarnwick-envelope-to: <c@z.org>\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n",
+        error);
+    ASSERT_TRUE(message) << error;
+    EXPECT_EQ(message->sender, "a@x.org");
+    EXPECT_EQ(message->recipients, (std::vector<std::string>{"b@y.org", "c@z.org"}));
+    EXPECT_EQ(message->text, "Received: x\r\nSubject: s\r\n\r\nX-Tarnwick-Envelope-To: <d@z.org>\r\n");
     EXPECT_FALSE(QueuedMessage::Parse("Subject: s\r\n\r\nX-Tarnwick-Envelope-To: <b@y.org>\r\n", error));
     EXPECT_FALSE(error.empty());
 }
