@@ -62,10 +62,3 @@ def send(stack, client, sender, recipients, message):
 def without_trace(stored):
     """A stored message without the "Received:" fields (and their continuation lines) the service puts in front."""
     return re.sub(rb"\A(?:Received:.*\r\n(?:[ \t].*\r\n)*)*", b"", stored)
-
-
-def with_headers(message):
-    """`message` with the Date and Message-ID fields msmtp would otherwise add, so that every client sends the
-    same bytes."""
-    return b"Date: Mon, 23 Nov 2026 10:00:00 +0000\r\nMessage-ID: <%d@example.org>\r\n" % len(message) + message
-
