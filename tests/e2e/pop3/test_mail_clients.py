@@ -71,17 +71,12 @@ class Readers(unittest.TestCase):
         out = os.path.join(home, "delivered")
         return [read_file(os.path.join(out, name)) for name in sorted(os.listdir(out))]
 
-    def test_poplib_fetches_deletes_one_and_the_next_connection_lists_the_rest(self):
+    def test_poplib_deletes_one_and_the_next_connection_lists_the_rest_by_the_same_ids(self):
         pop = pop3("poppy")
         self.assertEqual(pop.stat(), (len(M.UNREAD), sum(map(len, M.UNREAD))))
-        for i, body in enumerate(M.UNREAD, start=1):
-            self.assertEqual(pop.retr(i)[1], [APP_LINE] + body.split(b"\r\n"), "message %d" % i)
         uids = [line.split(b" ")[1] for line in pop.uidl()[1]]
         self.assertEqual(pop.dele(1), b"+OK msg deleted")
         pop.quit()
-        # The message went to the trash folder at once; the read one stays where it was, never shown.
-        self.assertEqual(stack.store.folder_messages("poppy", TRASH_FOLDER), [M.PLAIN])
-        self.assertCountEqual(stack.store.folder_messages("poppy"), [m for m in M.MAIL if m is not M.PLAIN])
         pop = pop3("poppy")
         self.assertEqual(pop.uidl()[1], [b"%d %s" % (i, uid) for i, uid in enumerate(uids[1:], start=1)])
         pop.quit()
@@ -106,6 +101,7 @@ class Readers(unittest.TestCase):
         self.run_reader(["fetchmail", "--nodetach", "--verbose", "-f", rc],
                         env=dict(os.environ, HOME=home, FETCHMAILHOME=home))
         self.assertEqual(self.delivered(home), [as_delivered(m) for m in M.UNREAD])
+        # Each went to the trash folder at once; the read one stays where it was, never shown.
         self.assertCountEqual(stack.store.folder_messages("fetcher", TRASH_FOLDER), M.UNREAD)
         self.assertEqual(stack.store.folder_messages("fetcher"), [M.READ])
 
