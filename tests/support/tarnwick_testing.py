@@ -211,10 +211,7 @@ class Stack:
         stop_process(self.gateway)
         if self.webmail:
             self.webmail.stop()
-        if os.environ.get("TARNWICK_E2E_KEEP"):
-            print("kept", self.dir)
-        else:
-            shutil.rmtree(self.dir, ignore_errors=True)
+        shutil.rmtree(self.dir, ignore_errors=True)
 
     def restart_webmail(self, kill=False, webmail_args=None):
         """Stops tarnwick-webmail (SIGKILL when `kill`) and starts it again on the same store and port, with new
@@ -259,15 +256,24 @@ class Stack:
         self.wait_listening(port)
         return LineClient(port)
 
+    def pop3(self, user, password):
+        """Python's poplib on the gateway, logged in (a failed log-in quits and raises poplib.error_proto)."""
+        self.wait_listening(self.pop3_port)
+        pop = poplib.POP3(HOST, self.pop3_port, timeout=120)
+        try:
+            pop.user(user)
+            pop.pass_(password)
+        except poplib.error_proto:
+            pop.quit()
+            raise
+        return pop
+
 
 def fetch(stack, user, password):
     """Every message of the user's inbox as a POP3 reader gets it through the gateway: the gateway's line, CR LF,
     then the message."""
-    stack.wait_listening(stack.pop3_port)
-    pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
+    pop = stack.pop3(user, password)
     try:
-        pop.user(user)
-        pop.pass_(password)
         return [b"\r\n".join(pop.retr(i)[1]) for i in range(1, pop.stat()[0] + 1)]
     finally:
         pop.quit()

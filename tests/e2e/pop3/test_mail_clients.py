@@ -3,7 +3,6 @@ poplib, curl's pop3://, fetchmail, getmail6 and mpop. Every inbox holds one mess
 and one already read in the web interface, which no reader may see; curl's also holds a 20 MB message."""
 
 import os
-import poplib
 import shutil
 import subprocess
 import tempfile
@@ -36,14 +35,6 @@ def as_delivered(body):
     return (APP_LINE + b"\r\n" + body + b"\r\n").replace(b"\r\n", b"\n")
 
 
-def pop3(user):
-    stack.wait_listening(stack.pop3_port)
-    pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
-    pop.user(user)
-    pop.pass_(user + " pw")
-    return pop
-
-
 class Readers(unittest.TestCase):
 
     def run_reader(self, args, **kwargs):
@@ -72,12 +63,12 @@ class Readers(unittest.TestCase):
         return [read_file(os.path.join(out, name)) for name in sorted(os.listdir(out))]
 
     def test_poplib_deletes_one_and_the_next_connection_lists_the_rest_by_the_same_ids(self):
-        pop = pop3("poppy")
+        pop = stack.pop3("poppy", "poppy pw")
         self.assertEqual(pop.stat(), (len(M.UNREAD), sum(map(len, M.UNREAD))))
         uids = [line.split(b" ")[1] for line in pop.uidl()[1]]
         self.assertEqual(pop.dele(1), b"+OK msg deleted")
         pop.quit()
-        pop = pop3("poppy")
+        pop = stack.pop3("poppy", "poppy pw")
         self.assertEqual(pop.uidl()[1], [b"%d %s" % (i, uid) for i, uid in enumerate(uids[1:], start=1)])
         pop.quit()
 
