@@ -6,7 +6,6 @@ import collections
 import re
 import subprocess
 import sys
-import tempfile
 
 from tarnwick_testing import HOST
 
@@ -34,12 +33,10 @@ def with_curl(port, sender, recipients, message):
 
 
 def with_swaks(port, sender, recipients, message):
-    # swaks puts a line break of its own before the "." line, so the file holds the text without its last one.
-    with tempfile.NamedTemporaryFile(prefix="tarnwick-swaks-", suffix=".eml") as f:
-        f.write(message[:-2] if message.endswith(b"\r\n") else message)
-        f.flush()
-        return _run(["swaks", "--server", HOST, "--port", str(port), "--from", sender, "--to", ",".join(recipients),
-                     "--data", "@" + f.name, "--suppress-data", "--timeout", str(CLIENT_TIMEOUT)])
+    # swaks puts a line break of its own before the "." line, so it is given the text without its last one.
+    return _run(["swaks", "--server", HOST, "--port", str(port), "--from", sender, "--to", ",".join(recipients),
+                 "--data", "-", "--suppress-data", "--timeout", str(CLIENT_TIMEOUT)],
+                message[:-2] if message.endswith(b"\r\n") else message)
 
 
 def with_smtplib(port, sender, recipients, message):
