@@ -225,6 +225,7 @@ class Stack:
         self.webmail = Webmail(self.dir, "webmail", self.store.root, self.webmail_args, port=self.service_port)
 
     def _start_gateway(self):
+        service_url = self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
         runtime = os.path.join(self.dir, "runtime")
         os.makedirs(runtime, mode=0o700, exist_ok=True)
         env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
@@ -233,16 +234,13 @@ class Stack:
             try:
                 self.gateway = start([binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless", "--pop3-port",
                                       str(self.pop3_port), "--smtp-port", str(self.smtp_port), "--service-url",
-                                      self.service_url()] + self.gateway_args, os.path.join(self.dir, "gateway.out"),
+                                      service_url] + self.gateway_args, os.path.join(self.dir, "gateway.out"),
                                      lambda: is_listening(self.pop3_port) and is_listening(self.smtp_port),
                                      "the gateway", env=env)
                 return
             except AssertionError:
                 pass  # most likely another process took one of the ports in the meantime: try two fresh ones
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
-
-    def service_url(self):
-        return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
 
     def gateway_log(self):
         return read_file(os.path.join(self.dir, "gateway.out")).decode("latin-1")

@@ -1,13 +1,11 @@
 #!/usr/bin/env python3
 """The loss matrix: real SMTP clients (msmtp, curl, swaks, smtplib) send messages of every size (dots at line
-starts, 8-bit bytes, a 25 MB attachment) through the built gateway into tarnwick-webmail, and each stored message
-is compared byte for byte with what the client sent: a message the client reported sent is stored whole,
-exactly once. As a test (CTest runs it with a few messages per cell) it also shows that before the first POP3
-fetch every client is refused and nothing reaches the service, and that a client whose post the killed service
-never took is told so.
-
-By hand, after building into build/ (or with TARNWICK_GATEWAY / TARNWICK_WEBMAIL naming other binaries), it
-prints one table, "delivered/sent" per cell, and exits 1 when any message reported sent is lost or damaged:
+starts, 8-bit bytes, a 25 MB attachment) through the built gateway into tarnwick-webmail; a message the client
+reported sent must be stored whole, byte for byte, exactly once. The test sends a few messages per cell, and also
+shows that every client is refused before the first POP3 fetch, nothing reaching the service, and that a client
+whose post the killed service never took is told so. By hand (after building into build/, or with
+TARNWICK_GATEWAY / TARNWICK_WEBMAIL naming other binaries) it prints one table, "delivered/sent" per cell, and
+exits 1 when a message reported sent is lost or damaged:
 
   tests/e2e/smtp/loss_matrix.py --count 10
 """
@@ -173,8 +171,7 @@ class LossMatrix(unittest.TestCase):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0],
-                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("--count", type=int, default=10, help="messages per client and size (default 10)")
     count = parser.parse_args().count
 
