@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "tests/support/FileSizeLimit.h"
@@ -135,11 +136,22 @@ TEST(PasswordFileTest, ParsesPasswordsWithColonsRefusesBadLinesAndSurvivesAReloa
     EXPECT_EQ(fs::status(dir.path() / PasswordFile::kFileName).permissions() & fs::perms::others_read, fs::perms::none);
 }
 
-TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyNamesThePoster) {
+// Local recipients get an INBOX copy, the others are queued in the sender's Outbox, the sender keeps a read copy
+// in Sent Items, and every copy starts with a trace field naming the poster. The copies are made for bob's INBOX,
+// then ann's Outbox (the largest), then ann's Sent Items: when one cannot be stored, none is left anywhere, and
+// once the store can take it the message is delivered whole, once.
+TEST(MailDeliveryTest, CopiesForLocalAndQueuedRecipientsAndTheSenderAllOrNone) {
     TempDir dir;
     MaildirStore store(dir.path());
     store.AddUser("ann", "pw");
     store.AddUser("bob", "pw");
+    const auto files = [&] {
+        std::set<fs::path> out;
+        for (const auto& e : fs::recursive_directory_iterator(dir.path())) {
+            if (e.is_regular_file()) out.insert(e.path());
+        }
+        return out;
+    };
     const auto only = [&](const std::string& account, const char* folder) {
         const auto entries = store.FindAccount(account)->Folder(folder)->List();
         EXPECT_EQ(entries.size(), 1u) << account << " " << folder;
@@ -149,7 +161,17 @@ TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyN
     };
     const Submission s{
         "ann@example.org", {"bob@EXAMPLE.org", "far@elsewhere.net", "nobody@example.org"}, "Subject: t\r\n\r\nhi\r\n"};
-    const auto result = MailDelivery(store, "Example.ORG").Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
+    const MailDelivery delivery(store, "Example.ORG");
+    const MailDelivery::Origin origin{"127.0.0.1", 1021371673};
+    const auto before = files();
+    {
+        testing_support::FileSizeLimit limit(200);  // room for the INBOX copy, not for the Outbox copy's envelope
+        ASSERT_TRUE(limit.Active());
+        EXPECT_ANY_THROW(delivery.Deliver(*store.FindAccount("ann"), s, origin));
+    }
+    EXPECT_EQ(files(), before);
+
+    const auto result = delivery.Deliver(*store.FindAccount("ann"), s, origin);
     EXPECT_EQ(result.local, std::vector<std::string>{"bob"});
     EXPECT_EQ(result.queued, (std::vector<std::string>{"far@elsewhere.net", "nobody@example.org"}));
     const std::string trace =
@@ -163,39 +185,6 @@ TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyN
                                          "X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"
                                          "X-Tarnwick-Envelope-To: <nobody@example.org>\r\n" +
                                          s.message);
-}
-
-// Copies are made for bob's INBOX, then ann's Outbox (the largest), then ann's Sent Items: when one cannot be
-// stored, none is left anywhere, and once the store can take it the message is delivered whole, once.
-TEST(MailDeliveryTest, ACopyThatCannotBeStoredLeavesNoCopyAnywhere) {
-    TempDir dir;
-    MaildirStore store(dir.path());
-    store.AddUser("ann", "pw");
-    store.AddUser("bob", "pw");
-    const auto files = [&](const char* account) {
-        std::vector<fs::path> out;
-        for (const auto& e : fs::recursive_directory_iterator(dir.path() / account)) {
-            if (e.is_regular_file()) out.push_back(e.path());
-        }
-        return out;
-    };
-    const auto deliver = [&] {
-        const Submission s{"ann@example.org", {"bob@example.org", "far@elsewhere.net"}, "Subject: t\r\n\r\nhi\r\n"};
-        MailDelivery(store, "example.org").Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
-    };
-    const auto ann = files("ann");
-    const auto bob = files("bob");
-    {
-        testing_support::FileSizeLimit limit(200);  // room for the INBOX copy, not for the Outbox copy's envelope
-        ASSERT_TRUE(limit.Active());
-        EXPECT_ANY_THROW(deliver());
-    }
-    EXPECT_EQ(files("ann"), ann);
-    EXPECT_EQ(files("bob"), bob);
-    deliver();
-    EXPECT_EQ(store.FindAccount("bob")->Folder("INBOX")->List().size(), 1u);
-    EXPECT_EQ(store.FindAccount("ann")->Folder("Sent Items")->List().size(), 1u);
-    EXPECT_EQ(store.FindAccount("ann")->Folder("Outbox")->List().size(), 1u);
 }
 
 }  // namespace
