@@ -1,8 +1,6 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
 (challenges, the log, the body limit, paths as sent, the trusted reverse proxy), messages served whole over HTTP
-and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, and the options that keep it from serving unsafely. The
-connection limits and idle time-out are libmicrohttpd's own; the service's answers to the gateway are proved
-with the gateway in tests/e2e."""
+and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, and the options that keep it from serving unsafely."""
 
 import base64
 import http.client
@@ -19,14 +17,13 @@ from proxy_testing import make_certificates
 from tarnwick_testing import HOST, SERVICE_PATH, Webmail, binary, read_file
 
 BINARY = binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail")
-LOGIN_HEADER = ("<?xml version='1.0'?><D:propfind xmlns:D='DAV:' xmlns:h='http://schemas.tarnwick.invalid/hotmail/' "
-                "xmlns:hm='urn:schemas:tarnwick:'><D:prop><h:adbar/><hm:contacts/><hm:inbox/><hm:outbox/><hm:sendmsg/>"
-                "<hm:sentitems/><hm:deleteditems/><hm:drafts/><hm:msgfolderroot/><h:maxpoll/><h:sig/></D:prop></D:propfind>")
-DEMO = "Basic " + base64.b64encode(b"demo:demo").decode()
 
 
 def basic(name, password):
     return "Basic " + base64.b64encode(("%s:%s" % (name, password)).encode()).decode()
+
+
+DEMO = basic("demo", "demo")
 
 
 class Service(unittest.TestCase):
@@ -62,17 +59,15 @@ class Service(unittest.TestCase):
             conn.close()
 
     def login(self, auth=DEMO, headers=None, conn=None):
-        return self.request("PROPFIND", SERVICE_PATH, None, dict(headers or {}, PROPFIND=LOGIN_HEADER), auth, conn)
+        return self.request("PROPFIND", SERVICE_PATH, None, headers, auth, conn)
 
     def assert_messages_come_whole(self, connect):
-        """GETs of messages small and large (read whole, sent from the descriptor, read in pieces), either side of
-        the size up to which a message is read whole, and with bare LF line ends (served as CR LF)."""
+        """GETs of a small message (read whole), a large one (sent from the descriptor) and one with bare LF line
+        ends (read in pieces, served with CR LF)."""
         big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
-        cases = [("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big)]
-        for n, size in ((3, 64 * 1024), (4, 64 * 1024 + 1), (5, 20)):
-            text = b"Subject: s\r\n\r\n" + b"x" * (size - 17) + b"\r\n"
-            cases.append(("%d.sized.host" % n, text, text))
-        for name, stored, served in cases:
+        small = b"Subject: small\r\n\r\nshort\r\n"
+        for name, stored, served in (("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big),
+                                     ("3.small.host", small, small)):
             with self.subTest(name=name):
                 with open(os.path.join(self.store, "demo", "cur", name + ":2,S"), "wb") as f:
                     f.write(stored)
@@ -96,9 +91,9 @@ class HttpTest(Service):
 
     def test_paths_outside_the_account_are_never_served(self):
         # Sent as they are: the server must not decode an escaped slash or dot before the router sees the path.
+        # (Which escapes a path may not hold is the path parser's own rule; another account's folder is the router's.)
         for path in ("/mail/demo/folders/INBOX/..%2F..%2F..%2Fpasswd", "/mail/demo/../../passwd",
-                     "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/demo/folders/INBOX/%2Fetc%2Fpasswd",
-                     "/mail/demo/folders/INBOX%00/", "/mail/ann/folders/INBOX/", "/mail/..%2Fpasswd/folders/INBOX/"):
+                     "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/ann/folders/INBOX/"):
             status, headers, body = self.request("GET", path)
             self.assertIn(status, (403, 404, 405), path)
             self.assertIn("X-Dav-Error", headers, path)
@@ -135,7 +130,7 @@ class HttpTest(Service):
                 self.assertEqual(self.request("POST", "/mail/demo/sendmsg", text, dict(
                     headers, **{"Content-Type": "message/rfc821"}), conn=self.connect(source))[0], 200)
                 sent = os.path.join(self.store, "demo", ".Sent Items", "cur")
-                (copy,) = [m for m in map(read_file, (os.path.join(sent, f) for f in os.listdir(sent)))
+                (copy,) = [m for m in (read_file(os.path.join(sent, f)) for f in os.listdir(sent))
                            if b"Subject: %d\r\n" % n in m]
                 self.assertTrue(copy.startswith(b"Received: from %s (authenticated account demo)" % client.encode()))
 
@@ -169,7 +164,7 @@ class TlsTest(Service):
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             with self.subTest(version=version):
                 conn = self.connect_tls(version)
-                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO, "PROPFIND": LOGIN_HEADER})
+                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO})
                 reply = conn.getresponse()
                 self.assertEqual(reply.status, 207)
                 self.assertEqual(conn.sock.version(), version.name.replace("v1_", "v1."))
@@ -211,6 +206,3 @@ class OptionsTest(unittest.TestCase):
                 self.assertEqual((run.returncode, run.stdout), (1, b""), run.stderr)
                 self.assertIn(message, run.stderr)
 
-
-if __name__ == "__main__":
-    unittest.main()
