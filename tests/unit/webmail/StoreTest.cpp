@@ -1,6 +1,10 @@
 // The Maildir store: listing order and ids across new/ -> cur/, flags and moves, links never followed, the
-// password file, and delivery of a submission with its trace field, all copies or none.
+// password file, the posted submission and its envelope rules (control characters, long addresses, recipients
+// once each and capped), and its delivery with a trace field, all copies or none. Message files as the listing
+// and GET read them: no links followed, exact served size, CR LF conversion while streaming. (The header and the
+// attachment line are read in the listing's test.)
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <fstream>
@@ -185,6 +189,144 @@ TEST(MailDeliveryTest, CopiesForLocalAndQueuedRecipientsAndTheSenderAllOrNone) {
                                          "X-Tarnwick-Envelope-To: <far@elsewhere.net>\r\n"
                                          "X-Tarnwick-Envelope-To: <nobody@example.org>\r\n" +
                                          s.message);
+}
+
+TEST(SubmissionTest, ParsesWhatTheGatewayPosts) {
+    const struct {
+        const char* name;
+        std::string body;
+        std::string sender;
+        std::vector<std::string> recipients;
+        std::string message;
+    } cases[] = {
+        {"the line break before the dot line is the message's own, an empty line before it stays",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\nSubject: s\r\n\r\nbody\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         "Subject: s\r\n\r\nbody\r\n\r\n"},
+        {"dot-stuffed lines are unstuffed",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n..hidden\r\n...\r\nx.\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         ".hidden\r\n..\r\nx.\r\n"},
+        {"a dot line right after the envelope is an empty message",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org"},
+         ""},
+        {"extra words, missing brackets, a tab, the verb in any case",
+         "MAIL FROM: <a@x.org>\tSIZE=20\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt to:<c@z.org>\r\n\r\nm\r\n.\r\n",
+         "a@x.org",
+         {"b@y.org", "c@z.org"},
+         "m\r\n"},
+        {"null sender, bare LF line ends", "MAIL FROM:<>\nRCPT TO:<b@y.org>\n\nm\n.\n", "", {"b@y.org"}, "m\n"},
+        {"recipients once each: local part exact, domain in any case",
+         "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\n\r\nm\r\n.\r\n",
+         "a@x.org",
+         {"b@Y.org", "B@y.org"},
+         "m\r\n"},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        const auto parsed = Submission::Parse(c.body, error);
+        ASSERT_TRUE(parsed) << c.name << ": " << error;
+        EXPECT_EQ(parsed->sender, c.sender) << c.name;
+        EXPECT_EQ(parsed->recipients, c.recipients) << c.name;
+        EXPECT_EQ(parsed->message, c.message) << c.name;
+    }
+}
+
+// Recipients "r0@y.org" ... in one body.
+std::string WithRecipients(std::size_t distinct, std::size_t repeats = 1) {
+    std::string body = "MAIL FROM:<a@x.org>\r\n";
+    for (std::size_t r = 0; r < repeats; ++r) {
+        for (std::size_t i = 0; i < distinct; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
+    }
+    return body + "\r\nm\r\n\r\n.\r\n";
+}
+
+TEST(SubmissionTest, RefusesMalformedBodiesControlCharactersLongAddressesAndTooManyRecipients) {
+    const std::string ok = "RCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n";
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"", "first line must be MAIL FROM:"},
+        {"MAIL FROM:<a@x>\r\n\r\nm\r\n.\r\n", "no RCPT TO: line"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n", "no empty line after the envelope"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n\r\nno end line\r\n", "message does not end with a \".\" line"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<>\r\n\r\n.\r\n", "empty recipient"},
+        {"MAIL FROM:<a@x>\r\nDATA\r\n\r\nm\r\n.\r\n", "envelope line is not RCPT TO:"},
+        {"MAIL FROM:<a@x.org\rBcc: c@z.org>\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\rBcc: c@z.org\r\n\r\nm\r\n.\r\n",
+         "control character in the RCPT TO line"},
+        {"MAIL FROM:<a\t@x.org>\r\n" + ok, "control character in the MAIL FROM address"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<" + std::string(250, 'b') + "@y.org>\r\n\r\nm\r\n.\r\n",
+         "RCPT TO address longer than 254 characters"},
+        {WithRecipients(101), "more than 100 recipients"},
+    };
+    for (const auto& [body, reason] : refused) {
+        std::string error;
+        EXPECT_FALSE(Submission::Parse(body, error)) << body.substr(0, 60);
+        EXPECT_EQ(error, reason) << body.substr(0, 60);
+    }
+    std::string error;
+    EXPECT_EQ(Submission::Parse(WithRecipients(100), error)->recipients.size(), 100u);
+    // The same address ten thousand times is one recipient, who gets one copy.
+    EXPECT_EQ(Submission::Parse(WithRecipients(1, 10000), error)->recipients, std::vector<std::string>{"r0@y.org"});
+}
+
+class MessageFileTest : public ::testing::Test {
+protected:
+    fs::path Write(const std::string& name, const std::string& bytes) {
+        fs::path path = dir.path() / name;
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+        return path;
+    }
+    // Everything ReadServed gives, asked for at most `capacity` bytes at a time.
+    static std::string Served(const MessageFile& file, std::size_t capacity) {
+        std::string out, piece(capacity, '\0');
+        std::uint64_t offset = 0;
+        bool lastCr = false;
+        while (const long n = file.ReadServed(offset, lastCr, piece.data(), capacity)) {
+            if (n < 0) ADD_FAILURE() << "read error";
+            if (n <= 0) break;
+            out.append(piece, 0, static_cast<std::size_t>(n));
+        }
+        return out;
+    }
+    TempDir dir;
+};
+
+TEST_F(MessageFileTest, ServesEveryBareLfAsCrLfWithTheListedSizeWhateverThePieceSize) {
+    // CR LF pairs and bare LFs that straddle the 64 KB scan blocks and the small read pieces.
+    std::string big(200000, 'x');
+    big[65535] = '\r', big[65536] = '\n', big[131072] = '\n', big[131071] = 'y', big[199999] = '\n';
+    std::string bigServed = big;
+    bigServed.insert(199999, "\r");
+    bigServed.insert(131072, "\r");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a\nb\r\nc\n\n", "a\r\nb\r\nc\r\n\r\n"},
+        {"x\r\r\ny\r", "x\r\r\ny\r"},
+        {big, bigServed},
+    };
+    int n = 0;
+    for (const auto& [raw, expected] : cases) {
+        const auto file = MessageFile::Open(Write("m" + std::to_string(++n), raw));
+        ASSERT_TRUE(file);
+        const MessageFile::Facts facts = file->ReadFacts();
+        EXPECT_EQ(facts.servedSize, expected.size()) << n;
+        EXPECT_EQ(facts.bareLf, raw != expected) << n;
+        for (std::size_t capacity : {2u, 3u, 7u, 65536u}) EXPECT_EQ(Served(*file, capacity), expected) << n;
+    }
+}
+
+TEST_F(MessageFileTest, OpensOnlyRegularFilesNeverThroughALink) {
+    const fs::path target = Write("target", "Subject: secret\r\n\r\n");
+    fs::create_symlink(target, dir.path() / "link");
+    fs::create_directory(dir.path() / "folder");
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opening it must not wait for a writer
+    for (const char* name : {"link", "folder", "fifo", "missing"}) {
+        EXPECT_FALSE(MessageFile::Open(dir.path() / name)) << name;
+    }
+    EXPECT_TRUE(MessageFile::Open(target));
 }
 
 }  // namespace
