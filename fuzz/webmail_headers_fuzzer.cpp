@@ -1,15 +1,14 @@
 // tarnwick-webmail's reading of a message header for the listing: what it reads must be fit for the XML reply
 // (valid UTF-8 without control characters, a From text in printable ASCII). (That the listed size is the size
 // served is the message file's unit table.)
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <filesystem>
+#include <fstream>
 #include <string>
 
 #include "fuzz/FuzzCheck.h"
+#include "tests/support/TempDir.h"
 #include "webmail/dav/EncodedWords.h"
 #include "webmail/dav/ListedMessage.h"
 #include "webmail/store/MessageFile.h"
@@ -33,16 +32,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
 
     // Listed from a file, as the service lists a Maildir.
-    static const struct ScratchFile {
-        std::filesystem::path path =
-            std::filesystem::temp_directory_path() / ("webmail_headers_fuzzer." + std::to_string(::getpid()));
-        ~ScratchFile() { std::filesystem::remove(path); }
-    } scratch;
-    const std::filesystem::path& path = scratch.path;
-    if (std::FILE* f = std::fopen(path.c_str(), "wb")) {
-        std::fwrite(raw.data(), 1, raw.size(), f);
-        std::fclose(f);
-    }
+    static const TempDir dir;
+    const std::filesystem::path path = dir.path() / "message";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << raw;
     const auto file = store::MessageFile::Open(path);
     Check(file.has_value(), "a regular message file opens");
     const dav::ListedMessage listed = dav::ListedMessage::Read(store::MaildirEntry{"1.a.host", path, ""}, *file);
