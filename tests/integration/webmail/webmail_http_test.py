@@ -127,7 +127,7 @@ class HttpTest(Service):
         ]
         for n, (what, source, forwarded_for, proto, client, scheme) in enumerate(rows):
             with self.subTest(what):
-                headers = dict({"X-Forwarded-For": forwarded_for}, **({"X-Forwarded-Proto": proto} if proto else {}))
+                headers = {"X-Forwarded-For": forwarded_for, "X-Forwarded-Proto": proto}
                 status, _, body = self.login(headers=headers, conn=self.connect(source))
                 self.assertEqual(status, 207)
                 self.assertIn("<hm:inbox>%s://127.0.0.1:%d/" % (scheme, self.port), body.decode())
