@@ -90,18 +90,13 @@ def run_cell(stack, client, size, body, count):
     return cell
 
 
-def start_stack(fetched=True):
-    """A running stack; once `fetched`, its gateway has the sender's credentials."""
-    stack = Stack()
-    try:
-        stack.store.add_user("sender", "senderpw")
-        stack.store.add_user("rcpt", "rcptpw")
-        stack.start()
-        if fetched:
-            fetch(stack, "sender", "senderpw")
-    except BaseException:
-        stack.stop()
-        raise
+def start(stack, fetched=True):
+    """Starts the stack with the two accounts; once `fetched`, its gateway has the sender's credentials."""
+    stack.store.add_user("sender", "senderpw")
+    stack.store.add_user("rcpt", "rcptpw")
+    stack.start()
+    if fetched:
+        fetch(stack, "sender", "senderpw")
     return stack
 
 
@@ -133,9 +128,9 @@ def bytes_received(port):
 class LossMatrix(unittest.TestCase):
 
     def own_stack(self, fetched=True):
-        stack = start_stack(fetched)
+        stack = Stack()
         self.addCleanup(stack.stop)
-        return stack
+        return start(stack, fetched)
 
     def test_refused_before_the_first_fetch(self):
         stack = self.own_stack(fetched=False)
@@ -182,9 +177,9 @@ def main():
             print("    " + line, flush=True)
 
     started = time.monotonic()
-    stack = start_stack()
+    stack = Stack()
     try:
-        cells = run(stack, {size: count for size in SIZES}, progress)
+        cells = run(start(stack), {size: count for size in SIZES}, progress)
     finally:
         stack.stop()
     print(table(cells, list(SIZES)))
