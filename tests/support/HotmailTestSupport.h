@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/FakeWebDavService.h"
+
 namespace hotmail_test {
 
 inline constexpr const char* kEntryPath = "/svcs/hotmail/tarnwick.asp";
@@ -25,19 +27,23 @@ inline std::string LoginReply(const std::string& base, const std::vector<std::st
     return s;
 }
 
-struct FolderEntry {
-    std::string url;
-    std::string name;
-};
+// A folder listing of one folder.
+inline std::string FolderReply(const std::string& url, const std::string& name) {
+    return "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\"><D:response>"
+           "<D:href>" + url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder><D:displayname>" + name +
+           "</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount></D:prop>"
+           "<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>";
+}
 
-inline std::string FolderReply(const std::vector<FolderEntry>& folders) {
-    std::string s = "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\">";
-    for (const FolderEntry& f : folders) {
-        s += "<D:response><D:href>" + f.url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder><D:displayname>" +
-             f.name + "</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount></D:prop>"
-             "<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response>";
+// Queues the replies of one log-in on `svc`: the seven addresses (/ad, /contacts, /inbox, /outbox, /sent, /trash,
+// /root), then a folder listing of the inbox.
+inline void ScriptLogIn(testing_support::FakeWebDavService& svc) {
+    std::vector<std::string> addresses;
+    for (const char* path : {"/ad", "/contacts", "/inbox", "/outbox", "/sent", "/trash", "/root"}) {
+        addresses.push_back(svc.Url(path));
     }
-    return s + "</D:multistatus>";
+    svc.Enqueue({LoginReply(svc.Url("/base"), addresses)});
+    svc.Enqueue({FolderReply(svc.Url("/inbox"), "Inbox")});
 }
 
 struct ListedMessage {

@@ -14,8 +14,7 @@
 namespace {
 
 using testing_support::FreePort;
-
-constexpr int kTimeoutMs = 30000;
+using testing_support::kTimeoutMs;
 
 class GatewayProcessTest : public ::testing::Test {
 protected:

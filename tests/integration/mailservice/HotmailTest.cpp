@@ -17,9 +17,7 @@
 #include "tests/support/RaisedError.h"
 
 using namespace hotmail_test;
-using testing_support::DavReply;
 using testing_support::FakeWebDavService;
-using testing_support::ScriptedReply;
 
 namespace {
 
@@ -40,16 +38,6 @@ protected:
         mail_.SetUserName("joe");
         mail_.SetPassword("s3cret");
     }
-    // Scripts a log-in that hands out the seven addresses and finds one folder, and runs Connect.
-    void LogIn() {
-        svc_.Enqueue(DavReply(LoginReply(svc_.Url("/base"), {svc_.Url("/ad"), svc_.Url("/contacts"),
-                                                               svc_.Url("/inbox"), svc_.Url("/outbox"),
-                                                               svc_.Url("/sent"), svc_.Url("/trash"),
-                                                               svc_.Url("/root")})));
-        svc_.Enqueue(DavReply(FolderReply({{"/f/inbox", "Inbox"}})));
-        ASSERT_TRUE(mail_.Connect());
-    }
-
     FakeWebDavService svc_;
     mailservice::CHotmail mail_;
     std::vector<std::string> boxes_;  // the texts of the message boxes shown
@@ -58,8 +46,8 @@ protected:
 TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRuns) {
     mail_.SetTrashURL("old trash");
     mail_.SetRootFolderURL(svc_.Url("/oldroot"));
-    svc_.Enqueue(DavReply(LoginReply("/b", {"ad", "contacts", "inbox", "outbox", "sent"})));
-    svc_.Enqueue(DavReply(FolderReply({{"/f/1", "One"}})));
+    svc_.Enqueue({LoginReply("/b", {"ad", "contacts", "inbox", "outbox", "sent"})});
+    svc_.Enqueue({FolderReply("/f/1", "One")});
     EXPECT_TRUE(mail_.Connect());
     EXPECT_EQ(mail_.SentItemsURL(), "sent");
     EXPECT_EQ(mail_.TrashURL(), "old trash");
@@ -74,8 +62,8 @@ class HotmailListingTest : public HotmailTest {
 protected:
     // Scripts a listing of `messages` and one GET reply per message, then lists /inbox.
     void List(const std::vector<ListedMessage>& messages) {
-        svc_.Enqueue(DavReply(ListingReply(messages)));
-        for (const ListedMessage& m : messages) svc_.Enqueue(ScriptedReply{200, {}, "body of " + m.id, false});
+        svc_.Enqueue({ListingReply(messages)});
+        for (const ListedMessage& m : messages) svc_.Enqueue({"body of " + m.id});
         mail_.ParseMailboxInfo(svc_.Url("/inbox"));
     }
     ListedMessage Message(const std::string& id) {
@@ -140,20 +128,21 @@ TEST_F(HotmailListingTest, FieldsComeFromTheIthElementOfTheWholeReply) {
 // What the service sends that is no XML lists nothing; an error page is the message. Only a log-in reply that
 // cannot be read shows the parser's message, and leaves the addresses as they were.
 TEST_F(HotmailTest, RepliesThatAreNoXmlListNothingAndAnErrorPageIsTheMessage) {
-    LogIn();
-    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 207, "207 cut"));
-    svc_.Enqueue(DavReply("<html>Internal error</html>", 500, "500 listing failed"));
+    ScriptLogIn(svc_);
+    ASSERT_TRUE(mail_.Connect());
+    svc_.Enqueue({"<?xml version='1.0'?><D:multistatus><D:response><D:href>", 207, "207 cut"});
+    svc_.Enqueue({"<html>Internal error</html>", 500, "500 listing failed"});
     EXPECT_TRUE(mail_.Connect());
     EXPECT_EQ(boxes_.size(), 1u);
     EXPECT_EQ(mail_.InboxURL(), svc_.Url("/inbox"));
     EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1) << "the folder listing of the log-in before";
 
-    svc_.Enqueue(DavReply("<?xml version='1.0'?><D:multistatus><D:response><D:href>", 500, "500 cut"));
+    svc_.Enqueue({"<?xml version='1.0'?><D:multistatus><D:response><D:href>", 500, "500 cut"});
     mail_.ParseMailboxInfo(svc_.Url("/inbox"));
     EXPECT_EQ(mail_.GetMailCollection()->Count(), 0);
     std::string page = "<html>Internal error \xE9\xFF</html>";
     page.push_back('\0');
-    svc_.Enqueue(DavReply(page, 500, "500 failed"));
+    svc_.Enqueue({page, 500, "500 failed"});
     EXPECT_EQ(mail_.GetMessage(svc_.Url("/m/1")), page);
     EXPECT_FALSE(core::MErrorHandler::HasKeptError());
 }
@@ -167,9 +156,7 @@ TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersErr
     mailservice::CHotmail mail;
     mail.SetUserName("sam");
     mail.SetPassword("sam pw");
-    svc.Enqueue(
-        DavReply(LoginReply("/b", {"ad", "contacts", "inbox", svc.Url("/outbox"), "sent", "trash", svc.Url("/root")})));
-    svc.Enqueue(DavReply(FolderReply({{"/f/inbox", "Inbox"}})));
+    ScriptLogIn(svc);
     ASSERT_TRUE(mail.Connect());
     std::string body = "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n\r\n.";
     body.push_back('\0');
@@ -183,12 +170,12 @@ TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersErr
     };
     for (int i = 0; i < 2; ++i) {
         svc.ExpireNonces();
-        svc.Enqueue(DavReply("queued"));
+        svc.Enqueue({"queued"});
         EXPECT_NE(mail.SendMail(source, stored.Size()).find("X-Dav-Error: 200 No error\r\n"), std::string::npos);
         const auto post = svc.Requests().back();
         EXPECT_EQ(post.method + " " + post.path, "POST /outbox");
         EXPECT_TRUE(post.body == body) << "the posted text differs";
-        EXPECT_EQ(post.Header("Content-Type"), "message/rfc821");
+        EXPECT_EQ(post.headers.at("Content-Type"), "message/rfc821");
     }
     EXPECT_GE(readers, 3) << "the stale nonce's challenge sends the body again from a new reader";
 
@@ -229,7 +216,7 @@ TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
         core::MErrorHandler::ResetForTesting();
         mail_.SetHotmailError("old");
         const std::size_t start = svc_.Requests().size();
-        svc_.Enqueue(ScriptedReply{200, {}, "<nothing/>", false});
+        svc_.Enqueue({.body = "<nothing/>", .davError = ""});
         const core::Error e = testing_support::RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
         EXPECT_EQ(e.Source(), label);
         EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << label;

@@ -15,12 +15,11 @@ namespace {
 using platform::HttpRequest;
 using testing_support::FakeWebDavService;
 using testing_support::RaisedErrorNumber;
-using testing_support::ScriptedReply;
 namespace ErrorNumber = core::ErrorNumber;
 
 TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
     FakeWebDavService svc;
-    svc.Enqueue(ScriptedReply{200, {}, "partial", true});
+    svc.Enqueue({.body = "partial", .davError = "", .breakOff = true});
     const std::string refused = "http://127.0.0.1:" + testing_support::FreePort() + "/";
     const struct {
         const char* what;
