@@ -53,7 +53,7 @@ struct ListedMessage {
     std::optional<std::string> read = "0";
     std::optional<std::string> date = "2002-05-14T10:21:13";
     std::string length = "100";
-    std::optional<std::string> attachment;
+    std::optional<std::string> attachment = {};
 };
 
 inline std::string ListingReply(const std::vector<ListedMessage>& messages) {
