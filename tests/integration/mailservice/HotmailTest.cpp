@@ -63,7 +63,7 @@ TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRun
 // is read as written. Dates show in the regional short form (day/month/year here). Records are keyed by position.
 TEST_F(HotmailTest, ListingFieldsComeFromTheIthElementOfTheWholeReply) {
     std::vector<ListedMessage> listing;
-    for (const std::string id : {"A", "B", "C", "D"}) listing.push_back({.href = svc_.Url("/msg/" + id), .id = id});
+    for (const char* id : {"A", "B", "C", "D"}) listing.push_back({.id = id});
     listing[0].read = "1";
     listing[0].length = "2048";
     listing[0].attachment = "1";
@@ -74,8 +74,7 @@ TEST_F(HotmailTest, ListingFieldsComeFromTheIthElementOfTheWholeReply) {
     listing[2].read = "yes";
     listing[2].date = "2002-13-40T10:21:13";
     listing[3].date.reset();
-    svc_.Enqueue({ListingReply(listing)});
-    for (const ListedMessage& m : listing) svc_.Enqueue({"body of " + m.id});
+    ScriptListing(svc_, listing);
     mail_.ParseMailboxInfo(svc_.Url("/inbox"));
     const auto mails = mail_.GetMailCollection();
     ASSERT_EQ(mails->Count(), 4);

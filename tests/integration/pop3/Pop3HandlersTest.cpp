@@ -25,34 +25,22 @@ const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
 const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not understand the command: ";
 const std::string kAppLine = std::string("X-Application: Tarnwick Gateway - ") + core::Version::kText + "\r\n";
 
-// One message as the service lists it, with the text a GET of its address returns.
-struct Listed {
-    std::string id;
-    std::string body;
-    bool read = false;
-    // The length the listing gives; the body's size unless set.
-    std::string length = {};
-    std::string Size() const { return length.empty() ? std::to_string(body.size()) : length; }
-};
+using hotmail_test::ListedMessage;
 
-const Listed kPlain{"MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\r\nHello.\r\n"};
-const Listed kRead{"MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n", true};
-const Listed kDots{"MSG-3", "Subject: Dots\r\n\r\n.\r\n.one\r\n..two\r\n\xE9\xFF\x80 8-bit"};
+// An unread message whose listed length is its size.
+ListedMessage Message(const std::string& id, const std::string& body) {
+    return {.id = id, .body = body, .length = std::to_string(body.size())};
+}
+
+const ListedMessage kPlain = Message("MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\r\nHello.\r\n");
+const ListedMessage kDots = Message("MSG-3", "Subject: Dots\r\n\r\n.\r\n.one\r\n..two\r\n\xE9\xFF\x80 8-bit");
 
 class Pop3HandlersTest : public server_tests::ServerTest<servers::pop3::CPop3Server> {
 protected:
     // Queues the replies of one log-in and inbox load: log-in, folder listing, inbox listing, one GET each.
-    void ScriptLoad(const std::vector<Listed>& messages) {
+    void ScriptLoad(const std::vector<ListedMessage>& messages) {
         hotmail_test::ScriptLogIn(svc);
-        std::vector<hotmail_test::ListedMessage> listing(messages.size());
-        for (std::size_t i = 0; i < messages.size(); ++i) {
-            listing[i].href = svc.Url("/inbox/" + messages[i].id);
-            listing[i].id = messages[i].id;
-            listing[i].read = messages[i].read ? "1" : "0";
-            listing[i].length = messages[i].Size();
-        }
-        svc.Enqueue({hotmail_test::ListingReply(listing)});
-        for (const Listed& m : messages) svc.Enqueue({m.body});
+        hotmail_test::ScriptListing(svc, messages);
     }
     static std::size_t LoadRequests(std::size_t messages) { return 3 + messages; }
 
@@ -66,7 +54,9 @@ protected:
 };
 
 TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
-    ScriptLoad({kPlain, kRead, kDots});
+    ListedMessage read = Message("MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n");
+    read.read = "1";
+    ScriptLoad({kPlain, read, kDots});
     auto reader = LogIn();
     EXPECT_TRUE(svc.Requests().empty()) << "USER and PASS must not reach the service";
 
@@ -77,18 +67,18 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
         {"\xE9tat\r\n", kUnknown + "\xE9TAT\r\n"},
         {"STAT 9\r\n", "+OK 2 " + total + "\r\n"},
         {"LIST\r\n",
-         "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.Size() + "\r\n2 " + kDots.Size() + "\r\n.\r\n"},
-        {"LIST 02\r\n", "+OK 02 " + kDots.Size() + "\r\n"},
-        {"LIST 1.5\r\n", "+OK 1.5 " + kDots.Size() + "\r\n"},  // message numbers round half to even
-        {"LIST 2.5\r\n", "+OK 2.5 " + kDots.Size() + "\r\n"},
+         "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.length + "\r\n2 " + kDots.length + "\r\n.\r\n"},
+        {"LIST 02\r\n", "+OK 02 " + kDots.length + "\r\n"},
+        {"LIST 1.5\r\n", "+OK 1.5 " + kDots.length + "\r\n"},  // message numbers round half to even
+        {"LIST 2.5\r\n", "+OK 2.5 " + kDots.length + "\r\n"},
         {"LIST 0.5\r\n", "-ERR No such message\r\n"},
         {"LIST 3\r\n", "-ERR No such message\r\n"},
         {"LIST x\r\n", "-ERR Invalid message number\r\n"},
         {"UIDL\r\n", "+OK \r\n1 MSG-1:from-MSG-1\r\n2 MSG-3:from-MSG-3\r\n.\r\n"},
         {"uidl 2\r\n", "+OK 2 MSG-3:from-MSG-3\r\n"},
         {"RETR\r\n", "-ERR Message number required\r\n"},
-        {"RETR 1\r\n", "+OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n.\r\n"},
-        {"RETR 2\r\n", "+OK " + kDots.Size() + " octets\r\n" + kAppLine +
+        {"RETR 1\r\n", "+OK " + kPlain.length + " octets\r\n" + kAppLine + kPlain.body + "\r\n.\r\n"},
+        {"RETR 2\r\n", "+OK " + kDots.length + " octets\r\n" + kAppLine +
                            "Subject: Dots\r\n\r\n..\r\n..one\r\n...two\r\n\xE9\xFF\x80 8-bit\r\n.\r\n"},
         {"conn\r\n", kHello},
         {"QUIT\r\n", kGoodBye},
@@ -100,7 +90,7 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
     EXPECT_EQ(svc.Challenges(), 1) << "after the first exchange every request carries the credentials";
     // The whole RETR answer is one log entry.
-    EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
+    EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.length + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
 }
 
 TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
@@ -131,7 +121,7 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
 // The file system refuses the spool's writes (here through the file size limit, which needs no privileges):
 // the reader gets an error, never the part of the message that fitted, and the next command loads again.
 TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAnError) {
-    const Listed big{"BIG", std::string(256 << 10, 'y')};
+    const ListedMessage big = Message("BIG", std::string(256 << 10, 'y'));
     ScriptLoad({kPlain, big});
     auto reader = LogIn();
     testing_support::FileSizeLimit limit(64 << 10);
@@ -146,7 +136,7 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
     ScriptLoad({kPlain, big});
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
     EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
-              "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
+              "+OK " + big.length + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
 // A wrong password fails each mailbox command, and each tries again. Listed lengths are decimal numbers, summed
@@ -161,14 +151,14 @@ TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachT
     }
     EXPECT_TRUE(svc.Requests().empty());
     // The same connection with the right password now gets through.
-    ScriptLoad({{"A", "a", false, "10.4"}, {"B", "b", false, "20.4"}});
+    ScriptLoad({{.id = "A", .length = "10.4"}, {.id = "B", .length = "20.4"}});
     EXPECT_EQ(reader->Ask("PASS sam pw\r\n"), "+OK send stat\r\n");
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 31\r\n");
 }
 
 // A listed length that is not a number fails the load (the first error a process meets is the one it reports).
 TEST_F(Pop3HandlersTest, AListedLengthThatIsNoNumberFailsTheLoad) {
-    ScriptLoad({{"C", "c", false, "12k"}});
+    ScriptLoad({{.id = "C", .length = "12k"}});
     EXPECT_EQ(LogIn()->Ask("STAT\r\n"), "-ERR Type mismatch\r\n");
 }
 
