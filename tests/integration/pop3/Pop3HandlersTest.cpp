@@ -17,7 +17,6 @@
 namespace {
 
 using testing_support::LineClient;
-using testing_support::ScriptedReply;
 
 const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello\r\n";
 
@@ -98,17 +97,13 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
     auto reader = LogIn();
     const std::string stat = reader->Ask("STAT\r\n");
     const std::string retr = reader->AskMultiLine("RETR 2\r\n");
-    for (std::size_t i = 1; i <= 2; ++i) {
-        // A move the service refuses with its error header is a deletion all the same.
-        svc.Enqueue(i == 1 ? ScriptedReply{"moved", 207, "207 moved"} : ScriptedReply{"refused", 500, "500 refused"});
-        EXPECT_EQ(reader->Ask("DELE 2\r\n"), "+OK msg deleted\r\n");
-        const auto requests = svc.Requests();
-        ASSERT_EQ(requests.size(), LoadRequests(2) + i);
-        EXPECT_EQ(requests.back().method, "BMOVE");
-        EXPECT_EQ(requests.back().path, "/inbox");
-        EXPECT_NE(requests.back().body.find(kDots.id), std::string::npos) << requests.back().body;
-        EXPECT_EQ(requests.back().body.find(kPlain.id), std::string::npos) << requests.back().body;
-    }
+    // A move the service refuses with its error header is a deletion all the same. (Which message moves, and where
+    // to, shows end to end.)
+    svc.Enqueue({"moved", 207, "207 moved"});
+    svc.Enqueue({"refused", 500, "500 refused"});
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(reader->Ask("DELE 2\r\n"), "+OK msg deleted\r\n");
+    EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 2) << "one move per DELE, at once";
+    EXPECT_EQ(svc.Requests().back().method, "BMOVE");
     EXPECT_EQ(reader->Ask("STAT\r\n"), stat);
     EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"), retr);
 
