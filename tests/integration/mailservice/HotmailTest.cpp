@@ -1,7 +1,7 @@
 // The service client against a scripted service: a short log-in reply, the mailbox listing's quirks and dates,
-// sending from disk, and how every reading operation judges a reply. (The log-in's addresses, requests per
-// load, deletion and the listing as readers see it are checked in the POP3 dialogue; the request bodies are
-// the service's fixed texts, which the end-to-end tests prove the service takes.)
+// sending from disk, how every reading operation judges a reply, and how its request layer fails. (The log-in's
+// addresses, requests per load, deletion and the listing as readers see it are checked in the POP3 dialogue; the
+// request bodies are the service's fixed texts, which the end-to-end tests prove the service takes.)
 #include <gtest/gtest.h>
 
 #include <QLocale>
@@ -12,8 +12,10 @@
 #include "core/MErrorHandler.h"
 #include "core/MessageBox.h"
 #include "mailservice/CHotmail.h"
+#include "platform/http/HttpRequest.h"
 #include "tests/support/FakeWebDavService.h"
 #include "tests/support/HotmailTestSupport.h"
+#include "tests/support/LineClient.h"
 #include "tests/support/RaisedError.h"
 
 using namespace hotmail_test;
@@ -193,6 +195,31 @@ TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
         EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << label;
         EXPECT_EQ(mail_.HotmailError(), "old") << label;
         EXPECT_EQ(svc_.Requests().size(), start + 1) << label << ": a failed listing fetches nothing";
+    }
+}
+
+// Each cause of failure with its own number, a service that is down included. (Silence and oversized replies are
+// shown end to end, against a scripted service.)
+TEST(HttpRequestTest, FailuresCarryTheRequestLayersNumbers) {
+    FakeWebDavService svc;
+    svc.Enqueue({.body = "partial", .davError = "", .breakOff = true});
+    const std::string refused = "http://127.0.0.1:" + testing_support::FreePort() + "/";
+    const struct {
+        const char* what;
+        std::string url;
+        std::int32_t number;
+    } cases[] = {
+        {"empty address", "", core::ErrorNumber::kHttpInvalidUrl},
+        {"not an address", "http://[::1", core::ErrorNumber::kHttpInvalidUrl},
+        {"unknown scheme", "ftp://127.0.0.1/x", core::ErrorNumber::kHttpUnrecognizedScheme},
+        {"refused", refused, core::ErrorNumber::kHttpCannotConnect},
+        {"reply cut short", svc.Url("/cut"), core::ErrorNumber::kHttpConnectionAborted},
+    };
+    platform::HttpRequest http;
+    for (const auto& c : cases) {
+        http.Open("GET", c.url);
+        EXPECT_EQ(testing_support::RaisedErrorNumber([&] { http.Send(); }), c.number) << c.what;
+        EXPECT_EQ(http.ResponseText(), "") << c.what;
     }
 }
 
