@@ -16,15 +16,13 @@
 
 namespace {
 
+using hotmail_test::ListedMessage;
 using testing_support::LineClient;
 
 const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello\r\n";
-
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
 const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not understand the command: ";
 const std::string kAppLine = std::string("X-Application: Tarnwick Gateway - ") + core::Version::kText + "\r\n";
-
-using hotmail_test::ListedMessage;
 
 // An unread message whose listed length is its size.
 ListedMessage Message(const std::string& id, const std::string& body) {
