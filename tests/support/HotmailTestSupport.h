@@ -27,23 +27,19 @@ inline std::string LoginReply(const std::string& base, const std::vector<std::st
     return s;
 }
 
-// A folder listing of one folder.
-inline std::string FolderReply(const std::string& url, const std::string& name) {
-    return "<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\"><D:response>"
-           "<D:href>" + url + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder><D:displayname>" + name +
-           "</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount></D:prop>"
-           "<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>";
-}
-
-// Queues the replies of one log-in on `svc`: the seven addresses (/ad, /contacts, /inbox, /outbox, /sent, /trash,
-// /root), then a folder listing of the inbox.
-inline void ScriptLogIn(testing_support::FakeWebDavService& svc) {
-    std::vector<std::string> addresses;
-    for (const char* path : {"/ad", "/contacts", "/inbox", "/outbox", "/sent", "/trash", "/root"}) {
-        addresses.push_back(svc.Url(path));
+// Queues the replies of one log-in on `svc`: the entry's `addresses` (by default the seven of /ad, /contacts,
+// /inbox, /outbox, /sent, /trash and /root), then a folder listing of one folder, the inbox.
+inline void ScriptLogIn(testing_support::FakeWebDavService& svc, std::vector<std::string> addresses = {}) {
+    if (addresses.empty()) {
+        for (const char* path : {"/ad", "/contacts", "/inbox", "/outbox", "/sent", "/trash", "/root"}) {
+            addresses.push_back(svc.Url(path));
+        }
     }
     svc.Enqueue({LoginReply(svc.Url("/base"), addresses)});
-    svc.Enqueue({FolderReply(svc.Url("/inbox"), "Inbox")});
+    svc.Enqueue({"<?xml version=\"1.0\"?><D:multistatus xmlns:D=\"DAV:\" xmlns:hm=\"urn:schemas:tarnwick:\">"
+                 "<D:response><D:href>" + svc.Url("/inbox") + "</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>"
+                 "<D:displayname>Inbox</D:displayname><hm:special>x</hm:special><hm:unreadcount>0</hm:unreadcount>"
+                 "</D:prop><D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>"});
 }
 
 // A message as the service lists it at <service>/inbox/<id>, with the text a GET of that address returns.

@@ -48,8 +48,7 @@ protected:
 TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRuns) {
     mail_.SetTrashURL("old trash");
     mail_.SetRootFolderURL(svc_.Url("/oldroot"));
-    svc_.Enqueue({LoginReply("/b", {"ad", "contacts", "inbox", "outbox", "sent"})});
-    svc_.Enqueue({FolderReply("/f/1", "One")});
+    ScriptLogIn(svc_, {"ad", "contacts", "inbox", "outbox", "sent"});
     EXPECT_TRUE(mail_.Connect());
     EXPECT_EQ(mail_.SentItemsURL(), "sent");
     EXPECT_EQ(mail_.TrashURL(), "old trash");
