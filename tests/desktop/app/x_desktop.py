@@ -2,21 +2,17 @@
 notification area; the gateway driven with xdotool and read with xwininfo and xprop. The desktop test and
 scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
-import fcntl
 import os
 import pwd
-import random
 import re
 import shutil
-import socket
-import struct
 import subprocess
 import sys
 import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 import tarnwick_testing  # noqa: E402
-from tarnwick_testing import is_listening, stop_process, two_free_ports  # noqa: E402,F401
+from tarnwick_testing import APP_LINE, is_listening, stop_process, two_free_ports  # noqa: E402,F401
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -41,13 +37,10 @@ def enter_own_network():
     """Re-executes the calling program under unshare(1) in a network namespace of its own (as root only), so that
     its fixed ports cannot clash with anything else on the machine. Returns whether it now runs in one."""
     if os.environ.pop(OWN_NETWORK, None) == "1":
-        # A new namespace's loopback interface starts down: set IFF_UP with SIOCGIFFLAGS/SIOCSIFFLAGS.
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-            request = struct.pack("16sH", b"lo", 0)
-            flags = struct.unpack("16sH", fcntl.ioctl(s, 0x8913, request))[1]
-            fcntl.ioctl(s, 0x8914, struct.pack("16sH", b"lo", flags | 0x1))
+        # A new namespace's loopback interface starts down.
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return True
-    if os.geteuid() != 0 or not shutil.which("unshare") or \
+    if os.geteuid() != 0 or not shutil.which("unshare") or not shutil.which("ip") or \
             subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
         return False
     sys.stdout.flush()
@@ -60,12 +53,7 @@ def taken_ports(ports):
 
 def ordinary_user():
     """The user an ordinary desktop user's programs run as: this one (None), or `nobody` when this is root."""
-    if os.geteuid() != 0:
-        return None
-    try:
-        return pwd.getpwnam("nobody")
-    except KeyError:
-        raise Failure("running as root and there is no user nobody to start the gateway as")
+    return pwd.getpwnam("nobody") if os.geteuid() == 0 else None
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
@@ -94,35 +82,18 @@ class Desktop:
             raise
 
     def start_display(self):
-        # A display number of our own, found by trying: the server takes a number only through its lock file
-        # /tmp/.X<n>-lock, created atomically, so two servers never share one (-displayfd does not lock).
-        for attempt in range(20):
-            number = str(random.randint(100, 999))
-            xvfb = subprocess.Popen(["Xvfb", ":" + number, "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp",
-                                     "-noreset"],
-                                    stdout=self.log, stderr=self.log)
-            self.processes.append(xvfb)
-            self.env["DISPLAY"] = ":" + number
-            try:
-                wait_for("the X server", lambda: xvfb.poll() is not None or self.owns_display(xvfb, number) and
-                         subprocess.run(["xprop", "-root", "_NET_WORKAREA"], env=self.env,
-                                        capture_output=True).returncode == 0, 10)
-            except Failure:
-                pass
-            if xvfb.poll() is None and self.owns_display(xvfb, number):
-                return
-            if xvfb.poll() is None:
-                xvfb.kill()
-            xvfb.wait()
-        raise Failure("Xvfb did not start: " + self.log_text())
-
-    @staticmethod
-    def owns_display(xvfb, number):
-        try:
-            with open("/tmp/.X%s-lock" % number) as lock:
-                return lock.read().strip() == str(xvfb.pid)
-        except OSError:
-            return False
+        # Xvfb takes the first display number whose socket is free and writes it to the pipe once it listens
+        # (-displayfd). -noreset: else the server would reset whenever its last client, an xprop, goes.
+        read_end, write_end = os.pipe()
+        self.processes.append(subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0",
+                                                "%dx%dx24" % SCREEN, "-nolisten", "tcp", "-noreset"],
+                                               stdout=self.log, stderr=self.log, pass_fds=[write_end]))
+        os.close(write_end)
+        with os.fdopen(read_end) as pipe:
+            number = pipe.readline().strip()
+        if not number:
+            raise Failure("Xvfb did not start: " + self.log_text())
+        self.env["DISPLAY"] = ":" + number
 
     def log_text(self):
         self.log.flush()
@@ -169,7 +140,8 @@ class Desktop:
         return tuple(int(v) for v in values[:4]) if len(values) >= 4 else (0, 0, 0, 0)
 
     def windows_named(self, name):
-        return self.x("xdotool", "search", "--name", "^%s$" % re.escape(name)).split()
+        """The mapped windows of that name."""
+        return self.x("xdotool", "search", "--onlyvisible", "--name", "^%s$" % re.escape(name)).split()
 
     def geometry(self, window):
         """(x, y, width, height, map state) of a window's client area."""
@@ -192,20 +164,16 @@ class Desktop:
         return set(re.findall(r"_NET_WM_STATE_\w+", self.x("xprop", "-id", window, "_NET_WM_STATE")))
 
     def tray_icons(self):
-        """The gateway's windows embedded in the trayer panel."""
-        icons, inside_trayer_depth = [], None
+        """The gateway's windows embedded in trayer's panel."""
+        icons, panel_depth = [], None
         for line in self.x("xwininfo", "-root", "-tree").splitlines():
-            match = re.match(r"(\s*)(0x[0-9a-f]+) (.*)", line)
-            if not match:
-                continue
-            depth = len(match.group(1))
-            if inside_trayer_depth is not None and depth <= inside_trayer_depth:
-                inside_trayer_depth = None
-            # The panel may sit in trayer's own top-level window or in a dock frame of the window manager.
-            if re.search(r'"(trayer|Trayer)"\)', match.group(3)):
-                inside_trayer_depth = depth
-            elif inside_trayer_depth is not None and '"tarnwick-gateway")' in match.group(3):
-                icons.append(match.group(2))
+            depth = len(line) - len(line.lstrip())
+            if panel_depth is not None and depth <= panel_depth:
+                panel_depth = None
+            if '("panel" "trayer")' in line:
+                panel_depth = depth
+            elif panel_depth is not None and '"tarnwick-gateway")' in line:
+                icons.append(line.split()[0])
         return icons
 
 
@@ -220,12 +188,7 @@ class Gateway:
 
     def main_window(self):
         """The main window, once it is mapped."""
-        def mapped():
-            for window in self.desktop.windows_named("Tarnwick Gateway"):
-                if self.desktop.geometry(window)[4] == "IsViewable":
-                    return window
-            return None
-        return wait_for("the main window", mapped)
+        return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
     def exit_status(self):
         try:
@@ -238,15 +201,6 @@ def outer_corner(desktop, window):
     x, y, width, height, _ = desktop.geometry(window)
     left, right, top, bottom = desktop.frame_extents(window)
     return (x + width + right, y + height + bottom)
-
-
-def settles_at(desktop, window, position):
-    """Whether the window comes to rest at `position` (openbox animates a window back from the icon)."""
-    try:
-        return wait_for("the window at %s" % (position,), lambda: desktop.geometry(window)[:2] == position, 5)
-    except Failure:
-        print("the window is at", desktop.geometry(window)[:2])
-        return False
 
 
 def close_by_close_box(desktop, gateway, window):
