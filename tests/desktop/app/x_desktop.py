@@ -28,8 +28,7 @@ USER_PORTS = (1110, 1025)
 SERVICE_PORT = 8110
 # Set in the environment of a program re-run by enter_own_network.
 OWN_NETWORK = "TARNWICK_OWN_NETWORK"
-
-
+# What a check raises when the desktop does not show what it should.
 Failure = AssertionError
 
 
@@ -66,14 +65,14 @@ class Desktop:
     def __init__(self, with_tray):
         self.processes = []
         self.folder = tempfile.mkdtemp(prefix="tarnwick-desktop-")
-        self.log = open(os.path.join(self.folder, "desktop.log"), "w+")
+        # Removed by stop(): this one and any a case adds.
+        self.folders = [self.folder]
         self.env = dict(os.environ, QT_QPA_PLATFORM="xcb", XDG_RUNTIME_DIR=self.folder, HOME=self.folder)
         self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
         self.tray = None
-        self.user_folders = []
         try:
             self.start_display()
-            self.start(["openbox", "--sm-disable"], self.log)
+            self.start(["openbox", "--sm-disable"], None)
             wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
             if with_tray:
                 self.start_tray()
@@ -87,36 +86,27 @@ class Desktop:
         read_end, write_end = os.pipe()
         self.processes.append(subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0",
                                                 "%dx%dx24" % SCREEN, "-nolisten", "tcp", "-noreset"],
-                                               stdout=self.log, stderr=self.log, pass_fds=[write_end]))
+                                               pass_fds=[write_end]))
         os.close(write_end)
         with os.fdopen(read_end) as pipe:
             number = pipe.readline().strip()
         if not number:
-            raise Failure("Xvfb did not start: " + self.log_text())
+            raise Failure("Xvfb did not start (its messages are above)")
         self.env["DISPLAY"] = ":" + number
-
-    def log_text(self):
-        self.log.flush()
-        with open(self.log.name) as log:
-            return log.read()
 
     def start_tray(self):
         self.tray = self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
                                 "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
         wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
 
-    def stop_tray(self):
-        stop_process(self.tray)
-        self.tray = None
-
     def start(self, command, log=subprocess.DEVNULL, user=None, env=None):
-        """Starts a program on this display; as `user` (a pwd entry) with a home and runtime folder of its
-        own when given, else as this user."""
+        """Starts a program on this display, its output to `log` (None: the test's own); as `user` (a pwd entry)
+        with a home and runtime folder of its own when given, else as this user."""
         env = dict(self.env, **(env or {}))
         ids = {}
         if user is not None:
             folder = tempfile.mkdtemp(prefix="tarnwick-user-")
-            self.user_folders.append(folder)
+            self.folders.append(folder)
             os.chown(folder, user.pw_uid, user.pw_gid)
             env.update(HOME=folder, XDG_RUNTIME_DIR=folder, USER=user.pw_name, LOGNAME=user.pw_name)
             ids = dict(user=user.pw_uid, group=user.pw_gid, extra_groups=[])
@@ -127,9 +117,7 @@ class Desktop:
     def stop(self):
         for process in reversed(self.processes):
             stop_process(process)
-        self.log.close()
-        shutil.rmtree(self.folder, ignore_errors=True)
-        for folder in self.user_folders:
+        for folder in self.folders:
             shutil.rmtree(folder, ignore_errors=True)
 
     def x(self, *command):
@@ -165,16 +153,9 @@ class Desktop:
 
     def tray_icons(self):
         """The gateway's windows embedded in trayer's panel."""
-        icons, panel_depth = [], None
-        for line in self.x("xwininfo", "-root", "-tree").splitlines():
-            depth = len(line) - len(line.lstrip())
-            if panel_depth is not None and depth <= panel_depth:
-                panel_depth = None
-            if '("panel" "trayer")' in line:
-                panel_depth = depth
-            elif panel_depth is not None and '"tarnwick-gateway")' in line:
-                icons.append(line.split()[0])
-        return icons
+        panels = self.x("xdotool", "search", "--class", "trayer").split()
+        trees = "".join(self.x("xwininfo", "-tree", "-id", panel) for panel in panels)
+        return re.findall(r'(0x[0-9a-f]+) .*\("tarnwick-gateway" "tarnwick-gateway"\)', trees)
 
 
 class Gateway:
@@ -191,10 +172,8 @@ class Gateway:
         return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
     def exit_status(self):
-        try:
-            return self.process.wait(TIMEOUT)
-        except subprocess.TimeoutExpired:
-            raise Failure("the gateway did not end")
+        """The gateway's exit status; subprocess.TimeoutExpired if it does not end."""
+        return self.process.wait(TIMEOUT)
 
 
 def outer_corner(desktop, window):
@@ -205,26 +184,17 @@ def outer_corner(desktop, window):
 
 def close_by_close_box(desktop, gateway, window):
     """Clicks the close button at the right end of the title bar; returns the gateway's exit status."""
-    # Now and then openbox lets a click on a window just restored from its icon go by (the window is mapped and
-    # at its place, but the button takes no press yet); the click is then given again.
-    for attempt in range(3):
-        x, y, width, _, _ = desktop.geometry(window)
-        left, right, top, bottom = desktop.frame_extents(window)
-        desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
-        try:
-            return gateway.process.wait(5)
-        except subprocess.TimeoutExpired:
-            print("the close box took no click (window %s, frame %s); clicking again" % (
-                desktop.geometry(window), desktop.frame_extents(window)))
+    x, y, width, _, _ = desktop.geometry(window)
+    _, right, top, _ = desktop.frame_extents(window)
+    desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
     return gateway.exit_status()
 
 
 def open_file_menu_and_exit(desktop, window):
     x, y, _, _, _ = desktop.geometry(window)
     desktop.x("xdotool", "mousemove", "--sync", str(x + 15), str(y + 9), "click", "1")
-    wait_for("the File menu", lambda: any(desktop.geometry(w)[4] == "IsViewable"
-                                          for w in desktop.x("xdotool", "search", "--class", "tarnwick-gateway").split()
-                                          if w not in desktop.windows_named("Tarnwick Gateway") and
-                                          desktop.geometry(w)[2] > 40))
+    wait_for("the File menu", lambda: any("_NET_WM_WINDOW_TYPE_DROPDOWN_MENU" in desktop.x("xprop", "-id", w)
+                                          for w in desktop.x("xdotool", "search", "--onlyvisible", "--class",
+                                                             "tarnwick-gateway").split()))
     # Up from the top of the menu wraps to its last item, Exit (Start is disabled while running).
     desktop.x("xdotool", "key", "Up", "Return")
