@@ -28,8 +28,6 @@ USER_PORTS = (1110, 1025)
 SERVICE_PORT = 8110
 # Set in the environment of a program re-run by enter_own_network.
 OWN_NETWORK = "TARNWICK_OWN_NETWORK"
-# What a check raises when the desktop does not show what it should.
-Failure = AssertionError
 
 
 def enter_own_network():
@@ -91,7 +89,7 @@ class Desktop:
         with os.fdopen(read_end) as pipe:
             number = pipe.readline().strip()
         if not number:
-            raise Failure("Xvfb did not start (its messages are above)")
+            raise AssertionError("Xvfb did not start (its messages are above)")
         self.env["DISPLAY"] = ":" + number
 
     def start_tray(self):
