@@ -13,9 +13,9 @@ import sys
 import tempfile
 import time
 
-from x_desktop import APP_LINE, QUIET_TIME, SERVICE_PORT, SKIPS, TOOLS, USER_PORTS, Desktop, Gateway, \
-    close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, ordinary_user, outer_corner, \
-    stop_process, taken_ports, two_free_ports, wait_for
+from x_desktop import APP_LINE, QUIET_TIME, SCREEN, SERVICE_PORT, SKIPS, TOOLS, TRAY_HEIGHT, USER_PORTS, Desktop, \
+    Gateway, close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, ordinary_user, \
+    outer_corner, stop_process, taken_ports, two_free_ports, wait_for
 
 # The log box's middle, in pixels from the client window's left edge and bottom (its top has the menu bar).
 LOG_BOX_MIDDLE = (220, 155)
@@ -27,17 +27,12 @@ def check(condition, message):
     print("ok:", message)
 
 
-def hidden(desktop, window):
-    return desktop.wm_state(window) is None and desktop.geometry(window)[4] == "IsUnMapped"
-
-
 def with_notification_area(desktop, arguments):
     gateway = Gateway(desktop, arguments.gateway)
     window = gateway.main_window()
-    area = desktop.work_area()
-    corner = (area[0] + area[2], area[1] + area[3])
+    corner = (SCREEN[0], SCREEN[1] - TRAY_HEIGHT)
     # The corner placement takes the frame into account once the window manager has drawn it.
-    wait_for("the outer frame's corner at the work area's corner %s" % (corner,),
+    wait_for("the outer frame's corner at the work area's corner %s, above the panel" % (corner,),
              lambda: outer_corner(desktop, window) == corner)
     x, y, width, height, _ = desktop.geometry(window)
     # The client area is 446 x 435 below the menu bar, which X11 counts into the client window.
@@ -50,11 +45,11 @@ def with_notification_area(desktop, arguments):
 
     desktop.x("xdotool", "windowminimize", window)
     # Iconified first by the window manager, then hidden (withdrawn) by the gateway.
-    wait_for("minimise to hide the window (withdrawn, not iconified)", lambda: hidden(desktop, window))
+    wait_for("minimise to hide the window (withdrawn, not iconified)", lambda: desktop.wm_state(window) is None)
     check(desktop.tray_icons() == [icon], "the icon stays")
     desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "1")
     time.sleep(QUIET_TIME)
-    check(hidden(desktop, window), "a single click on the icon changes nothing")
+    check(desktop.wm_state(window) is None, "a single click on the icon changes nothing")
     desktop.x("xdotool", "mousemove", "--window", icon, "8", "8", "click", "--repeat", "2", "--delay", "80", "1")
     # openbox animates the window back from the icon to its place.
     wait_for("a double-click to bring the window back, normal, at the same place %s" % ((x, y),),
@@ -62,7 +57,7 @@ def with_notification_area(desktop, arguments):
     wait_for("the window out of the task list again", lambda: SKIPS <= desktop.net_wm_state(window))
 
     desktop.x("xdotool", "windowminimize", window)
-    wait_for("the window hidden", lambda: hidden(desktop, window))
+    wait_for("the window hidden", lambda: desktop.wm_state(window) is None)
     stop_process(desktop.tray)
     wait_for("the hidden window back, into the task list, when the notification area goes",
              lambda: desktop.wm_state(window) == "Normal" and not desktop.net_wm_state(window) & SKIPS)
@@ -90,16 +85,18 @@ def replace_text(desktop, text):
 
 
 def without_notification_area(desktop, arguments):
-    """In the task list, an ordinary minimise; Stop and Start from the keyboard, the Tab order once around, log
-    box included, seen through what the keys stop and start (a focus that stayed in the log would type into it and
-    start nothing); the close box ends the gateway."""
+    """In the task list, an ordinary minimise; Stop and Start from the keyboard, the Tab order once around, log box
+    included (a focus stuck in the log would type into it and start nothing); the close box ends the gateway."""
     gateway = Gateway(desktop, arguments.gateway)
     window = gateway.main_window()
     check(not desktop.net_wm_state(window) & SKIPS, "in the task list, since there is no icon to come back through")
+    position = desktop.geometry(window)[:2]
     desktop.x("xdotool", "windowminimize", window)
     wait_for("minimise to be an ordinary minimise (iconified)", lambda: desktop.wm_state(window) == "Iconic")
     desktop.x("xdotool", "windowactivate", window)
-    wait_for("the window restored from the task list", lambda: desktop.wm_state(window) == "Normal")
+    # openbox animates the window back from the task list; the keys below need it at rest.
+    wait_for("the window restored from the task list, at rest at %s" % (position,),
+             lambda: desktop.wm_state(window) == "Normal" and desktop.geometry(window)[:2] == position)
 
     running = (gateway.pop3_port, gateway.smtp_port)
     wait_for("both servers listening", lambda: all(is_listening(p) for p in running))
@@ -124,9 +121,8 @@ def without_notification_area(desktop, arguments):
 
 
 def menu_entry_as_ordinary_user(desktop, arguments):
-    """A newcomer's path: install, start the menu entry's command as it stands as an ordinary user, see the
-    window with both servers on the ports the entry names, fetch mail; then start it by hand, headless, on a port
-    below 1024 and read the error."""
+    """A newcomer's path: install, start the menu entry's command as it stands as an ordinary user, fetch mail on
+    the ports it names; then start the gateway by hand, headless, on a port below 1024 and read the error."""
     user = ordinary_user()
     prefix = tempfile.mkdtemp(prefix="tarnwick-prefix-")
     desktop.folders.append(prefix)
@@ -146,11 +142,10 @@ def menu_entry_as_ordinary_user(desktop, arguments):
     client = poplib.POP3("127.0.0.1", USER_PORTS[0], timeout=30)
     client.user("demo")
     client.pass_("demo")
-    count, _ = client.stat()
     first_line = client.retr(1)[1][0]
     client.quit()
-    check(count > 0 and first_line == APP_LINE, "%s as %s, the first fetch: %d messages, the first beginning %r" % (
-        " ".join(command), user.pw_name if user else "this user", count, first_line))
+    check(first_line == APP_LINE, "%s as %s, the first fetch: the first message begins %r" % (
+        " ".join(command), user.pw_name if user else "this user", first_line))
     open_file_menu_and_exit(desktop, window)
     check(gateway.exit_status() == 0, "File, Exit ends the gateway with status 0")
 
@@ -188,7 +183,6 @@ def main():
         print("SKIPPED: something on this machine listens on port(s) %s, and only root can give the test a "
               "network of its own" % ", ".join(map(str, taken_ports(fixed))))
         return 77
-    # A check that fails raises AssertionError, which ends the test with status 1 and says what was not seen.
     desktop = Desktop(with_tray=case is not without_notification_area)
     try:
         case(desktop, arguments)

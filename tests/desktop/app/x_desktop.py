@@ -4,6 +4,7 @@ scripts/screenshots use it. Every process it starts is stopped by its process id
 
 import os
 import pwd
+import random
 import re
 import shutil
 import subprocess
@@ -12,7 +13,7 @@ import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 import tarnwick_testing  # noqa: E402
-from tarnwick_testing import APP_LINE, is_listening, stop_process, two_free_ports  # noqa: E402,F401
+from tarnwick_testing import APP_LINE, is_listening, read_file, stop_process, two_free_ports  # noqa: E402,F401
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -63,39 +64,46 @@ class Desktop:
     def __init__(self, with_tray):
         self.processes = []
         self.folder = tempfile.mkdtemp(prefix="tarnwick-desktop-")
-        # Removed by stop(): this one and any a case adds.
         self.folders = [self.folder]
         self.env = dict(os.environ, QT_QPA_PLATFORM="xcb", XDG_RUNTIME_DIR=self.folder, HOME=self.folder)
         self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
         self.tray = None
         try:
             self.start_display()
+            if with_tray:
+                # Before the window manager: openbox adopts a panel already mapped when it starts, but can lose
+                # the map request of one mapped while it starts (the panel then never shows, nor its strut).
+                self.start_tray()
             self.start(["openbox", "--sm-disable"], None)
             wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
-            if with_tray:
-                self.start_tray()
+            # The work area ends above the panel once the window manager has read the panel's strut.
+            strut = "= 0, 0, %d, %d," % (SCREEN[0], SCREEN[1] - TRAY_HEIGHT)
+            wait_for("the panel's strut", lambda: not with_tray or strut in self.x("xprop", "-root", "_NET_WORKAREA"))
         except BaseException:
             self.stop()
             raise
 
     def start_display(self):
-        # Xvfb takes the first display number whose socket is free and writes it to the pipe once it listens
-        # (-displayfd). -noreset: else the server would reset whenever its last client, an xprop, goes.
-        read_end, write_end = os.pipe()
-        self.processes.append(subprocess.Popen(["Xvfb", "-displayfd", str(write_end), "-screen", "0",
-                                                "%dx%dx24" % SCREEN, "-nolisten", "tcp", "-noreset"],
-                                               pass_fds=[write_end]))
-        os.close(write_end)
-        with os.fdopen(read_end) as pipe:
-            number = pipe.readline().strip()
-        if not number:
-            raise AssertionError("Xvfb did not start (its messages are above)")
-        self.env["DISPLAY"] = ":" + number
+        # A display number of our own, found by trying: a server takes a number only through its lock file
+        # /tmp/.X<n>-lock, seen from every network namespace (-displayfd takes no lock, and from a namespace of
+        # its own takes over another's socket). -noreset: else it resets whenever its last client goes.
+        for attempt in range(20):
+            number = random.randint(100, 999)
+            self.env["DISPLAY"] = ":%d" % number
+            xvfb = self.start(["Xvfb", self.env["DISPLAY"], "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp",
+                               "-noreset"], None)
+            ours = lambda: read_file("/tmp/.X%d-lock" % number).strip() == str(xvfb.pid).encode()
+            # A server that finds the number taken ends at once.
+            wait_for("the X server on " + self.env["DISPLAY"],
+                     lambda: xvfb.poll() is not None or ours() and self.x("xprop", "-root"))
+            if xvfb.poll() is None:
+                return
+        raise AssertionError("Xvfb did not start")
 
     def start_tray(self):
         self.tray = self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
                                 "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
-        wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
+        wait_for("the panel mapped", lambda: self.x("xdotool", "search", "--onlyvisible", "--class", "trayer"))
 
     def start(self, command, log=subprocess.DEVNULL, user=None, env=None):
         """Starts a program on this display, its output to `log` (None: the test's own); as `user` (a pwd entry)
@@ -120,10 +128,6 @@ class Desktop:
 
     def x(self, *command):
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
-
-    def work_area(self):
-        values = re.findall(r"\d+", self.x("xprop", "-root", "_NET_WORKAREA").partition("=")[2])
-        return tuple(int(v) for v in values[:4]) if len(values) >= 4 else (0, 0, 0, 0)
 
     def windows_named(self, name):
         """The mapped windows of that name."""
@@ -170,7 +174,6 @@ class Gateway:
         return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
     def exit_status(self):
-        """The gateway's exit status; subprocess.TimeoutExpired if it does not end."""
         return self.process.wait(TIMEOUT)
 
 
