@@ -14,7 +14,6 @@ INBOX = [
 ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
 
 # Failures for the next request of a kind ("login", "folders", "inbox", "get", "bmove", "post").
-DROP = "drop"                        # reply headers and part of the body, then the connection closes
 ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
 SILENT = "silent"                    # reads the request, then says nothing and keeps the connection open
 STALL_MID_BODY = "stall mid-body"    # reply headers and half the body, then nothing, the connection kept open
@@ -108,15 +107,11 @@ class ScriptedService:
                 with self._lock:
                     self.endless_sent += 1 << 16
             return
-        if failure in (STALL_MID_BODY, DROP):
-            # Half the body of a longer one, then silence with the connection open, or the connection closed.
-            self._headers(h, length=len(body) + (1000 if failure == DROP else 0))
+        if failure == STALL_MID_BODY:
+            self._headers(h, length=len(body))
             h.wfile.write(body[: len(body) // 2])
             h.wfile.flush()
-            if failure == STALL_MID_BODY:
-                return self._hold(h)
-            h.close_connection = True
-            return h.connection.shutdown(socket.SHUT_RDWR)
+            return self._hold(h)
         if failure == ERROR_500_NO_DAV:
             self._headers(h, 500, len(ERROR_PAGE), dav=False)
             return h.wfile.write(ERROR_PAGE)
