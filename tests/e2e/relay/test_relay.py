@@ -41,10 +41,6 @@ def setUpModule():
     fetch(stack, "sam", "sam-pw")  # the gateway sends with the credentials of the last fetch
 
 
-def relay_to_mx_again():
-    stack.restart_webmail(webmail_args=["--relay", mx.url()] + RETRY)
-
-
 def restart_mx(refused=None, data_pause=0):
     """Starts the mail server again on its port, refusing `refused` at RCPT and pausing `data_pause` s at DATA."""
     mx.stop()
@@ -205,7 +201,7 @@ class Relay(unittest.TestCase):
                                      login=("relayuser", "s3cret:pass word"))
         secure.start()
         self.addCleanup(secure.stop)
-        self.addCleanup(relay_to_mx_again)
+        self.addCleanup(stack.restart_webmail, webmail_args=["--relay", mx.url()] + RETRY)
         auth = os.path.join(work.name, "relay-auth")
         with open(os.open(auth, os.O_WRONLY | os.O_CREAT | os.O_TRUNC, 0o600), "w") as f:
             f.write("relayuser:s3cret:pass word\n")
