@@ -49,7 +49,6 @@ class Postfix:
         self.mailboxes = dict(mailboxes or {"someone@example.test": "someone/"})
         self.refused = dict(refused or {})
         self.data_pause = data_pause
-        self.tls = login is not None
         self.login = login
         self.port = self.tls_port = self.master = None
         self.etc = os.path.join(folder, "etc")
@@ -96,7 +95,7 @@ class Postfix:
                 f.write("%s = %s\n" % (key, value))
         with open(os.path.join(self.etc, "master.cf"), "w") as f:
             f.write("%s:%d inet n - n - - smtpd\n" % (HOST, self.port))
-            if self.tls:
+            if self.login:
                 f.write("%s:%d inet n - n - - smtpd -o smtpd_tls_wrappermode=yes\n" % (HOST, self.tls_port))
             f.write(SERVICES)
         check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
@@ -130,7 +129,7 @@ class Postfix:
     def start(self):
         if self.port is None:
             self.port = free_port()
-        if self.tls and self.tls_port is None:
+        if self.login and self.tls_port is None:
             self.tls_port = free_port()
         self._configure()
         # A session of its own: on SIGTERM the master stops its process group, its services with it.
