@@ -115,11 +115,8 @@ class ScriptedService:
                     '<D:href>%s/svcs/hotmail/tarnwick.asp</D:href><D:propstat><D:prop>%s</D:prop>'
                     '<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>'
                     % (b, props)).encode()
-        if kind == "folders":
-            entries = "".join('<D:response><D:href>%s/%s/</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>'
-                              '<D:displayname>%s</D:displayname></D:prop></D:propstat></D:response>'
-                              % (b, name, name) for name in ("inbox", "trash"))
-            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:">%s</D:multistatus>' % entries).encode()
+        if kind == "folders":  # no folders besides the inbox: POP3 reads only the inbox
+            return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'
         if kind == "inbox":
             entries = "".join(
                 '<D:response><D:href>%s/inbox/%s</D:href><D:propstat><D:prop><D:id>%s</D:id>'
