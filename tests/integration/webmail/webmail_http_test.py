@@ -1,48 +1,51 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
 (challenges, the log, the body limit, paths as sent, the trusted reverse proxy), messages served whole over HTTP
-and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, and the options that keep it from serving unsafely. The
-connection limits and idle time-out are libmicrohttpd's own; the service's answers to the gateway are proved
-with the gateway in tests/e2e."""
+and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, the options that keep it from serving unsafely, and two
+processes over one store racing moves, flags, listings and deliveries."""
 
 import base64
 import http.client
 import os
-import shutil
+import re
 import socket
 import ssl
 import subprocess
 import tempfile
+import threading
 import unittest
 import warnings
+from concurrent.futures import ThreadPoolExecutor
 
 from proxy_testing import make_certificates
-from tarnwick_testing import HOST, SERVICE_PATH, Webmail, binary, read_file
+from tarnwick_testing import HOST, SERVICE_PATH, Store, Webmail, binary, read_file
 
 BINARY = binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail")
-LOGIN_HEADER = ("<?xml version='1.0'?><D:propfind xmlns:D='DAV:' xmlns:h='http://schemas.tarnwick.invalid/hotmail/' "
-                "xmlns:hm='urn:schemas:tarnwick:'><D:prop><h:adbar/><hm:contacts/><hm:inbox/><hm:outbox/><hm:sendmsg/>"
-                "<hm:sentitems/><hm:deleteditems/><hm:drafts/><hm:msgfolderroot/><h:maxpoll/><h:sig/></D:prop></D:propfind>")
-DEMO = "Basic " + base64.b64encode(b"demo:demo").decode()
 
 
 def basic(name, password):
     return "Basic " + base64.b64encode(("%s:%s" % (name, password)).encode()).decode()
 
 
+DEMO = basic("demo", "demo")
+
+
 class Service(unittest.TestCase):
-    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, ann), stopped by
-    SIGTERM at its end with status 0."""
-    args = ("--max-message-size", "4096", "--trusted-proxy", "127.0.0.1")
+    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, ann and bob), stopped
+    by SIGTERM at its end with status 0."""
     host = HOST
 
     def setUp(self):
         tmp = tempfile.TemporaryDirectory(prefix="tarnwick-webmail-")
         self.addCleanup(tmp.cleanup)
         self.dir, self.store = tmp.name, os.path.join(tmp.name, "store")
-        subprocess.run([BINARY, "--store", self.store, "--add-user", "ann", "ann-pw"], check=True,
-                       stdout=subprocess.DEVNULL)
-        self.webmail = Webmail(self.dir, "webmail", self.store, ["--demo", *self.args], host=self.host)
+        for user in ("ann", "bob"):
+            subprocess.run([BINARY, "--store", self.store, "--add-user", user, user + "-pw"], check=True,
+                           stdout=subprocess.DEVNULL)
+        self.webmail = Webmail(self.dir, "webmail", self.store, ["--demo", *self.options()], host=self.host)
         self.port = self.webmail.port
+
+    def options(self):
+        return ("--max-message-size", "4096", "--trusted-proxy", "127.0.0.1")
 
     def tearDown(self):
         self.assertEqual(self.webmail.stop(), 0)
@@ -62,17 +65,15 @@ class Service(unittest.TestCase):
             conn.close()
 
     def login(self, auth=DEMO, headers=None, conn=None):
-        return self.request("PROPFIND", SERVICE_PATH, None, dict(headers or {}, PROPFIND=LOGIN_HEADER), auth, conn)
+        return self.request("PROPFIND", SERVICE_PATH, None, headers, auth, conn)
 
     def assert_messages_come_whole(self, connect):
-        """GETs of messages small and large (read whole, sent from the descriptor, read in pieces), either side of
-        the size up to which a message is read whole, and with bare LF line ends (served as CR LF)."""
+        """GETs of a small message (read whole), a large one (sent from the descriptor) and one with bare LF line
+        ends (read in pieces, served with CR LF)."""
         big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
-        cases = [("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big)]
-        for n, size in ((3, 64 * 1024), (4, 64 * 1024 + 1), (5, 20)):
-            text = b"Subject: s\r\n\r\n" + b"x" * (size - 17) + b"\r\n"
-            cases.append(("%d.sized.host" % n, text, text))
-        for name, stored, served in cases:
+        small = b"Subject: small\r\n\r\nshort\r\n"
+        for name, stored, served in (("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big),
+                                     ("3.small.host", small, small)):
             with self.subTest(name=name):
                 with open(os.path.join(self.store, "demo", "cur", name + ":2,S"), "wb") as f:
                     f.write(stored)
@@ -96,9 +97,9 @@ class HttpTest(Service):
 
     def test_paths_outside_the_account_are_never_served(self):
         # Sent as they are: the server must not decode an escaped slash or dot before the router sees the path.
+        # (Which escapes a path may not hold is the path parser's own rule; another account's folder is the router's.)
         for path in ("/mail/demo/folders/INBOX/..%2F..%2F..%2Fpasswd", "/mail/demo/../../passwd",
-                     "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/demo/folders/INBOX/%2Fetc%2Fpasswd",
-                     "/mail/demo/folders/INBOX%00/", "/mail/ann/folders/INBOX/", "/mail/..%2Fpasswd/folders/INBOX/"):
+                     "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/ann/folders/INBOX/"):
             status, headers, body = self.request("GET", path)
             self.assertIn(status, (403, 404, 405), path)
             self.assertIn("X-Dav-Error", headers, path)
@@ -126,7 +127,7 @@ class HttpTest(Service):
         ]
         for n, (what, source, forwarded_for, proto, client, scheme) in enumerate(rows):
             with self.subTest(what):
-                headers = dict({"X-Forwarded-For": forwarded_for}, **({"X-Forwarded-Proto": proto} if proto else {}))
+                headers = {"X-Forwarded-For": forwarded_for, "X-Forwarded-Proto": proto}
                 status, _, body = self.login(headers=headers, conn=self.connect(source))
                 self.assertEqual(status, 207)
                 self.assertIn("<hm:inbox>%s://127.0.0.1:%d/" % (scheme, self.port), body.decode())
@@ -135,7 +136,7 @@ class HttpTest(Service):
                 self.assertEqual(self.request("POST", "/mail/demo/sendmsg", text, dict(
                     headers, **{"Content-Type": "message/rfc821"}), conn=self.connect(source))[0], 200)
                 sent = os.path.join(self.store, "demo", ".Sent Items", "cur")
-                (copy,) = [m for m in map(read_file, (os.path.join(sent, f) for f in os.listdir(sent)))
+                (copy,) = [m for m in (read_file(os.path.join(sent, f)) for f in os.listdir(sent))
                            if b"Subject: %d\r\n" % n in m]
                 self.assertTrue(copy.startswith(b"Received: from %s (authenticated account demo)" % client.encode()))
 
@@ -146,12 +147,9 @@ class HttpTest(Service):
 class TlsTest(Service):
     host = "[::1]"
 
-    def setUp(self):
-        certificates = tempfile.mkdtemp(prefix="tarnwick-tls-")
-        self.certs = make_certificates(certificates)
-        self.args = ("--tls-cert", self.certs["cert"], "--tls-key", self.certs["key"])
-        super().setUp()
-        self.addCleanup(shutil.rmtree, certificates, ignore_errors=True)
+    def options(self):
+        self.certs = make_certificates(self.dir)
+        return ("--tls-cert", self.certs["cert"], "--tls-key", self.certs["key"])
 
     def context(self, version):
         context = ssl.create_default_context(cafile=self.certs["ca"])
@@ -169,7 +167,7 @@ class TlsTest(Service):
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             with self.subTest(version=version):
                 conn = self.connect_tls(version)
-                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO, "PROPFIND": LOGIN_HEADER})
+                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO})
                 reply = conn.getresponse()
                 self.assertEqual(reply.status, 207)
                 self.assertEqual(conn.sock.version(), version.name.replace("v1_", "v1."))
@@ -212,5 +210,98 @@ class OptionsTest(unittest.TestCase):
                 self.assertIn(message, run.stderr)
 
 
-if __name__ == "__main__":
-    unittest.main()
+
+def race_text(i):
+    return b"Subject: race %d\r\n\r\nbody of message %d\r\n" % (i, i)
+
+
+def maildir_files(folder):
+    """{unique part of the name: content} of one Maildir's new/ and cur/, failing on a unique part seen twice."""
+    out = {}
+    for sub in ("new", "cur"):
+        for name in os.listdir(os.path.join(folder, sub)):
+            unique = name.split(":2,")[0]
+            assert unique not in out, "%s is in %s twice" % (unique, folder)
+            out[unique] = read_file(os.path.join(folder, sub, name))
+    return out
+
+
+class TwoInstancesRaceTest(Service):
+    """A second process over the same store, driven at once with the first the way two instances behind one proxy
+    are: each of ann's messages is moved to the trash by one instance while the other flips its read flag at the
+    same moment, both list the folder meanwhile and both deliver mail into bob's inbox. Afterwards every file is
+    counted: nothing lost, nothing doubled, every move done."""
+    COUNT = 200
+    SENT_EACH = 100
+    INBOX = "/mail/ann/folders/INBOX/"
+    MARK = ("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
+            "<hm:read>%d</hm:read></D:prop></D:set></D:propertyupdate>")
+    MOVE = "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>%s</D:href></D:target></D:move>"
+
+    def test_moves_flags_listings_and_deliveries_of_two_processes_lose_and_double_nothing(self):
+        store = Store(self.store)
+        ids = [store.deliver("ann", race_text(i)) for i in range(self.COUNT)]
+        second = Webmail(self.dir, "second", self.store)
+        self.addCleanup(lambda: self.assertEqual(second.stop(), 0))
+        ports = [self.port, second.port]
+        done = threading.Event()
+
+        def request(which, method, path, body="", headers=None):
+            # A connection of its own to instance `which`, as ann: (status, body).
+            status, _, reply = self.request(method, path, body, headers, basic("ann", "ann-pw"),
+                                            http.client.HTTPConnection(HOST, ports[which], timeout=30))
+            return status, reply
+
+        # Message i is moved by instance i % 2 while the other instance flips its flag: both start together.
+        def mover(which):
+            for i in range(which, self.COUNT, 2):
+                barriers[i].wait()
+                status, body = request(which, "BMOVE", self.INBOX, self.MOVE % ids[i], {
+                    "Destination": "/mail/ann/folders/Deleted%20Items/", "Content-Type": "text/xml"})
+                # The move succeeds although a flag change renames the same file at the same moment.
+                assert status == 207 and b"201 Created" in body, (status, body)
+
+        def flagger(which):
+            for i in range(1 - which, self.COUNT, 2):
+                barriers[i].wait()
+                for read in (1, 0, 1, 0):
+                    status, _ = request(which, "PROPPATCH", self.INBOX + ids[i], self.MARK % read)
+                    assert status in (207, 404), status  # 404: moved away already
+
+        def lister(which):
+            while not done.is_set():
+                status, body = request(which, "PROPFIND", self.INBOX)
+                assert status == 207, status
+                listed = re.findall(rb"<D:id>([^<]*)</D:id>", body)
+                assert len(listed) == len(set(listed)), sorted(listed)
+
+        def sender(which):
+            for n in range(self.SENT_EACH):
+                status, _ = request(which, "POST", "/mail/ann/sendmsg", "MAIL FROM:<ann@tarnwick.local>\r\n"
+                                    "RCPT TO:<bob@tarnwick.local>\r\n\r\nSubject: sent %d-%d\r\n\r\nfrom %d\r\n.\r\n"
+                                    % (which, n, which), {"Content-Type": "message/rfc821"})
+                assert status == 200, status
+
+        barriers = [threading.Barrier(2, timeout=30) for _ in ids]
+        with ThreadPoolExecutor(8) as pool:
+            listers = [pool.submit(lister, which) for which in (0, 1)]
+            try:
+                for work in [pool.submit(work, which) for work in (mover, flagger, sender) for which in (0, 1)]:
+                    work.result(120)  # raises what the worker raised
+            finally:
+                done.set()  # the listers stop
+            for work in listers:
+                work.result(30)
+
+        ann = os.path.join(self.store, "ann")
+        self.assertEqual(maildir_files(ann), {})
+        self.assertEqual(maildir_files(os.path.join(ann, ".Deleted Items")),
+                         {unique: race_text(i) for i, unique in enumerate(ids)})
+        # Every posted message arrived once in bob's inbox and once in ann's Sent Items.
+        for folder in (os.path.join(self.store, "bob"), os.path.join(ann, ".Sent Items")):
+            subjects = sorted(re.search(rb"Subject: sent (\d+-\d+)", m).group(1).decode()
+                              for m in maildir_files(folder).values())
+            self.assertEqual(subjects, sorted("%d-%d" % (w, n) for w in (0, 1) for n in range(self.SENT_EACH)), folder)
+        for folder in (ann, os.path.join(ann, ".Deleted Items"), os.path.join(ann, ".Sent Items"),
+                       os.path.join(self.store, "bob")):
+            self.assertEqual(os.listdir(os.path.join(folder, "tmp")), [])

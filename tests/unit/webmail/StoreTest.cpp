@@ -1,9 +1,14 @@
 // The Maildir store: listing order and ids across new/ -> cur/, flags and moves, links never followed, the
-// password file, and delivery of a submission with its trace field, all copies or none.
+// password file, the posted submission and its envelope rules (control characters, long addresses, recipients
+// once each and capped), and its delivery with a trace field, all copies or none. Message files as the listing
+// and GET read them: no links followed, exact served size, CR LF conversion while streaming. (The header and the
+// attachment line are read in the listing's test.)
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <chrono>
 #include <fstream>
+#include <set>
 #include <sstream>
 
 #include "tests/support/FileSizeLimit.h"
@@ -135,11 +140,22 @@ TEST(PasswordFileTest, ParsesPasswordsWithColonsRefusesBadLinesAndSurvivesAReloa
     EXPECT_EQ(fs::status(dir.path() / PasswordFile::kFileName).permissions() & fs::perms::others_read, fs::perms::none);
 }
 
-TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyNamesThePoster) {
+// Local recipients get an INBOX copy, the others are queued in the sender's Outbox, the sender keeps a read copy
+// in Sent Items, and every copy starts with a trace field naming the poster. The copies are made for bob's INBOX,
+// then ann's Outbox (the largest), then ann's Sent Items: when one cannot be stored, none is left anywhere, and
+// once the store can take it the message is delivered whole, once.
+TEST(MailDeliveryTest, CopiesForLocalAndQueuedRecipientsAndTheSenderAllOrNone) {
     TempDir dir;
     MaildirStore store(dir.path());
     store.AddUser("ann", "pw");
     store.AddUser("bob", "pw");
+    const auto files = [&] {
+        std::set<fs::path> out;
+        for (const auto& e : fs::recursive_directory_iterator(dir.path())) {
+            if (e.is_regular_file()) out.insert(e.path());
+        }
+        return out;
+    };
     const auto only = [&](const std::string& account, const char* folder) {
         const auto entries = store.FindAccount(account)->Folder(folder)->List();
         EXPECT_EQ(entries.size(), 1u) << account << " " << folder;
@@ -149,7 +165,17 @@ TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyN
     };
     const Submission s{
         "ann@example.org", {"bob@EXAMPLE.org", "far@elsewhere.net", "nobody@example.org"}, "Subject: t\r\n\r\nhi\r\n"};
-    const auto result = MailDelivery(store, "Example.ORG").Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
+    const MailDelivery delivery(store, "Example.ORG");
+    const MailDelivery::Origin origin{"127.0.0.1", 1021371673};
+    const auto before = files();
+    {
+        testing_support::FileSizeLimit limit(200);  // room for the INBOX copy, not for the Outbox copy's envelope
+        ASSERT_TRUE(limit.Active());
+        EXPECT_ANY_THROW(delivery.Deliver(*store.FindAccount("ann"), s, origin));
+    }
+    EXPECT_EQ(files(), before);
+
+    const auto result = delivery.Deliver(*store.FindAccount("ann"), s, origin);
     EXPECT_EQ(result.local, std::vector<std::string>{"bob"});
     EXPECT_EQ(result.queued, (std::vector<std::string>{"far@elsewhere.net", "nobody@example.org"}));
     const std::string trace =
@@ -165,37 +191,135 @@ TEST(MailDeliveryTest, LocalRecipientsGetInboxCopiesOthersAreQueuedAndEveryCopyN
                                          s.message);
 }
 
-// Copies are made for bob's INBOX, then ann's Outbox (the largest), then ann's Sent Items: when one cannot be
-// stored, none is left anywhere, and once the store can take it the message is delivered whole, once.
-TEST(MailDeliveryTest, ACopyThatCannotBeStoredLeavesNoCopyAnywhere) {
-    TempDir dir;
-    MaildirStore store(dir.path());
-    store.AddUser("ann", "pw");
-    store.AddUser("bob", "pw");
-    const auto files = [&](const char* account) {
-        std::vector<fs::path> out;
-        for (const auto& e : fs::recursive_directory_iterator(dir.path() / account)) {
-            if (e.is_regular_file()) out.push_back(e.path());
+// What follows the envelope is the message: unstuffed, up to the dot line, the line break before it kept.
+TEST(SubmissionTest, ParsesTheMessageUpToTheDotLine) {
+    const std::string envelope = "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n";
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {envelope + "Subject: s\r\n\r\nbody\r\n\r\n.\r\n", "Subject: s\r\n\r\nbody\r\n\r\n"},  // empty line stays
+        {envelope + "..hidden\r\n...\r\nx.\r\n.\r\n", ".hidden\r\n..\r\nx.\r\n"},
+        {envelope + ".\r\n", ""},
+        {"MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n.\n", "m\n"},  // bare LF line ends
+    };
+    for (const auto& [body, message] : cases) {
+        std::string error;
+        const auto parsed = Submission::Parse(body, error);
+        ASSERT_TRUE(parsed) << body << ": " << error;
+        EXPECT_EQ(parsed->message, message) << body;
+    }
+}
+
+// The envelope: extra words, missing brackets, a tab and the verb in any case; a null sender; recipients once
+// each, the local part compared exactly and the domain in any case.
+TEST(SubmissionTest, ParsesTheEnvelope) {
+    const struct {
+        std::string envelope;
+        std::string sender;
+        std::vector<std::string> recipients;
+    } cases[] = {
+        {"MAIL FROM: <a@x.org>\tSIZE=20\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt to:<c@z.org>\r\n", "a@x.org",
+         {"b@y.org", "c@z.org"}},
+        {"MAIL FROM:<>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\n", "", {"b@Y.org", "B@y.org"}},
+    };
+    for (const auto& c : cases) {
+        std::string error;
+        const auto parsed = Submission::Parse(c.envelope + "\r\nm\r\n.\r\n", error);
+        ASSERT_TRUE(parsed) << c.envelope << ": " << error;
+        EXPECT_EQ(parsed->sender, c.sender) << c.envelope;
+        EXPECT_EQ(parsed->recipients, c.recipients) << c.envelope;
+    }
+}
+
+// Recipients "r0@y.org" ... in one body.
+std::string WithRecipients(std::size_t distinct, std::size_t repeats = 1) {
+    std::string body = "MAIL FROM:<a@x.org>\r\n";
+    for (std::size_t r = 0; r < repeats; ++r) {
+        for (std::size_t i = 0; i < distinct; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
+    }
+    return body + "\r\nm\r\n\r\n.\r\n";
+}
+
+TEST(SubmissionTest, RefusesMalformedBodiesControlCharactersLongAddressesAndTooManyRecipients) {
+    const std::string ok = "RCPT TO:<b@y.org>\r\n\r\nm\r\n\r\n.\r\n";
+    const std::vector<std::pair<std::string, std::string>> refused = {
+        {"", "first line must be MAIL FROM:"},
+        {"MAIL FROM:<a@x>\r\n\r\nm\r\n.\r\n", "no RCPT TO: line"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n", "no empty line after the envelope"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<b@y>\r\n\r\nno end line\r\n", "message does not end with a \".\" line"},
+        {"MAIL FROM:<a@x>\r\nRCPT TO:<>\r\n\r\n.\r\n", "empty recipient"},
+        {"MAIL FROM:<a@x>\r\nDATA\r\n\r\nm\r\n.\r\n", "envelope line is not RCPT TO:"},
+        {"MAIL FROM:<a@x.org\rBcc: c@z.org>\r\n" + ok, "control character in the MAIL FROM line"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\rBcc: c@z.org\r\n\r\nm\r\n.\r\n",
+         "control character in the RCPT TO line"},
+        {"MAIL FROM:<a\t@x.org>\r\n" + ok, "control character in the MAIL FROM address"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<" + std::string(250, 'b') + "@y.org>\r\n\r\nm\r\n.\r\n",
+         "RCPT TO address longer than 254 characters"},
+        {WithRecipients(101), "more than 100 recipients"},
+    };
+    for (const auto& [body, reason] : refused) {
+        std::string error;
+        EXPECT_FALSE(Submission::Parse(body, error)) << body.substr(0, 60);
+        EXPECT_EQ(error, reason) << body.substr(0, 60);
+    }
+    std::string error;
+    EXPECT_EQ(Submission::Parse(WithRecipients(100), error)->recipients.size(), 100u);
+    // The same address ten thousand times is one recipient, who gets one copy.
+    EXPECT_EQ(Submission::Parse(WithRecipients(1, 10000), error)->recipients, std::vector<std::string>{"r0@y.org"});
+}
+
+class MessageFileTest : public ::testing::Test {
+protected:
+    fs::path Write(const std::string& name, const std::string& bytes) {
+        fs::path path = dir.path() / name;
+        std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
+        return path;
+    }
+    // Everything ReadServed gives, asked for at most `capacity` bytes at a time.
+    static std::string Served(const MessageFile& file, std::size_t capacity) {
+        std::string out, piece(capacity, '\0');
+        std::uint64_t offset = 0;
+        bool lastCr = false;
+        while (const long n = file.ReadServed(offset, lastCr, piece.data(), capacity)) {
+            if (n < 0) ADD_FAILURE() << "read error";
+            if (n <= 0) break;
+            out.append(piece, 0, static_cast<std::size_t>(n));
         }
         return out;
-    };
-    const auto deliver = [&] {
-        const Submission s{"ann@example.org", {"bob@example.org", "far@elsewhere.net"}, "Subject: t\r\n\r\nhi\r\n"};
-        MailDelivery(store, "example.org").Deliver(*store.FindAccount("ann"), s, {"127.0.0.1", 1021371673});
-    };
-    const auto ann = files("ann");
-    const auto bob = files("bob");
-    {
-        testing_support::FileSizeLimit limit(200);  // room for the INBOX copy, not for the Outbox copy's envelope
-        ASSERT_TRUE(limit.Active());
-        EXPECT_ANY_THROW(deliver());
     }
-    EXPECT_EQ(files("ann"), ann);
-    EXPECT_EQ(files("bob"), bob);
-    deliver();
-    EXPECT_EQ(store.FindAccount("bob")->Folder("INBOX")->List().size(), 1u);
-    EXPECT_EQ(store.FindAccount("ann")->Folder("Sent Items")->List().size(), 1u);
-    EXPECT_EQ(store.FindAccount("ann")->Folder("Outbox")->List().size(), 1u);
+    TempDir dir;
+};
+
+TEST_F(MessageFileTest, ServesEveryBareLfAsCrLfWithTheListedSizeWhateverThePieceSize) {
+    // CR LF pairs and bare LFs that straddle the 64 KB scan blocks and the small read pieces.
+    std::string big(200000, 'x');
+    big[65535] = '\r', big[65536] = '\n', big[131072] = '\n', big[131071] = 'y', big[199999] = '\n';
+    std::string bigServed = big;
+    bigServed.insert(199999, "\r");
+    bigServed.insert(131072, "\r");
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"a\nb\r\nc\n\n", "a\r\nb\r\nc\r\n\r\n"},
+        {"x\r\r\ny\r", "x\r\r\ny\r"},
+        {big, bigServed},
+    };
+    int n = 0;
+    for (const auto& [raw, expected] : cases) {
+        const auto file = MessageFile::Open(Write("m" + std::to_string(++n), raw));
+        ASSERT_TRUE(file);
+        const MessageFile::Facts facts = file->ReadFacts();
+        EXPECT_EQ(facts.servedSize, expected.size()) << n;
+        EXPECT_EQ(facts.bareLf, raw != expected) << n;
+        for (std::size_t capacity : {2u, 3u, 7u, 65536u}) EXPECT_EQ(Served(*file, capacity), expected) << n;
+    }
+}
+
+TEST_F(MessageFileTest, OpensOnlyRegularFilesNeverThroughALink) {
+    const fs::path target = Write("target", "Subject: secret\r\n\r\n");
+    fs::create_symlink(target, dir.path() / "link");
+    fs::create_directory(dir.path() / "folder");
+    ASSERT_EQ(::mkfifo((dir.path() / "fifo").c_str(), 0600), 0);  // opening it must not wait for a writer
+    for (const char* name : {"link", "folder", "fifo", "missing"}) {
+        EXPECT_FALSE(MessageFile::Open(dir.path() / name)) << name;
+    }
+    EXPECT_TRUE(MessageFile::Open(target));
 }
 
 }  // namespace

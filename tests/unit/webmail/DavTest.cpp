@@ -1,0 +1,187 @@
+// The web service's own layer. What it reads from a request before it touches the store: paths, Basic
+// credentials and the Digest check's answers to right, wrong, replayed, forged and expired credentials. (Which
+// address names what is shown by every request of the end-to-end tests; instances that share a Digest key behind
+// one proxy end to end.) What the mailbox listing shows of a message: header fields read and cleaned, dates in
+// their common shapes, and the From text in 7 bits.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <tuple>
+
+#include "tests/support/TempDir.h"
+#include "webmail/dav/BasicCredentials.h"
+#include "webmail/dav/DigestAuth.h"
+#include "webmail/dav/EncodedWords.h"
+#include "webmail/dav/ListedMessage.h"
+#include "webmail/dav/UrlCodec.h"
+#include "webmail/text/MailDate.h"
+
+namespace {
+
+using namespace webmail::dav;
+using webmail::store::MaildirEntry;
+using webmail::store::MessageFile;
+
+TEST(RequestParserTest, PathsThatCouldLeaveTheTreeAreRefused) {
+    for (const char* bad : {"", "relative", "/a/../b", "/a/./b", "/a//b", "/a/%2e%2E/b", "/a/b%2Fc", "/a/b%2fc",
+                            "/a/%5c", "/a/%00", "/a/%zz", "/a/%4"}) {
+        EXPECT_FALSE(UrlCodec::SplitPath(bad)) << bad;
+    }
+    EXPECT_EQ(UrlCodec::SplitPath("/mail/ann/folders/Sent%20Items/"),
+              (std::vector<std::string>{"mail", "ann", "folders", "Sent Items"}));
+}
+
+TEST(RequestParserTest, BasicCredentialsSchemeInAnyCaseStrictBase64AndNoControlCharacters) {
+    const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
+        {"Basic ZGVtbzpkZW1v", "demo", "demo"},
+        {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
+        {"basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
+    };
+    for (const auto& [header, name, password] : accepted) {
+        const auto c = BasicCredentials::Parse(header);
+        ASSERT_TRUE(c) << header;
+        EXPECT_EQ(c->name, name) << header;
+        EXPECT_EQ(c->password, password) << header;
+    }
+    for (const char* header : {"Basic ZGVtbzpkZW1vAGp1bms=",  // "demo:demo\0junk"
+                               "Basic ZGVtbzpkZQ1tbw==",      // "demo:de\rmo"
+                               "Basic ZGV/bW86ZGVtbw==",      // "de\x7Fmo:demo"
+                               "Basic ZGVtb2RlbW8=",          // no colon
+                               "Basic ZGVtbzpkZW1v=", "Basic ZGVt*zpkZW1v", "BasicZGVtbzpkZW1v", ""}) {
+        EXPECT_FALSE(BasicCredentials::Parse(header)) << header;
+    }
+}
+
+using O = DigestAuth::Outcome;
+
+constexpr std::int64_t kNow = 1'800'000'000;
+constexpr unsigned kLifetime = 300;
+
+// An Authorization value answering challenge (its nonce) the way a client does.
+std::string Answer(const std::string& challenge, const std::string& password = "secret", const std::string& uri = "/a",
+                   const std::string& nc = "00000001", const std::string& scheme = "Digest") {
+    const std::size_t start = challenge.find("nonce=\"") + 7;
+    DigestAuth::Credentials c{
+        "demo", "realm", challenge.substr(start, challenge.find('"', start) - start), uri, "", "auth", nc, "0a4f113b",
+        "",     ""};
+    return scheme + " username=\"demo\", realm=\"realm\", nonce=\"" + c.nonce + "\", uri=\"" + uri +
+           "\", qop=auth, nc=" + nc + ", cnonce=\"0a4f113b\", opaque=\"op\", response=\"" +
+           DigestAuth::ExpectedResponse(c, "PROPFIND", password) + "\"";
+}
+
+O Check(DigestAuth& auth, const std::string& authorization, std::int64_t now = kNow, const char* target = "/a") {
+    const auto lookup = [](const std::string& user) {
+        return user == "demo" ? std::optional<std::string>("secret") : std::nullopt;
+    };
+    const auto result = auth.Check(authorization, "PROPFIND", target, lookup, now);
+    EXPECT_EQ(result.user, result.outcome == O::Accepted ? "demo" : "");
+    return result.outcome;
+}
+
+TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
+    DigestAuth auth("realm", "op", kLifetime, 4);
+    const std::string challenge = auth.Challenge(false, kNow);
+    EXPECT_TRUE(challenge.starts_with(R"(Digest realm="realm", qop="auth", algorithm=MD5, nonce=")")) << challenge;
+    EXPECT_TRUE(auth.Challenge(true, kNow).ends_with(", stale=true"));
+
+    std::string forged = Answer(challenge);
+    forged[forged.find("nonce=\"") + 10] ^= 1;  // a digit of the issue time
+    const struct {
+        const char* what;
+        std::string authorization;
+        std::int64_t now;
+        O outcome;
+        const char* target = "/a";  // the address the request went to
+    } cases[] = {
+        {"right", Answer(challenge), kNow + 1, O::Accepted},
+        {"lower-case scheme, same nonce, next nc", Answer(challenge, "secret", "/a", "00000002", "digest"), kNow,
+         O::Accepted},
+        {"nc replayed", Answer(challenge, "secret", "/a", "00000002"), kNow, O::Refused},
+        {"wrong password", Answer(challenge, "wrong", "/a", "00000003"), kNow, O::Refused},
+        {"uri of another request", Answer(challenge, "secret", "/b", "00000003"), kNow, O::Refused},
+        {"same nonce on another address", Answer(challenge, "secret", "/c", "00000003"), kNow, O::Accepted, "/c"},
+        {"forged nonce", forged, kNow, O::Refused},
+        {"expired nonce", Answer(challenge, "secret", "/a", "00000004"), kNow + kLifetime + 1, O::Stale},
+        {"expired nonce, wrong password", Answer(challenge, "wrong", "/a", "00000004"), kNow + kLifetime + 1,
+         O::Refused},
+    };
+    for (const auto& c : cases) EXPECT_EQ(Check(auth, c.authorization, c.now, c.target), c.outcome) << c.what;
+    // Once more nonces are in use than are tracked, the older ones are answered stale, never replayable.
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(Check(auth, Answer(auth.Challenge(false, kNow))), i < 3 ? O::Accepted : O::Stale);
+    }
+    EXPECT_EQ(Check(auth, Answer(challenge, "secret", "/a", "00000009")), O::Stale);
+}
+
+ListedMessage Listed(const TempDir& dir, const std::string& raw, const std::string& flags = "") {
+    const auto path = dir.path() / "m";
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << raw;
+    std::filesystem::last_write_time(path, std::filesystem::file_time_type::clock::from_sys(
+                                               std::chrono::sys_seconds(std::chrono::seconds(1021371673))));
+    return ListedMessage::Read(MaildirEntry{"1.a.host", path, flags}, *MessageFile::Open(path));
+}
+
+TEST(ListedMessageTest, ReadsUnfoldedHeaderFieldsInAnyCaseAndOnlyFromTheHeader) {
+    TempDir dir;
+    const auto m = Listed(dir,
+                          "Received: by x\r\nFROM: \"Ann Smith\"\r\n <ann@x.org>\r\nto: bob@y.org\r\n"
+                          "Subject: Hello\r\n\tworld\r\nDate: Tue, 14 May 2002 10:21:13 +0200\r\n"
+                          "Content-Type: multipart/mixed; boundary=b\r\n\r\nSubject: not me\r\n",
+                          "S");
+    EXPECT_EQ(m.from, "\"Ann Smith\" <ann@x.org>");
+    EXPECT_EQ(m.fromAddress, "ann@x.org");
+    EXPECT_EQ(m.to, "bob@y.org");
+    EXPECT_EQ(m.subject, "Hello world");
+    EXPECT_EQ(m.date, "2002-05-14T08:21:13");
+    EXPECT_TRUE(m.hasAttachment);
+    EXPECT_TRUE(m.read);
+
+    const auto bare = Listed(dir, "Subject: Caf\xE9\n\nContent-Disposition: attachment\n");
+    EXPECT_EQ(bare.subject, "Caf\xC3\xA9");       // a Latin-1 byte, sent as UTF-8
+    EXPECT_EQ(bare.date, "2002-05-14T10:21:13");  // the file's time
+    EXPECT_EQ(bare.size, 50u);                    // every LF served as CR LF
+    EXPECT_TRUE(bare.hasAttachment);              // a part declares itself one
+    EXPECT_FALSE(bare.read);
+}
+
+TEST(ListedMessageTest, DatesInTheirCommonShapes) {
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {"14 May 2002 10:21:13 -0130", "2002-05-14T11:51:13"},
+        {"Fri, 1 Feb 02 23:30 GMT", "2002-02-01T23:30:00"},
+        {"Wed, 31 Dec 2003 20:00:00 EST", "2004-01-01T01:00:00"},
+    };
+    for (const auto& [text, iso] : cases) EXPECT_EQ(webmail::text::IsoDate(text), iso) << text;
+    for (const char* bad : {"", "yesterday", "Tue, 14 Foo 2002 10:21:13", "14 May 2002", "14 May 2002 25:00:00"}) {
+        EXPECT_FALSE(webmail::text::IsoDate(bad)) << bad;
+    }
+}
+
+// 8-bit words become RFC 2047 encoded-words of at most 75 characters, each character whole. (That every result
+// is printable ASCII is a rule the headers fuzz target checks.)
+TEST(EncodedWordsTest, EightBitWordsBecomeEncodedWordsOfWholeCharacters) {
+    const struct {
+        const char* name;
+        std::string from;
+        std::string expected;
+    } cases[] = {
+        {"ASCII passes unchanged", "Ann Example <ann@example.org>", "Ann Example <ann@example.org>"},
+        {"UTF-8 words are encoded together, the address stays plain", "J\xC3\xBCrgen M\xC3\xBCller <j@x.org>",
+         "=?UTF-8?Q?J=C3=BCrgen_M=C3=BCller?= <j@x.org>"},
+        {"Latin-1 bytes are read as Latin-1 and sent as UTF-8", "Fran\xE7ois <francois@example.org>",
+         "=?UTF-8?Q?Fran=C3=A7ois?= <francois@example.org>"},
+        {"an existing encoded-word passes unchanged", "=?iso-8859-1?q?Ren=E9?= <rene@example.org>",
+         "=?iso-8859-1?q?Ren=E9?= <rene@example.org>"},
+        {"the blank after an existing encoded-word is kept inside the new one",
+         "=?UTF-8?Q?J=C3=BCrgen?= M\xC3\xBCller <m@x.org>",
+         "=?UTF-8?Q?J=C3=BCrgen?= =?UTF-8?Q?_M=C3=BCller?= <m@x.org>"},
+        {"a quoted name with 8-bit bytes is encoded whole, quotes and specials too", "\"Zo\xC3\xAB, QA\" <z@x.org>",
+         "=?UTF-8?Q?=22Zo=C3=AB=2C_QA=22?= <z@x.org>"},
+        {"a long name is split at 75 characters, between characters",
+         std::string(30, 'a') + "\xE2\x82\xAC" + std::string(40, 'b'),
+         "=?UTF-8?Q?" + std::string(30, 'a') + "=E2=82=AC" + std::string(24, 'b') + "?= =?UTF-8?Q?" +
+             std::string(16, 'b') + "?="},
+    };
+    for (const auto& c : cases) EXPECT_EQ(EncodedWords::Encode(c.from), c.expected) << c.name;
+}
+
+}  // namespace
