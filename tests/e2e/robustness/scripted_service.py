@@ -7,13 +7,14 @@ import socket
 import threading
 import time
 
+ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
 INBOX = [
     ("msg-1", b"From: Ann <ann@example.org>\r\nSubject: one\r\n\r\nThe first message.\r\n"),
     ("msg-2", b"From: Bob <bob@example.org>\r\nSubject: two\r\n\r\n.A line that begins with a dot.\r\n"),
 ]
 
 # Failures for the next request of a kind ("login", "folders", "inbox", "get", "bmove", "post").
-ERROR_500_NO_DAV = "500 no header"   # status 500 and no X-Dav-Error header
+ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
 SILENT = "silent"                    # reads the request, then says nothing and keeps the connection open
 STALL_MID_BODY = "stall mid-body"    # reply headers and half the body, then nothing, the connection kept open
 ENDLESS = "endless"                  # reply headers, then body bytes for ever (chunked, no end)
@@ -102,6 +103,8 @@ class ScriptedService:
             h.wfile.write(body[: len(body) // 2])
             h.wfile.flush()
             return self._hold(h)
+        if failure == ERROR_500_NO_DAV:
+            body = ERROR_PAGE
         self._headers(h, 500 if failure == ERROR_500_NO_DAV else 200, length=len(body))
         h.wfile.write(body)
 

@@ -1,15 +1,16 @@
-"""What a mail reader gets when the web mail service stops talking or never stops, against the built gateway
-(headless) and a scripted service on loopback; a reply cut short and an error page are the service client's own
-cases, proved below the gateway. The gateway's quirks stay: a message whose fetch failed arrives empty, and the
-first error of the process is the one every later failure reports (so each case starts a gateway of its own). The
-stalls run with 2-second request time-outs (a setting for tests only) and a 1 MB reply limit. Every case ends with
-the next client served."""
+"""What a mail reader gets when the web mail service stops talking, never stops, or answers a fetch with an error
+page, against the built gateway (headless) and a scripted service on loopback; a reply cut short is the service
+client's own case, proved below the gateway. The gateway's quirks stay: a message whose fetch failed arrives
+empty, an error page is served as if it were the message, and the first error of the process is the one every
+later failure reports (so each case starts a gateway of its own). The stalls run with 2-second request time-outs
+(a setting for tests only) and a 1 MB reply limit. Every case ends with the next client served."""
 
 import time
 import unittest
 
 import messages as M
-from scripted_service import ENDLESS, ERROR_500_NO_DAV, INBOX, SILENT, SLOW_READ, STALL_MID_BODY, ScriptedService
+from scripted_service import (ENDLESS, ERROR_500_NO_DAV, ERROR_PAGE, INBOX, SILENT, SLOW_READ, STALL_MID_BODY,
+                              ScriptedService)
 from tarnwick_testing import APP_LINE, SERVICE_PATH, Stack
 
 SIZES = [len(text) for _, text in INBOX]
@@ -32,6 +33,8 @@ CASES = [
      "reports the time-out",
      {"get": STALL_MID_BODY, "bmove": ERROR_500_NO_DAV},
      [("STAT", LISTED), ("RETR 1", retr(1, b"")), ("RETR 2", retr(2)), ("DELE 1", TIMED_OUT)]),
+    ("a fetch answered 500 without X-Dav-Error: the error page arrives as if it were the message",
+     {"get": ERROR_500_NO_DAV}, [("RETR 1", retr(1, ERROR_PAGE)), ("RETR 2", retr(2))]),
     ("the log-in is never answered: the request times out", {"login": SILENT}, [("STAT", TIMED_OUT)]),
     ("the listing never ends: it is cut at the reply limit and nothing of it is kept",
      {"inbox": ENDLESS}, [("STAT", b"-ERR The server response exceeded the allowed size\r\n")]),
