@@ -21,7 +21,6 @@
 
 namespace {
 
-using testing_support::DavReply;
 using testing_support::FakeWebDavService;
 
 FakeWebDavService& Service() {
@@ -49,8 +48,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     FakeWebDavService& service = Service();
     try {
         service.ClearScript();
-        service.Enqueue(DavReply(loginReply));
-        service.Enqueue(DavReply(folderReply));
+        service.Enqueue({loginReply});
+        service.Enqueue({folderReply});
         core::MErrorHandler::ResetForTesting();
         mailservice::CHotmail session;
         session.SetUserName("ann");
@@ -60,8 +59,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }
     try {
         service.ClearScript();
-        service.Enqueue(DavReply(mailboxReply));
-        for (int i = 0; i < 8; ++i) service.Enqueue(DavReply(messageText, 404));
+        service.Enqueue({mailboxReply});
+        for (int i = 0; i < 8; ++i) service.Enqueue({messageText, 404});
         core::MErrorHandler::ResetForTesting();
         mailservice::CHotmail().ParseMailboxInfo(service.Url("/mail/ann/folders/INBOX/"));
     } catch (const core::Error&) {

@@ -6,24 +6,22 @@ import os
 import shutil
 import subprocess
 
+from proxy_testing import make_certificates
 from tarnwick_testing import HOST, free_port, is_listening, read_file, start, stop_process, wait_for
 
 MASTER = "/usr/lib/postfix/sbin/master"
+NOBODY = 65534  # owns the Maildirs: Postfix will not deliver as root
 # The services a private instance needs, none in a chroot (Debian's own master.cf assumes one).
 SERVICES = """\
 cleanup   unix  n       -       n       -       0       cleanup
 qmgr      unix  n       -       n       300     1       qmgr
 rewrite   unix  -       -       n       -       -       trivial-rewrite
+proxymap  unix  -       -       n       -       -       proxymap
 bounce    unix  -       -       n       -       0       bounce
 defer     unix  -       -       n       -       0       bounce
 trace     unix  -       -       n       -       0       bounce
-proxymap  unix  -       -       n       -       -       proxymap
-smtp      unix  -       -       n       -       -       smtp
-error     unix  -       -       n       -       -       error
-retry     unix  -       -       n       -       -       error
 virtual   unix  -       n       n       -       -       virtual
 anvil     unix  -       -       n       -       1       anvil
-scache    unix  -       -       n       -       1       scache
 postlog   unix-dgram n  -       n       -       1       postlogd
 tlsmgr    unix  -       -       n       1000?   1       tlsmgr
 """
@@ -39,24 +37,22 @@ def unavailable():
 
 class Postfix:
     """One private Postfix. `mailboxes` maps each address it accepts to a Maildir under `mail_base` (default: a
-    folder of its own), written as uid/gid (never root: Postfix refuses that). `refused` maps addresses to the
-    reply that refuses them at RCPT; `data_pause` delays the answer to DATA. `login` (user, password) asks for
-    TLS (STARTTLS, and TLS from the start on `tls_port`, certificate in `ca_file`) and SASL as that user. The
-    postfix user must be able to pass through the folders above `folder`."""
+    folder of its own), written as NOBODY. `refused` maps addresses to the reply that refuses them at RCPT;
+    `data_pause` delays the answer to DATA. `login` (user, password) asks for TLS (STARTTLS, and TLS from the
+    start on `tls_port`, signed by the authority in `ca_file`) and SASL as that user. The postfix user must be
+    able to pass through the folders above `folder`."""
 
     def __init__(self, folder, domains=("example.test",), mailboxes=None, refused=None, data_pause=0,
-                 uid=65534, gid=65534, mail_base=None, login=None):
+                 mail_base=None, login=None):
         self.dir = folder
         self.domains = domains
         self.mailboxes = dict(mailboxes or {"someone@example.test": "someone/"})
         self.refused = dict(refused or {})
         self.data_pause = data_pause
-        self.uid, self.gid = uid, gid
-        self.tls = login is not None
         self.login = login
         self.port = self.tls_port = self.master = None
         self.etc = os.path.join(folder, "etc")
-        self.ca_file = os.path.join(self.etc, "cert.pem")
+        self.ca_file = None
         self.mail = mail_base or os.path.join(folder, "mail")
         self._own_mail = mail_base is None
 
@@ -65,7 +61,7 @@ class Postfix:
             os.makedirs(d, exist_ok=True)
         os.chmod(self.dir, 0o711)
         if self._own_mail:
-            os.chown(self.mail, self.uid, self.gid)
+            os.chown(self.mail, NOBODY, NOBODY)
         shutil.chown(os.path.join(self.dir, "data"), "postfix")
         for name, table in (("mailboxes", self.mailboxes), ("refused", self.refused)):
             with open(os.path.join(self.etc, name), "w") as f:
@@ -75,12 +71,6 @@ class Postfix:
             "config_directory": self.etc,
             "queue_directory": os.path.join(self.dir, "queue"),
             "data_directory": os.path.join(self.dir, "data"),
-            "daemon_directory": "/usr/lib/postfix/sbin",
-            "command_directory": "/usr/sbin",
-            "meta_directory": "/etc/postfix",
-            "shlib_directory": "/usr/lib/postfix",
-            "mail_owner": "postfix",
-            "setgid_group": "postdrop",
             "maillog_file": "/dev/stdout",
             "myhostname": "mx." + self.domains[0],
             "mydestination": "",
@@ -88,24 +78,14 @@ class Postfix:
             "inet_protocols": "ipv4",
             "mynetworks": "127.0.0.0/8",
             "alias_maps": "",
-            "alias_database": "",
-            "smtputf8_enable": "no",
-            # Mail from the tests' client is mail from the world: no header is added or rewritten.
-            "local_header_rewrite_clients": "",
-            "disable_mime_output_conversion": "yes",
-            "message_size_limit": "0",
-            "virtual_mailbox_limit": "0",
             "virtual_mailbox_domains": " ".join(self.domains),
             "virtual_mailbox_base": self.mail,
             "virtual_mailbox_maps": "texthash:" + os.path.join(self.etc, "mailboxes"),
-            "virtual_uid_maps": "static:%d" % self.uid,
-            "virtual_gid_maps": "static:%d" % self.gid,
-            "virtual_minimum_uid": "1",
+            "virtual_uid_maps": "static:%d" % NOBODY,
+            "virtual_gid_maps": "static:%d" % NOBODY,
             "smtpd_recipient_restrictions": "check_recipient_access texthash:%s, permit_mynetworks, "
                                             "reject_unauth_destination" % os.path.join(self.etc, "refused"),
             "smtpd_data_restrictions": "sleep %d" % self.data_pause if self.data_pause else "",
-            "queue_run_delay": "1s",
-            "minimal_backoff_time": "1s",
         }
         if self.login:
             settings.update(self._tls_settings())
@@ -115,7 +95,7 @@ class Postfix:
                 f.write("%s = %s\n" % (key, value))
         with open(os.path.join(self.etc, "master.cf"), "w") as f:
             f.write("%s:%d inet n - n - - smtpd\n" % (HOST, self.port))
-            if self.tls:
+            if self.login:
                 f.write("%s:%d inet n - n - - smtpd -o smtpd_tls_wrappermode=yes\n" % (HOST, self.tls_port))
             f.write(SERVICES)
         check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
@@ -123,16 +103,10 @@ class Postfix:
             raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
 
     def _tls_settings(self):
-        if not os.path.exists(self.ca_file):
-            made = subprocess.run(
-                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2", "-subj", "/CN=127.0.0.1",
-                 "-addext", "subjectAltName=IP:127.0.0.1", "-keyout", os.path.join(self.etc, "key.pem"),
-                 "-out", self.ca_file], capture_output=True, timeout=60)
-            if made.returncode != 0:
-                raise AssertionError("openssl req failed: %r" % made.stderr)
-        return {"smtpd_tls_cert_file": self.ca_file, "smtpd_tls_key_file": os.path.join(self.etc, "key.pem"),
-                "smtpd_tls_security_level": "may", "smtpd_tls_loglevel": "1",
-                "smtpd_tls_received_header": "yes"}
+        certificates = make_certificates(self.etc)
+        self.ca_file = certificates["ca"]
+        return {"smtpd_tls_cert_file": certificates["cert"], "smtpd_tls_key_file": certificates["key"],
+                "smtpd_tls_security_level": "may"}
 
     def _login_settings(self):
         user, password = self.login
@@ -155,7 +129,7 @@ class Postfix:
     def start(self):
         if self.port is None:
             self.port = free_port()
-        if self.tls and self.tls_port is None:
+        if self.login and self.tls_port is None:
             self.tls_port = free_port()
         self._configure()
         # A session of its own: on SIGTERM the master stops its process group, its services with it.

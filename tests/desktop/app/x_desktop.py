@@ -2,21 +2,18 @@
 notification area; the gateway driven with xdotool and read with xwininfo and xprop. The desktop test and
 scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
-import fcntl
 import os
 import pwd
 import random
 import re
 import shutil
-import socket
-import struct
 import subprocess
 import sys
 import tempfile
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "support"))
 import tarnwick_testing  # noqa: E402
-from tarnwick_testing import is_listening, stop_process, two_free_ports  # noqa: E402,F401
+from tarnwick_testing import APP_LINE, is_listening, read_file, stop_process, two_free_ports  # noqa: E402,F401
 
 TOOLS = ["Xvfb", "openbox", "trayer", "xdotool", "xwininfo", "xprop"]
 SCREEN = (1024, 768)
@@ -34,20 +31,14 @@ SERVICE_PORT = 8110
 OWN_NETWORK = "TARNWICK_OWN_NETWORK"
 
 
-Failure = AssertionError
-
-
 def enter_own_network():
     """Re-executes the calling program under unshare(1) in a network namespace of its own (as root only), so that
     its fixed ports cannot clash with anything else on the machine. Returns whether it now runs in one."""
     if os.environ.pop(OWN_NETWORK, None) == "1":
-        # A new namespace's loopback interface starts down: set IFF_UP with SIOCGIFFLAGS/SIOCSIFFLAGS.
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as s:
-            request = struct.pack("16sH", b"lo", 0)
-            flags = struct.unpack("16sH", fcntl.ioctl(s, 0x8913, request))[1]
-            fcntl.ioctl(s, 0x8914, struct.pack("16sH", b"lo", flags | 0x1))
+        # A new namespace's loopback interface starts down.
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return True
-    if os.geteuid() != 0 or not shutil.which("unshare") or \
+    if os.geteuid() != 0 or not shutil.which("unshare") or not shutil.which("ip") or \
             subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
         return False
     sys.stdout.flush()
@@ -60,12 +51,7 @@ def taken_ports(ports):
 
 def ordinary_user():
     """The user an ordinary desktop user's programs run as: this one (None), or `nobody` when this is root."""
-    if os.geteuid() != 0:
-        return None
-    try:
-        return pwd.getpwnam("nobody")
-    except KeyError:
-        raise Failure("running as root and there is no user nobody to start the gateway as")
+    return pwd.getpwnam("nobody") if os.geteuid() == 0 else None
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
@@ -78,74 +64,55 @@ class Desktop:
     def __init__(self, with_tray):
         self.processes = []
         self.folder = tempfile.mkdtemp(prefix="tarnwick-desktop-")
-        self.log = open(os.path.join(self.folder, "desktop.log"), "w+")
+        self.folders = [self.folder]
         self.env = dict(os.environ, QT_QPA_PLATFORM="xcb", XDG_RUNTIME_DIR=self.folder, HOME=self.folder)
         self.env.pop("DBUS_SESSION_BUS_ADDRESS", None)
         self.tray = None
-        self.user_folders = []
         try:
             self.start_display()
-            self.start(["openbox", "--sm-disable"], self.log)
-            wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
             if with_tray:
+                # Before the window manager: openbox adopts a panel already mapped when it starts, but can lose
+                # the map request of one mapped while it starts (the panel then never shows, nor its strut).
                 self.start_tray()
+            self.start(["openbox", "--sm-disable"], None)
+            wait_for("the window manager", lambda: "_NET_SUPPORTING_WM_CHECK(WINDOW)" in self.x("xprop", "-root"))
+            # The work area ends above the panel once the window manager has read the panel's strut.
+            strut = "= 0, 0, %d, %d," % (SCREEN[0], SCREEN[1] - TRAY_HEIGHT)
+            wait_for("the panel's strut", lambda: not with_tray or strut in self.x("xprop", "-root", "_NET_WORKAREA"))
         except BaseException:
             self.stop()
             raise
 
     def start_display(self):
-        # A display number of our own, found by trying: the server takes a number only through its lock file
-        # /tmp/.X<n>-lock, created atomically, so two servers never share one (-displayfd does not lock).
+        # A display number of our own, found by trying: a server takes a number only through its lock file
+        # /tmp/.X<n>-lock, seen from every network namespace (-displayfd takes no lock, and from a namespace of
+        # its own takes over another's socket). -noreset: else it resets whenever its last client goes.
         for attempt in range(20):
-            number = str(random.randint(100, 999))
-            xvfb = subprocess.Popen(["Xvfb", ":" + number, "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp",
-                                     "-noreset"],
-                                    stdout=self.log, stderr=self.log)
-            self.processes.append(xvfb)
-            self.env["DISPLAY"] = ":" + number
-            try:
-                wait_for("the X server", lambda: xvfb.poll() is not None or self.owns_display(xvfb, number) and
-                         subprocess.run(["xprop", "-root", "_NET_WORKAREA"], env=self.env,
-                                        capture_output=True).returncode == 0, 10)
-            except Failure:
-                pass
-            if xvfb.poll() is None and self.owns_display(xvfb, number):
-                return
+            number = random.randint(100, 999)
+            self.env["DISPLAY"] = ":%d" % number
+            xvfb = self.start(["Xvfb", self.env["DISPLAY"], "-screen", "0", "%dx%dx24" % SCREEN, "-nolisten", "tcp",
+                               "-noreset"], None)
+            ours = lambda: read_file("/tmp/.X%d-lock" % number).strip() == str(xvfb.pid).encode()
+            # A server that finds the number taken ends at once.
+            wait_for("the X server on " + self.env["DISPLAY"],
+                     lambda: xvfb.poll() is not None or ours() and self.x("xprop", "-root"))
             if xvfb.poll() is None:
-                xvfb.kill()
-            xvfb.wait()
-        raise Failure("Xvfb did not start: " + self.log_text())
-
-    @staticmethod
-    def owns_display(xvfb, number):
-        try:
-            with open("/tmp/.X%s-lock" % number) as lock:
-                return lock.read().strip() == str(xvfb.pid)
-        except OSError:
-            return False
-
-    def log_text(self):
-        self.log.flush()
-        with open(self.log.name) as log:
-            return log.read()
+                return
+        raise AssertionError("Xvfb did not start")
 
     def start_tray(self):
         self.tray = self.start(["trayer", "--edge", "bottom", "--align", "right", "--SetDockType", "true",
                                 "--SetPartialStrut", "true", "--widthtype", "request", "--height", str(TRAY_HEIGHT)])
-        wait_for("the panel's strut", lambda: self.work_area()[3] == SCREEN[1] - TRAY_HEIGHT)
-
-    def stop_tray(self):
-        stop_process(self.tray)
-        self.tray = None
+        wait_for("the panel mapped", lambda: self.x("xdotool", "search", "--onlyvisible", "--class", "trayer"))
 
     def start(self, command, log=subprocess.DEVNULL, user=None, env=None):
-        """Starts a program on this display; as `user` (a pwd entry) with a home and runtime folder of its
-        own when given, else as this user."""
+        """Starts a program on this display, its output to `log` (None: the test's own); as `user` (a pwd entry)
+        with a home and runtime folder of its own when given, else as this user."""
         env = dict(self.env, **(env or {}))
         ids = {}
         if user is not None:
             folder = tempfile.mkdtemp(prefix="tarnwick-user-")
-            self.user_folders.append(folder)
+            self.folders.append(folder)
             os.chown(folder, user.pw_uid, user.pw_gid)
             env.update(HOME=folder, XDG_RUNTIME_DIR=folder, USER=user.pw_name, LOGNAME=user.pw_name)
             ids = dict(user=user.pw_uid, group=user.pw_gid, extra_groups=[])
@@ -156,20 +123,15 @@ class Desktop:
     def stop(self):
         for process in reversed(self.processes):
             stop_process(process)
-        self.log.close()
-        shutil.rmtree(self.folder, ignore_errors=True)
-        for folder in self.user_folders:
+        for folder in self.folders:
             shutil.rmtree(folder, ignore_errors=True)
 
     def x(self, *command):
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
 
-    def work_area(self):
-        values = re.findall(r"\d+", self.x("xprop", "-root", "_NET_WORKAREA").partition("=")[2])
-        return tuple(int(v) for v in values[:4]) if len(values) >= 4 else (0, 0, 0, 0)
-
     def windows_named(self, name):
-        return self.x("xdotool", "search", "--name", "^%s$" % re.escape(name)).split()
+        """The mapped windows of that name."""
+        return self.x("xdotool", "search", "--onlyvisible", "--name", "^%s$" % re.escape(name)).split()
 
     def geometry(self, window):
         """(x, y, width, height, map state) of a window's client area."""
@@ -192,21 +154,10 @@ class Desktop:
         return set(re.findall(r"_NET_WM_STATE_\w+", self.x("xprop", "-id", window, "_NET_WM_STATE")))
 
     def tray_icons(self):
-        """The gateway's windows embedded in the trayer panel."""
-        icons, inside_trayer_depth = [], None
-        for line in self.x("xwininfo", "-root", "-tree").splitlines():
-            match = re.match(r"(\s*)(0x[0-9a-f]+) (.*)", line)
-            if not match:
-                continue
-            depth = len(match.group(1))
-            if inside_trayer_depth is not None and depth <= inside_trayer_depth:
-                inside_trayer_depth = None
-            # The panel may sit in trayer's own top-level window or in a dock frame of the window manager.
-            if re.search(r'"(trayer|Trayer)"\)', match.group(3)):
-                inside_trayer_depth = depth
-            elif inside_trayer_depth is not None and '"tarnwick-gateway")' in match.group(3):
-                icons.append(match.group(2))
-        return icons
+        """The gateway's windows embedded in trayer's panel."""
+        panels = self.x("xdotool", "search", "--class", "trayer").split()
+        trees = "".join(self.x("xwininfo", "-tree", "-id", panel) for panel in panels)
+        return re.findall(r'(0x[0-9a-f]+) .*\("tarnwick-gateway" "tarnwick-gateway"\)', trees)
 
 
 class Gateway:
@@ -220,18 +171,10 @@ class Gateway:
 
     def main_window(self):
         """The main window, once it is mapped."""
-        def mapped():
-            for window in self.desktop.windows_named("Tarnwick Gateway"):
-                if self.desktop.geometry(window)[4] == "IsViewable":
-                    return window
-            return None
-        return wait_for("the main window", mapped)
+        return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
     def exit_status(self):
-        try:
-            return self.process.wait(TIMEOUT)
-        except subprocess.TimeoutExpired:
-            raise Failure("the gateway did not end")
+        return self.process.wait(TIMEOUT)
 
 
 def outer_corner(desktop, window):
@@ -240,37 +183,19 @@ def outer_corner(desktop, window):
     return (x + width + right, y + height + bottom)
 
 
-def settles_at(desktop, window, position):
-    """Whether the window comes to rest at `position` (openbox animates a window back from the icon)."""
-    try:
-        return wait_for("the window at %s" % (position,), lambda: desktop.geometry(window)[:2] == position, 5)
-    except Failure:
-        print("the window is at", desktop.geometry(window)[:2])
-        return False
-
-
 def close_by_close_box(desktop, gateway, window):
     """Clicks the close button at the right end of the title bar; returns the gateway's exit status."""
-    # Now and then openbox lets a click on a window just restored from its icon go by (the window is mapped and
-    # at its place, but the button takes no press yet); the click is then given again.
-    for attempt in range(3):
-        x, y, width, _, _ = desktop.geometry(window)
-        left, right, top, bottom = desktop.frame_extents(window)
-        desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
-        try:
-            return gateway.process.wait(5)
-        except subprocess.TimeoutExpired:
-            print("the close box took no click (window %s, frame %s); clicking again" % (
-                desktop.geometry(window), desktop.frame_extents(window)))
+    x, y, width, _, _ = desktop.geometry(window)
+    _, right, top, _ = desktop.frame_extents(window)
+    desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
     return gateway.exit_status()
 
 
 def open_file_menu_and_exit(desktop, window):
     x, y, _, _, _ = desktop.geometry(window)
     desktop.x("xdotool", "mousemove", "--sync", str(x + 15), str(y + 9), "click", "1")
-    wait_for("the File menu", lambda: any(desktop.geometry(w)[4] == "IsViewable"
-                                          for w in desktop.x("xdotool", "search", "--class", "tarnwick-gateway").split()
-                                          if w not in desktop.windows_named("Tarnwick Gateway") and
-                                          desktop.geometry(w)[2] > 40))
+    wait_for("the File menu", lambda: any("_NET_WM_WINDOW_TYPE_DROPDOWN_MENU" in desktop.x("xprop", "-id", w)
+                                          for w in desktop.x("xdotool", "search", "--onlyvisible", "--class",
+                                                             "tarnwick-gateway").split()))
     # Up from the top of the menu wraps to its last item, Exit (Start is disabled while running).
     desktop.x("xdotool", "key", "Up", "Return")

@@ -1,20 +1,19 @@
 """A scripted stand-in for the web mail service on 127.0.0.1, in a thread of the test process: it answers the
-gateway's log-in, folder listing, inbox listing, message fetches and moves with fixed, well-formed replies,
-except where a failure is scripted for the next request of one kind."""
+gateway's log-in, folder listing, inbox listing and message fetches with fixed, well-formed replies, except where
+a failure is scripted for the next request of one kind."""
 
 import http.server
 import socket
 import threading
 import time
 
+ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
 INBOX = [
     ("msg-1", b"From: Ann <ann@example.org>\r\nSubject: one\r\n\r\nThe first message.\r\n"),
     ("msg-2", b"From: Bob <bob@example.org>\r\nSubject: two\r\n\r\n.A line that begins with a dot.\r\n"),
 ]
-ERROR_PAGE = b"<html><body><h1>500 Internal Server Error</h1></body></html>\r\n"
 
 # Failures for the next request of a kind ("login", "folders", "inbox", "get", "bmove", "post").
-DROP = "drop"                        # reply headers and part of the body, then the connection closes
 ERROR_500_NO_DAV = "500 no header"   # status 500, an HTML page, no X-Dav-Error header
 SILENT = "silent"                    # reads the request, then says nothing and keeps the connection open
 STALL_MID_BODY = "stall mid-body"    # reply headers and half the body, then nothing, the connection kept open
@@ -40,7 +39,7 @@ class ScriptedService:
             def do_PROPFIND(self):
                 service._answer(self)
 
-            do_GET = do_BMOVE = do_PROPPATCH = do_POST = do_PROPFIND
+            do_GET = do_BMOVE = do_POST = do_PROPFIND
 
         self._server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
         self._server.daemon_threads = True
@@ -57,21 +56,13 @@ class ScriptedService:
             self._failures[kind] = failure
 
     def _hold(self, h):
-        """Keeps the connection open and silent until the client gives up (or the service stops)."""
+        """Keeps the connection open and silent until the service stops."""
         h.close_connection = True
-        h.connection.settimeout(0.2)
-        while not self._stop.is_set():
-            try:
-                if not h.connection.recv(65536):
-                    return
-            except socket.timeout:
-                continue
-            except OSError:
-                return
+        self._stop.wait()
 
-    def _headers(self, h, status=200, length=None, dav=True, chunked=False):
+    def _headers(self, h, status=200, length=None, chunked=False):
         h.send_response(status)
-        if dav:
+        if status == 200:
             h.send_header("X-Dav-Error", "200 No error")
         if chunked:
             h.send_header("Transfer-Encoding", "chunked")
@@ -91,8 +82,7 @@ class ScriptedService:
             for _ in range(3):
                 h.rfile.read(16)
                 time.sleep(0.5)
-            h.close_connection = True
-            return self._stop.wait()
+            return self._hold(h)
         h.rfile.read(int(h.headers.get("Content-Length") or 0))
         body = self._body(kind, h.path)
         if failure == SILENT:
@@ -108,19 +98,14 @@ class ScriptedService:
                 with self._lock:
                     self.endless_sent += 1 << 16
             return
-        if failure in (STALL_MID_BODY, DROP):
-            # Half the body of a longer one, then silence with the connection open, or the connection closed.
-            self._headers(h, length=len(body) + (1000 if failure == DROP else 0))
+        if failure == STALL_MID_BODY:
+            self._headers(h, length=len(body))
             h.wfile.write(body[: len(body) // 2])
             h.wfile.flush()
-            if failure == STALL_MID_BODY:
-                return self._hold(h)
-            h.close_connection = True
-            return h.connection.shutdown(socket.SHUT_RDWR)
+            return self._hold(h)
         if failure == ERROR_500_NO_DAV:
-            self._headers(h, 500, len(ERROR_PAGE), dav=False)
-            return h.wfile.write(ERROR_PAGE)
-        self._headers(h, length=len(body))
+            body = ERROR_PAGE
+        self._headers(h, 500 if failure == ERROR_500_NO_DAV else 200, length=len(body))
         h.wfile.write(body)
 
     def _body(self, kind, path):
@@ -133,11 +118,8 @@ class ScriptedService:
                     '<D:href>%s/svcs/hotmail/tarnwick.asp</D:href><D:propstat><D:prop>%s</D:prop>'
                     '<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>'
                     % (b, props)).encode()
-        if kind == "folders":
-            entries = "".join('<D:response><D:href>%s/%s/</D:href><D:propstat><D:prop><D:isfolder>1</D:isfolder>'
-                              '<D:displayname>%s</D:displayname></D:prop></D:propstat></D:response>'
-                              % (b, name, name) for name in ("inbox", "trash"))
-            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:">%s</D:multistatus>' % entries).encode()
+        if kind == "folders":  # no folders besides the inbox: POP3 reads only the inbox
+            return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'
         if kind == "inbox":
             entries = "".join(
                 '<D:response><D:href>%s/inbox/%s</D:href><D:propstat><D:prop><D:id>%s</D:id>'
@@ -147,7 +129,5 @@ class ScriptedService:
                 for i, text in INBOX)
             return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:m="urn:m" xmlns:h="urn:h" '
                     'xmlns:hm="urn:schemas:tarnwick:">%s</D:multistatus>' % entries).encode()
-        if kind == "get":
-            return dict(("/inbox/" + i, text) for i, text in INBOX).get(path, b"not found\r\n")
-        # BMOVE, PROPPATCH, POST: a multistatus that says yes.
-        return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'
+        # GET, and a BMOVE or POST the tests only ever answer with a failure.
+        return dict(("/inbox/" + i, text) for i, text in INBOX).get(path, b"not found\r\n")

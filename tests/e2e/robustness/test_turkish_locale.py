@@ -19,15 +19,11 @@ def setUpModule():
         raise unittest.SkipTest(LOCALE + " is not generated (scripts/setup generates it)")
     os.environ["LC_ALL"] = LOCALE
     stack = Stack()
+    unittest.addModuleCleanup(stack.stop)
     stack.store.add_user("ilkin", "gizli")
     stack.store.deliver("ilkin", M.PLAIN)
     stack.store.deliver("ilkin", M.DOTS)
     stack.start()
-
-
-def tearDownModule():
-    if stack:
-        stack.stop()
 
 
 class TurkishLocale(unittest.TestCase):

@@ -14,8 +14,7 @@
 namespace {
 
 using testing_support::FreePort;
-
-constexpr int kTimeoutMs = 30000;
+using testing_support::kTimeoutMs;
 
 class GatewayProcessTest : public ::testing::Test {
 protected:
@@ -40,7 +39,7 @@ protected:
     std::string stderrText;
 };
 
-TEST_F(GatewayProcessTest, StartUpFailureEndsTheProgramWithItsErrorOnStandardError) {
+TEST_F(GatewayProcessTest, StartUpFailuresEndItAndASecondInstanceIsRefusedWhileTheFirstLogsToStandardOutput) {
     QTcpServer occupant;
     ASSERT_TRUE(occupant.listen(QHostAddress::LocalHost, 0));
     EXPECT_EQ(Run("abc"), 1);
@@ -50,9 +49,7 @@ TEST_F(GatewayProcessTest, StartUpFailureEndsTheProgramWithItsErrorOnStandardErr
                               std::to_string(occupant.serverPort()) +
                               ", so the POP3 server cannot; stop that program or choose another port (in "
                               "StartListening Method)\n");
-}
 
-TEST_F(GatewayProcessTest, SecondInstanceIsRefusedAndTheFirstLogsToStandardOutput) {
     const std::string pop3Port = FreePort();
     QProcess first;
     Start(first, pop3Port);

@@ -24,10 +24,6 @@
 
 namespace server_tests {
 
-inline constexpr int kTimeoutMs = 30000;
-
-using testing_support::FreePort;
-
 // A gateway host that records every log entry, owns two real socket controls on loopback and records errors
 // that escape an event handler instead of ending the test program.
 class FakeGatewayHost : public core::IGatewayHost {
@@ -70,23 +66,16 @@ protected:
         EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
     }
 
-    // Queues the replies of one log-in: the entry address, then the folder listing.
-    void ScriptLogIn() {
-        svc.Enqueue(testing_support::DavReply(hotmail_test::LoginReply(
-            svc.Url("/base"), {svc.Url("/ad"), svc.Url("/contacts"), svc.Url("/inbox"), svc.Url("/out"),
-                               svc.Url("/sent"), svc.Url("/trash"), svc.Url("/root")})));
-        svc.Enqueue(testing_support::DavReply(hotmail_test::FolderReply({{svc.Url("/inbox"), "Inbox"}})));
-    }
     // Waits until `entry` is in the log at least `times` times.
     bool WaitForLog(const std::string& entry, long times = 1) {
         return QTest::qWaitFor([&] { return std::count(host.log.begin(), host.log.end(), entry) >= times; },
-                               kTimeoutMs);
+                               testing_support::kTimeoutMs);
     }
 
     testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Digest, "sam", "sam pw"};
     FakeGatewayHost host;
     Server server{host};
-    std::string port = FreePort();
+    std::string port = testing_support::FreePort();
 };
 
 }  // namespace server_tests

@@ -1,62 +1,49 @@
 // POP3 sessions against a scripted WebDAV service: dispatch by the exact word, exact answers, one log-in and
 // inbox load per connection and only when the mailbox is needed, deletion on the service at once, failures
-// answered "-ERR ", a spool the disk cannot take.
+// answered "-ERR ", a spool the disk cannot take. With the POP3 server as its vehicle, the frame: one client at
+// a time, start and stop, socket errors, and a text queued in pieces that cannot all be read.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "ServerTestSupport.h"
+#include "core/Error.h"
 #include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
 #include "tests/support/FileSizeLimit.h"
 
 namespace {
 
-using testing_support::DavReply;
+using hotmail_test::ListedMessage;
 using testing_support::LineClient;
-using testing_support::ScriptedReply;
 
+const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello\r\n";
 const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
 const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not understand the command: ";
 const std::string kAppLine = std::string("X-Application: Tarnwick Gateway - ") + core::Version::kText + "\r\n";
 
-// One message as the service lists it, with the text a GET of its address returns.
-struct Listed {
-    std::string id;
-    std::string body;
-    bool read = false;
-    // The length the listing gives; the body's size unless set.
-    std::string length = {};
-    std::string Size() const { return length.empty() ? std::to_string(body.size()) : length; }
-};
+// An unread message whose listed length is its size.
+ListedMessage Message(const std::string& id, const std::string& body) {
+    return {.id = id, .body = body, .length = std::to_string(body.size())};
+}
 
-const Listed kPlain{"MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\r\nHello.\r\n"};
-const Listed kRead{"MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n", true};
-const Listed kDots{"MSG-3", "Subject: Dots\r\n\r\n.\r\n.one\r\n..two\r\n\xE9\xFF\x80 8-bit"};
+const ListedMessage kPlain = Message("MSG-1", "From: Ann <ann@example.org>\r\nSubject: Plain\r\n\r\nHello.\r\n");
+const ListedMessage kDots = Message("MSG-3", "Subject: Dots\r\n\r\n.\r\n.one\r\n..two\r\n\xE9\xFF\x80 8-bit");
 
 class Pop3HandlersTest : public server_tests::ServerTest<servers::pop3::CPop3Server> {
 protected:
     // Queues the replies of one log-in and inbox load: log-in, folder listing, inbox listing, one GET each.
-    void ScriptLoad(const std::vector<Listed>& messages) {
-        ScriptLogIn();
-        std::vector<hotmail_test::ListedMessage> listing(messages.size());
-        for (std::size_t i = 0; i < messages.size(); ++i) {
-            listing[i].href = svc.Url("/inbox/" + messages[i].id);
-            listing[i].id = messages[i].id;
-            listing[i].read = messages[i].read ? "1" : "0";
-            listing[i].length = messages[i].Size();
-        }
-        svc.Enqueue(DavReply(hotmail_test::ListingReply(listing)));
-        for (const Listed& m : messages) svc.Enqueue(ScriptedReply{200, {}, m.body, false});
+    void ScriptLoad(const std::vector<ListedMessage>& messages) {
+        hotmail_test::ScriptLogIn(svc);
+        hotmail_test::ScriptListing(svc, messages);
     }
     static std::size_t LoadRequests(std::size_t messages) { return 3 + messages; }
 
     std::unique_ptr<LineClient> LogIn(const std::string& password = "sam pw") {
         auto reader = std::make_unique<LineClient>(port);
-        EXPECT_EQ(reader->ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
+        EXPECT_EQ(reader->ReceiveLine(), kHello);
         EXPECT_EQ(reader->Ask("USER sam\r\n"), "+OK send password\r\n");
         EXPECT_EQ(reader->Ask("PASS " + password + "\r\n"), "+OK send stat\r\n");
         return reader;
@@ -64,7 +51,9 @@ protected:
 };
 
 TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
-    ScriptLoad({kPlain, kRead, kDots});
+    ListedMessage read = Message("MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n");
+    read.read = "1";
+    ScriptLoad({kPlain, read, kDots});
     auto reader = LogIn();
     EXPECT_TRUE(svc.Requests().empty()) << "USER and PASS must not reach the service";
 
@@ -75,20 +64,17 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
         {"\xE9tat\r\n", kUnknown + "\xE9TAT\r\n"},
         {"STAT 9\r\n", "+OK 2 " + total + "\r\n"},
         {"LIST\r\n",
-         "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.Size() + "\r\n2 " + kDots.Size() + "\r\n.\r\n"},
-        {"LIST 02\r\n", "+OK 02 " + kDots.Size() + "\r\n"},
-        {"LIST 1.5\r\n", "+OK 1.5 " + kDots.Size() + "\r\n"},  // message numbers round half to even
-        {"LIST 2.5\r\n", "+OK 2.5 " + kDots.Size() + "\r\n"},
-        {"LIST 0.5\r\n", "-ERR No such message\r\n"},
+         "+OK 2 messages (" + total + " octets)\r\n1 " + kPlain.length + "\r\n2 " + kDots.length + "\r\n.\r\n"},
+        {"LIST 2.5\r\n", "+OK 2.5 " + kDots.length + "\r\n"},  // echoed as typed; rounded as numbers are
         {"LIST 3\r\n", "-ERR No such message\r\n"},
         {"LIST x\r\n", "-ERR Invalid message number\r\n"},
         {"UIDL\r\n", "+OK \r\n1 MSG-1:from-MSG-1\r\n2 MSG-3:from-MSG-3\r\n.\r\n"},
         {"uidl 2\r\n", "+OK 2 MSG-3:from-MSG-3\r\n"},
         {"RETR\r\n", "-ERR Message number required\r\n"},
-        {"RETR 1\r\n", "+OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n.\r\n"},
-        {"RETR 2\r\n", "+OK " + kDots.Size() + " octets\r\n" + kAppLine +
+        {"RETR 1\r\n", "+OK " + kPlain.length + " octets\r\n" + kAppLine + kPlain.body + "\r\n.\r\n"},
+        {"RETR 2\r\n", "+OK " + kDots.length + " octets\r\n" + kAppLine +
                            "Subject: Dots\r\n\r\n..\r\n..one\r\n...two\r\n\xE9\xFF\x80 8-bit\r\n.\r\n"},
-        {"conn\r\n", "+OK Tarnwick/POP3 Gateway Server - Hello\r\n"},
+        {"conn\r\n", kHello},
         {"QUIT\r\n", kGoodBye},
     };
     for (const auto& [request, answer] : exchanges) {
@@ -98,20 +84,7 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoad) {
     EXPECT_EQ(svc.Requests().size(), LoadRequests(3)) << "one load per connection, RETR from memory";
     EXPECT_EQ(svc.Challenges(), 1) << "after the first exchange every request carries the credentials";
     // The whole RETR answer is one log entry.
-    EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.Size() + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
-}
-
-// Listed lengths are decimal numbers, summed and then rounded; one that is not a number fails the load.
-TEST_F(Pop3HandlersTest, MailboxSizeSumsTheListedLengthsAsDecimals) {
-    ScriptLoad({{"A", "a", false, "10.4"}, {"B", "b", false, "20.4"}});
-    auto reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 31\r\n");
-    reader.reset();
-    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
-
-    ScriptLoad({{"C", "c", false, "12k"}});
-    reader = LogIn();
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "-ERR Type mismatch\r\n");
+    EXPECT_TRUE(WaitForLog("SERVER_RESPONSE: +OK " + kPlain.length + " octets\r\n" + kAppLine + kPlain.body + "\r\n."));
 }
 
 TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
@@ -119,21 +92,17 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
     auto reader = LogIn();
     const std::string stat = reader->Ask("STAT\r\n");
     const std::string retr = reader->AskMultiLine("RETR 2\r\n");
-    for (std::size_t i = 1; i <= 2; ++i) {
-        // A move the service refuses with its error header is a deletion all the same.
-        svc.Enqueue(i == 1 ? DavReply("moved", 207, "207 moved") : DavReply("refused", 500, "500 refused"));
-        EXPECT_EQ(reader->Ask("DELE 2\r\n"), "+OK msg deleted\r\n");
-        const auto requests = svc.Requests();
-        ASSERT_EQ(requests.size(), LoadRequests(2) + i);
-        EXPECT_EQ(requests.back().method, "BMOVE");
-        EXPECT_EQ(requests.back().path, "/inbox");
-        EXPECT_NE(requests.back().body.find(kDots.id), std::string::npos) << requests.back().body;
-        EXPECT_EQ(requests.back().body.find(kPlain.id), std::string::npos) << requests.back().body;
-    }
+    // A move the service refuses with its error header is a deletion all the same. (Which message moves, and where
+    // to, shows end to end.)
+    svc.Enqueue({"moved", 207, "207 moved"});
+    svc.Enqueue({"refused", 500, "500 refused"});
+    for (int i = 0; i < 2; ++i) EXPECT_EQ(reader->Ask("DELE 2\r\n"), "+OK msg deleted\r\n");
+    EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 2) << "one move per DELE, at once";
+    EXPECT_EQ(svc.Requests().back().method, "BMOVE");
     EXPECT_EQ(reader->Ask("STAT\r\n"), stat);
     EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"), retr);
 
-    svc.Enqueue(ScriptedReply{200, {{"X-Dav-Error", "200 No error"}}, "moved", /*breakOff=*/true});
+    svc.Enqueue({.body = "moved", .breakOff = true});
     EXPECT_EQ(reader->Ask("DELE 1\r\n"), "-ERR The connection with the server was terminated abnormally\r\n");
     EXPECT_EQ(reader->Ask("DELE 3\r\n"), "-ERR No such message\r\n");
     EXPECT_EQ(svc.Requests().size(), LoadRequests(2) + 3) << "a bad number calls nothing on the service";
@@ -142,7 +111,7 @@ TEST_F(Pop3HandlersTest, DeleteMovesOnTheServiceAtOnceAndKeepsTheLoadedView) {
 // The file system refuses the spool's writes (here through the file size limit, which needs no privileges):
 // the reader gets an error, never the part of the message that fitted, and the next command loads again.
 TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAnError) {
-    const Listed big{"BIG", std::string(256 << 10, 'y')};
+    const ListedMessage big = Message("BIG", std::string(256 << 10, 'y'));
     ScriptLoad({kPlain, big});
     auto reader = LogIn();
     testing_support::FileSizeLimit limit(64 << 10);
@@ -157,9 +126,11 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
     ScriptLoad({kPlain, big});
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
     EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
-              "+OK " + big.Size() + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
+              "+OK " + big.length + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
 }
 
+// A wrong password fails each mailbox command, and each tries again. Listed lengths are decimal numbers, summed
+// and then rounded.
 TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachTime) {
     auto reader = LogIn("wrong");
     for (const char* request : {"STAT\r\n", "LIST\r\n", "UIDL 1\r\n", "RETR 1\r\n", "DELE 1\r\n"}) {
@@ -170,9 +141,57 @@ TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachT
     }
     EXPECT_TRUE(svc.Requests().empty());
     // The same connection with the right password now gets through.
-    ScriptLoad({kPlain});
+    ScriptLoad({{.id = "A", .length = "10.4"}, {.id = "B", .length = "20.4"}});
     EXPECT_EQ(reader->Ask("PASS sam pw\r\n"), "+OK send stat\r\n");
-    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 1 " + kPlain.Size() + "\r\n");
+    EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 31\r\n");
+}
+
+// A listed length that is not a number fails the load (the first error a process meets is the one it reports).
+TEST_F(Pop3HandlersTest, AListedLengthThatIsNoNumberFailsTheLoad) {
+    ScriptLoad({{.id = "C", .length = "12k"}});
+    EXPECT_EQ(LogIn()->Ask("STAT\r\n"), "-ERR Type mismatch\r\n");
+}
+
+TEST_F(Pop3HandlersTest, OneClientAtATimeAndNothingListeningAfterStopOrASocketError) {
+    auto first = std::make_unique<LineClient>(port);
+    EXPECT_EQ(first->ReceiveLine(), kHello);
+    EXPECT_TRUE(LineClient(port).Refused());
+    first.reset();
+    ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
+
+    LineClient client(port);
+    EXPECT_EQ(client.ReceiveLine(), kHello);
+    // What the socket control raises when the connection fails (a peer's orderly close is a close).
+    server.OnError(10053, "Software caused connection abort");
+    EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnError Fired");
+    EXPECT_TRUE(LineClient(port).Refused());
+
+    server.StartServer();
+    EXPECT_EQ(LineClient(port).ReceiveLine(), kHello);
+    server.StopServer();
+    server.StopServer();  // stopped already: nothing happens
+    EXPECT_TRUE(LineClient(port).Refused());
+}
+
+// Piece 3 cannot be read: the connection is broken off instead of the text ending early.
+TEST_F(Pop3HandlersTest, APieceThatCannotBeReadBreaksTheConnectionOff) {
+    struct FailingPieces : core::ITextPieces {
+        bool Next(std::string& piece) override {
+            if (++read == 3) core::Raise(core::ErrorNumber::kDeviceIo, "test");
+            piece.assign(std::size_t{512} << 10, 'p');
+            return true;
+        }
+        int read = 0;
+    };
+    LineClient client(port);
+    EXPECT_EQ(client.ReceiveLine(), kHello);
+    host.WinsockPOP3().SendPieces(std::make_unique<FailingPieces>());
+    host.WinsockPOP3().SendData("END");
+    ASSERT_TRUE(client.Dropped());
+    const QByteArray got = client.socket.readAll();
+    EXPECT_LE(got.size(), 2 * (512 << 10)) << "more than the two pieces read before the failure";
+    EXPECT_FALSE(got.endsWith("END"));
+    EXPECT_TRUE(WaitForLog("SOCKET_EVENT: OnError Fired"));
 }
 
 }  // namespace

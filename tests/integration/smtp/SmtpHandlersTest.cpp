@@ -20,9 +20,7 @@
 namespace {
 
 using ::testing::ElementsAre;
-using testing_support::DavReply;
 using testing_support::LineClient;
-using testing_support::ScriptedReply;
 
 const std::string kUnavailable =
     "500 Tarnwick/SMTP Gateway Server Username and Password are unavailable. Please perform a 'Receive' before "
@@ -49,8 +47,8 @@ protected:
     }
     // Queues the replies of one log-in and of `posts` posts.
     void ScriptLogIn(int posts) {
-        ServerTest::ScriptLogIn();
-        for (int i = 0; i < posts; ++i) svc.Enqueue(DavReply("", 200, "200 No error"));
+        hotmail_test::ScriptLogIn(svc);
+        for (int i = 0; i < posts; ++i) svc.Enqueue({});
     }
     std::vector<std::string> Posted() const {
         std::vector<std::string> bodies;
@@ -77,7 +75,7 @@ protected:
     }
 };
 
-TEST_F(SmtpHandlersTest, OnlyTheReducedDialogueAndHeloOnlyWithAUserName) {
+TEST_F(SmtpHandlersTest, OnlyTheReducedDialogueHeloOnlyWithAUserNameAndTheEnvelopeAsWritten) {
     auto client = Connect();
     const std::string exchanges[][2] = {
         {"HELO me\r\n", kUnavailable},          {"EHLO client.example\r\n", kUnknown + "EHLO\r\n"},
@@ -93,12 +91,10 @@ TEST_F(SmtpHandlersTest, OnlyTheReducedDialogueAndHeloOnlyWithAUserName) {
     EXPECT_THAT(host.log,
                 ElementsAre("SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: HELO", "SERVER_RESPONSE: 250 hello"));
     EXPECT_TRUE(svc.Requests().empty());
-}
 
-TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
+    // The sender as written (here none) and the last recipient only.
     Received();
     ScriptLogIn(1);
-    auto client = Connect();
     EXPECT_EQ(client->Ask("MAIL\r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("rcpt to:<first@x>\r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("RCPT TO:  <rita@tarnwick.local> NOTIFY=NEVER  \r\n"), "250 ok\r\n");
@@ -107,51 +103,50 @@ TEST_F(SmtpHandlersTest, EnvelopeAsWrittenWithTheLastRecipientOnly) {
     EXPECT_THAT(Posted(), ElementsAre("MAIL FROM:\r\nRCPT TO:<rita@tarnwick.local> NOTIFY=NEVER\r\n\r\none\r\n.\r\n"));
 }
 
-// Three messages on one connection, one log-in; each is relayed ending exactly as the client's data did.
-TEST_F(SmtpHandlersTest, EndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
+// A log-in that fails is answered "500 " at the end of the data, and the next message logs in again; then two
+// messages on the connection, one log-in, each relayed ending exactly as the client's data did.
+TEST_F(SmtpHandlersTest, AFailedLogInIsTriedAgainAndTheEndMarkEndsTheDataWhereverTheArrivalsSplitIt) {
     Received();
-    ScriptLogIn(3);
+    svc.Enqueue({.body = "<broken", .breakOff = true});
     auto client = Connect();
+    Begin(*client);
+    EXPECT_EQ(client->Ask("text\r\n.\r\n"), "500 The connection with the server was terminated abnormally\r\n");
+
+    ScriptLogIn(2);
     // The QUIT of a client that read an early "250 ok" as its end-of-data reply, in one arrival with the mark.
     Begin(*client);
     client->Send("first\r\n.\r\nQUIT\r\n");
     EXPECT_EQ(client->ReceiveLine(), kQueued);
     EXPECT_EQ(client->ReceiveLine(), "221 tarnwick.local\r\n");
-    // The "." line sent on its own after a text that ends with its line break.
-    Begin(*client);
-    EXPECT_EQ(client->Ask("second\r\n"), "250 ok\r\n");
-    EXPECT_EQ(client->Ask(".\r\n"), kQueued);
     // A text that ends with its line break, then the whole mark as an arrival of its own: one empty line.
     Begin(*client);
     EXPECT_EQ(client->Ask("Subject: later\r\n\r\nnow\r\n"), "250 ok\r\n");
     EXPECT_EQ(client->Ask("\r\n.\r\n"), kQueued);
 
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "first\r\n.\r\n", kEnvelope + "second\r\n.\r\n",
-                                      kEnvelope + "Subject: later\r\n\r\nnow\r\n\r\n.\r\n"));
-    EXPECT_EQ(svc.Requests().size(), 5u) << "one log-in for the connection";
-}
-
-// A log-in that fails is answered "500 " at the end of the data, and the next message logs in again.
-TEST_F(SmtpHandlersTest, AFailedLogInIsAnsweredAndTriedAgainWithTheNextMessage) {
-    Received();
-    svc.Enqueue(ScriptedReply{200, {{"X-Dav-Error", "200 No error"}}, "<broken", /*breakOff=*/true});
-    auto client = Connect();
-    Begin(*client);
-    EXPECT_EQ(client->Ask("text\r\n.\r\n"), "500 The connection with the server was terminated abnormally\r\n");
-    ScriptLogIn(1);
-    Begin(*client);
-    EXPECT_EQ(client->Ask("text\r\n.\r\n"), kQueued);
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + "text\r\n.\r\n"));
+    EXPECT_THAT(Posted(),
+                ElementsAre(kEnvelope + "first\r\n.\r\n", kEnvelope + "Subject: later\r\n\r\nnow\r\n\r\n.\r\n"));
+    EXPECT_EQ(svc.Requests().size(), 1u + 4u) << "the failed log-in, then one log-in for the two messages";
 }
 
 // A client that streams its message reads, after its end mark, the chunk replies and then the reply to the
-// message, or only the failure: nothing goes out while it sends.
+// message, or only the failure: nothing goes out while it sends. The text goes to a file as it comes; when the
+// file system refuses it (here through the file size limit, which needs no privileges), the answer is "Disk full",
+// the held chunk replies are dropped and nothing is relayed. After each failure the next message goes through.
 TEST_F(SmtpHandlersTest, AStreamingClientReadsTheHeldRepliesAfterTheRelayOrOnlyTheFailure) {
     server.SetReplyHoldTime(std::chrono::seconds(30));
     Received();
     ScriptLogIn(1);
-    svc.Enqueue(ScriptedReply{200, {}, "", /*breakOff=*/true});
+    svc.Enqueue({.davError = "", .breakOff = true});
     auto client = Connect();
+    testing_support::FileSizeLimit limit(64 << 10);
+    ASSERT_TRUE(limit.Active());
+    Begin(*client);
+    for (int i = 0; i < 3; ++i) Stream(*client, std::string(40000, 'z') + "\r\n");
+    const std::string refused = client->Ask("last\r\n.\r\n");
+    ASSERT_TRUE(limit.Lift());
+    EXPECT_EQ(refused, "500 Disk full\r\n");
+    EXPECT_TRUE(Posted().empty());
+
     const std::string answers[] = {"250 ok\r\n250 ok\r\n" + kQueued,
                                    "500 The connection with the server was terminated abnormally\r\n"};
     for (const std::string& answer : answers) {
@@ -195,34 +190,6 @@ TEST_F(SmtpHandlersTest, AClientThatClosesOrResetsWhileRepliesAreHeldLeavesNothi
         ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
     }
     EXPECT_TRUE(svc.Requests().empty());
-}
-
-// The message text goes to a file as it comes. When the file system refuses it (here the file size limit,
-// which needs no privileges), the client reads "Disk full" as the answer to its message, the held chunk
-// replies are dropped and nothing is relayed; the next message goes through whole.
-TEST_F(SmtpHandlersTest, AMessageTheFileCannotTakeIsRefusedAtItsEndAndNothingIsRelayed) {
-    server.SetReplyHoldTime(std::chrono::seconds(30));
-    Received();
-    ScriptLogIn(1);
-    auto client = Connect();
-    const std::string chunk = std::string(40000, 'z') + "\r\n";
-    testing_support::FileSizeLimit limit(64 << 10);
-    ASSERT_TRUE(limit.Active());
-    Begin(*client);
-    for (int i = 0; i < 3; ++i) Stream(*client, chunk);
-    const std::string answer = client->Ask("last\r\n.\r\n");
-    ASSERT_TRUE(limit.Lift());
-    EXPECT_EQ(answer, "500 Disk full\r\n");
-    EXPECT_TRUE(Posted().empty());
-
-    Begin(*client);
-    for (int i = 0; i < 3; ++i) Stream(*client, chunk);
-    client->Send("last\r\n.\r\n");
-    // One held "250 ok" per arrival (a busy machine may join chunks), then the reply to the message.
-    std::string line = client->ReceiveLine();
-    for (int held = 0; line == "250 ok\r\n" && held < 3; ++held) line = client->ReceiveLine();
-    EXPECT_EQ(line, kQueued);
-    EXPECT_THAT(Posted(), ElementsAre(kEnvelope + chunk + chunk + chunk + "last\r\n.\r\n"));
 }
 
 }  // namespace
