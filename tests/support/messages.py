@@ -15,64 +15,31 @@ def attachment_message(size):
             + encoded + b"--b1--\r\n")
 
 
-PLAIN = (b"From: Ann Example <ann@example.org>\r\n"
-         b"To: alice@example.org\r\n"
-         b"Subject: Plain text\r\n"
-         b"Date: Mon, 2 Nov 2026 10:00:00 +0000\r\n"
-         b"Message-ID: <plain@example.org>\r\n"
-         b"\r\n"
-         b"Hello Alice,\r\n"
-         b"this is a plain message.\r\n")
+def message(sender, subject, *lines, fields=()):
+    """A message from `sender` to alice about `subject`, with further header `fields`, whose body is `lines`, each
+    ended by CR LF."""
+    head = [b"From: " + sender, b"To: alice@example.org", b"Subject: " + subject, *fields]
+    return b"".join(line + b"\r\n" for line in head + [b""] + list(lines))
 
-READ = (b"From: Old News <old@example.org>\r\n"
-        b"To: alice@example.org\r\n"
-        b"Subject: Already read in the web interface\r\n"
-        b"\r\n"
-        b"This message was read and must never reach the mail reader.\r\n")
 
+PLAIN = message(b"Ann Example <ann@example.org>", b"Plain text", b"Hello Alice,", b"this is a plain message.",
+                fields=[b"Date: Mon, 2 Nov 2026 10:00:00 +0000", b"Message-ID: <plain@example.org>"])
+READ = message(b"Old News <old@example.org>", b"Already read in the web interface",
+               b"This message was read and must never reach the mail reader.")
 # Lines beginning with one and with two full stops, a lone full stop, and a dot in the middle of a line.
-DOTS = (b"From: Dot Person <dot@example.org>\r\n"
-        b"To: alice@example.org\r\n"
-        b"Subject: Dots\r\n"
-        b"\r\n"
-        b".\r\n"
-        b".hidden line\r\n"
-        b"..two dots\r\n"
-        b"a line with a . inside\r\n"
-        b"...\r\n"
-        b"end\r\n")
-
+DOTS = message(b"Dot Person <dot@example.org>", b"Dots",
+               b".", b".hidden line", b"..two dots", b"a line with a . inside", b"...", b"end")
 # Bytes above 0x7F: a sender name in raw Latin-1 (the listing must still give it a printable ASCII unique id),
 # ISO-8859-1 text in the header and body, then every byte from 0x80 to 0xFF.
-EIGHT_BIT = (b"From: Fran\xe7ois L\xe9ger <francois@example.org>\r\n"
-             b"To: alice@example.org\r\n"
-             b"Subject: 8-bit \xe9t\xe9 \xc3\xa9t\xc3\xa9\r\n"
-             b"MIME-Version: 1.0\r\n"
-             b"Content-Type: text/plain; charset=iso-8859-1\r\n"
-             b"Content-Transfer-Encoding: 8bit\r\n"
-             b"\r\n"
-             b"Cr\xe8me br\xfbl\xe9e, \xa3 and \xa9.\r\n"
-             + bytes(range(0x80, 0x100)) + b"\r\n")
-
-MULTIPART = attachment_message(64)
-
+EIGHT_BIT = message(b"Fran\xe7ois L\xe9ger <francois@example.org>", b"8-bit \xe9t\xe9 \xc3\xa9t\xc3\xa9",
+                    b"Cr\xe8me br\xfbl\xe9e, \xa3 and \xa9.", bytes(range(0x80, 0x100)),
+                    fields=[b"MIME-Version: 1.0", b"Content-Type: text/plain; charset=iso-8859-1",
+                            b"Content-Transfer-Encoding: 8bit"])
 # The last line has no line end.
-NO_FINAL_LINE_END = (b"From: Terse <terse@example.org>\r\n"
-                     b"To: alice@example.org\r\n"
-                     b"Subject: No final line end\r\n"
-                     b"\r\n"
-                     b"last line")
-
-# A sender name in UTF-8 with characters of two, three and four bytes.
-UTF8_NAME = (b"From: \"J\xc3\xbcrgen M\xc3\xbcller \xe2\x80\x93 \xf0\x9f\x93\xab\" <juergen@example.org>\r\n"
-             b"To: alice@example.org\r\n"
-             b"Subject: Gr\xc3\xbc\xc3\x9fe\r\n"
-             b"Content-Type: text/plain; charset=utf-8\r\n"
-             b"\r\n"
-             b"Sch\xc3\xb6ne Gr\xc3\xbc\xc3\x9fe.\r\n")
+NO_FINAL_LINE_END = message(b"Terse <terse@example.org>", b"No final line end", b"last line")[:-2]
 
 # What the mail readers fetch, in delivery order; READ is delivered already read and no reader may see it.
-MAIL = [PLAIN, READ, DOTS, EIGHT_BIT, MULTIPART, NO_FINAL_LINE_END, UTF8_NAME]
+MAIL = [PLAIN, READ, DOTS, EIGHT_BIT, NO_FINAL_LINE_END]
 UNREAD = [m for m in MAIL if m is not READ]
 
 

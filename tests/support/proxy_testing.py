@@ -26,16 +26,12 @@ def make_certificates(folder):
         subprocess.run(["openssl", *args], check=True, cwd=folder, stdout=subprocess.DEVNULL,
                        stderr=subprocess.DEVNULL)
 
-    run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "ca.key", "-out", "ca.pem", "-days", "2",
-        "-subj", "/CN=Tarnwick test CA")
-    run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "other-ca.key", "-out", "other-ca.pem",
-        "-days", "2", "-subj", "/CN=Some other CA")
-    run("req", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key", "-out", "server.csr", "-subj",
-        "/CN=localhost")
-    with open(os.path.join(folder, "server.ext"), "w") as f:
-        f.write("subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1\n")
-    run("x509", "-req", "-in", "server.csr", "-CA", "ca.pem", "-CAkey", "ca.key", "-CAcreateserial", "-out",
-        "server.pem", "-days", "2", "-extfile", "server.ext")
+    for name, subject in (("ca", "/CN=Tarnwick test CA"), ("other-ca", "/CN=Some other CA")):
+        run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", name + ".key", "-out", name + ".pem",
+            "-days", "2", "-subj", subject)
+    run("req", "-x509", "-newkey", "rsa:2048", "-nodes", "-keyout", "server.key", "-out", "server.pem", "-days", "2",
+        "-subj", "/CN=localhost", "-addext", "subjectAltName=DNS:localhost,IP:127.0.0.1,IP:::1",
+        "-addext", "basicConstraints=CA:FALSE", "-CA", "ca.pem", "-CAkey", "ca.key")
     return {name: os.path.join(folder, file) for name, file in
             (("ca", "ca.pem"), ("other_ca", "other-ca.pem"), ("cert", "server.pem"), ("key", "server.key"))}
 

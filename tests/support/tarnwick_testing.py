@@ -211,10 +211,7 @@ class Stack:
         stop_process(self.gateway)
         if self.webmail:
             self.webmail.stop()
-        if os.environ.get("TARNWICK_E2E_KEEP"):
-            print("kept", self.dir)
-        else:
-            shutil.rmtree(self.dir, ignore_errors=True)
+        shutil.rmtree(self.dir, ignore_errors=True)
 
     def restart_webmail(self, kill=False, webmail_args=None):
         """Stops tarnwick-webmail (SIGKILL when `kill`) and starts it again on the same store and port, with new
@@ -228,6 +225,7 @@ class Stack:
         self.webmail = Webmail(self.dir, "webmail", self.store.root, self.webmail_args, port=self.service_port)
 
     def _start_gateway(self):
+        service_url = self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
         runtime = os.path.join(self.dir, "runtime")
         os.makedirs(runtime, mode=0o700, exist_ok=True)
         env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
@@ -236,16 +234,13 @@ class Stack:
             try:
                 self.gateway = start([binary("TARNWICK_GATEWAY", "app/tarnwick-gateway"), "--headless", "--pop3-port",
                                       str(self.pop3_port), "--smtp-port", str(self.smtp_port), "--service-url",
-                                      self.service_url()] + self.gateway_args, os.path.join(self.dir, "gateway.out"),
+                                      service_url] + self.gateway_args, os.path.join(self.dir, "gateway.out"),
                                      lambda: is_listening(self.pop3_port) and is_listening(self.smtp_port),
                                      "the gateway", env=env)
                 return
             except AssertionError:
                 pass  # most likely another process took one of the ports in the meantime: try two fresh ones
         raise AssertionError("the gateway did not start:\n" + self.gateway_log())
-
-    def service_url(self):
-        return self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
 
     def gateway_log(self):
         return read_file(os.path.join(self.dir, "gateway.out")).decode("latin-1")
@@ -259,15 +254,24 @@ class Stack:
         self.wait_listening(port)
         return LineClient(port)
 
+    def pop3(self, user, password):
+        """Python's poplib on the gateway, logged in (a failed log-in quits and raises poplib.error_proto)."""
+        self.wait_listening(self.pop3_port)
+        pop = poplib.POP3(HOST, self.pop3_port, timeout=120)
+        try:
+            pop.user(user)
+            pop.pass_(password)
+        except poplib.error_proto:
+            pop.quit()
+            raise
+        return pop
+
 
 def fetch(stack, user, password):
     """Every message of the user's inbox as a POP3 reader gets it through the gateway: the gateway's line, CR LF,
     then the message."""
-    stack.wait_listening(stack.pop3_port)
-    pop = poplib.POP3(HOST, stack.pop3_port, timeout=120)
+    pop = stack.pop3(user, password)
     try:
-        pop.user(user)
-        pop.pass_(password)
         return [b"\r\n".join(pop.retr(i)[1]) for i in range(1, pop.stat()[0] + 1)]
     finally:
         pop.quit()
