@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "ServerTestSupport.h"
 #include "core/Error.h"
 #include "core/Version.h"
 #include "servers/pop3/CPop3Server.h"
 #include "tests/support/FileSizeLimit.h"
+#include "tests/support/ServerTestSupport.h"
 
 namespace {
 

@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "ServerTestSupport.h"
 #include "servers/smtp/CSmtpServer.h"
 #include "tests/support/FileSizeLimit.h"
+#include "tests/support/ServerTestSupport.h"
 
 namespace {
 

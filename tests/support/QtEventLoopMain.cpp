@@ -1,4 +1,4 @@
-// The session tests drive real sockets, so they need a Qt event loop.
+// main() for the server tests: they drive real sockets, so they need a Qt event loop.
 #include <QCoreApplication>
 
 #include <gtest/gtest.h>
