@@ -19,7 +19,6 @@
 #include "mailservice/CHotmail.h"
 #include "platform/net/SocketControl.h"
 #include "tests/support/FakeWebDavService.h"
-#include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
 
 namespace server_tests {
@@ -57,7 +56,7 @@ protected:
     void SetUp() override {
         core::MErrorHandler::ResetForTesting();
         core::MessageBox::SetHandler([](const std::string&) {});
-        mailservice::CHotmail::SetServiceEntryURL(svc.Url(hotmail_test::kEntryPath));
+        mailservice::CHotmail::SetServiceEntryURL(svc.Url(testing_support::kEntryPath));
         server.SetListenPort(port);
         server.StartServer();
     }

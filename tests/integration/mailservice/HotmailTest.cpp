@@ -14,18 +14,20 @@
 #include "mailservice/CHotmail.h"
 #include "platform/http/HttpRequest.h"
 #include "tests/support/FakeWebDavService.h"
-#include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
 #include "tests/support/RaisedError.h"
 
-using namespace hotmail_test;
-using testing_support::FakeWebDavService;
-
 namespace {
+
+using testing_support::FakeWebDavService;
+using testing_support::ListedMessage;
+using testing_support::RaisedError;
+using testing_support::ScriptListing;
+using testing_support::ScriptLogIn;
 
 // The error the reporter keeps (only meaningful once one was kept).
 core::Error KeptError() {
-    return testing_support::RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
+    return RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
 }
 
 // A fresh scripted service and session per test, message boxes captured, error reporter reset, a
@@ -36,7 +38,7 @@ protected:
         core::MErrorHandler::ResetForTesting();
         core::MessageBox::SetHandler([this](const std::string& text) { boxes_.push_back(text); });
         QLocale::setDefault(QLocale(QLocale::English, QLocale::UnitedKingdom));
-        mailservice::CHotmail::SetServiceEntryURL(svc_.Url(kEntryPath));
+        mailservice::CHotmail::SetServiceEntryURL(svc_.Url(testing_support::kEntryPath));
         mail_.SetUserName("joe");
         mail_.SetPassword("s3cret");
     }
@@ -126,15 +128,11 @@ TEST_F(HotmailTest, RepliesThatAreNoXmlListNothing) {
 
 // The message read in pieces from disk goes out byte for byte, also when a stale Digest nonce makes libcurl send
 // it a second time from a new reader; a piece that cannot be read fails the post with its error.
-TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersError) {
-    core::MErrorHandler::ResetForTesting();
-    FakeWebDavService svc(FakeWebDavService::Auth::Digest, "sam", "sam pw");
-    mailservice::CHotmail::SetServiceEntryURL(svc.Url(kEntryPath));
-    mailservice::CHotmail mail;
-    mail.SetUserName("sam");
-    mail.SetPassword("sam pw");
+TEST_F(HotmailTest, SendFromDiskPostsTheSameBytesAsFromMemoryAndFailsWithTheReadersError) {
+    FakeWebDavService svc(FakeWebDavService::Auth::Digest, "joe", "s3cret");
+    mailservice::CHotmail::SetServiceEntryURL(svc.Url(testing_support::kEntryPath));
     ScriptLogIn(svc);
-    ASSERT_TRUE(mail.Connect());
+    ASSERT_TRUE(mail_.Connect());
     std::string body = "MAIL FROM:<a@example.invalid>\r\nRCPT TO:<b@example.invalid>\r\n\r\n\r\n.";
     body.push_back('\0');
     body.append(std::size_t{3} * core::SpoolText::kPieceBytes + 17, 'x');
@@ -148,7 +146,7 @@ TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersErr
     for (int i = 0; i < 2; ++i) {
         svc.ExpireNonces();
         svc.Enqueue({"queued"});
-        EXPECT_NE(mail.SendMail(source, stored.Size()).find("X-Dav-Error: 200 No error\r\n"), std::string::npos);
+        EXPECT_NE(mail_.SendMail(source, stored.Size()).find("X-Dav-Error: 200 No error\r\n"), std::string::npos);
         const auto post = svc.Requests().back();
         EXPECT_EQ(post.method + " " + post.path, "POST /outbox");
         EXPECT_TRUE(post.body == body) << "the posted text differs";
@@ -164,8 +162,7 @@ TEST(HotmailSendFromDisk, PostsTheSameBytesAsFromMemoryAndFailsWithTheReadersErr
         }
         int calls = 0;
     };
-    const core::Error e =
-        testing_support::RaisedError([&] { mail.SendMail([] { return std::make_unique<Failing>(); }, 100000); });
+    const core::Error e = RaisedError([&] { mail_.SendMail([] { return std::make_unique<Failing>(); }, 100000); });
     EXPECT_EQ(e.Number(), core::ErrorNumber::kDeviceIo);
     EXPECT_EQ(e.Source(), "SendMail Method");
 }
@@ -184,16 +181,15 @@ TEST_F(HotmailTest, ReplyWithoutDavErrorFailsTheOperationAndKeepsTheOldError) {
          }},
     };
     for (const auto& op : operations) {
-        const char* label = op.label;
         core::MErrorHandler::ResetForTesting();
         mail_.SetHotmailError("old");
         const std::size_t start = svc_.Requests().size();
         svc_.Enqueue({.body = "<nothing/>", .davError = ""});
-        const core::Error e = testing_support::RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
-        EXPECT_EQ(e.Source(), label);
-        EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << label;
-        EXPECT_EQ(mail_.HotmailError(), "old") << label;
-        EXPECT_EQ(svc_.Requests().size(), start + 1) << label << ": a failed listing fetches nothing";
+        const core::Error e = RaisedError([&] { op.run(mail_, svc_.Url("/x")); });
+        EXPECT_EQ(e.Source(), op.label);
+        EXPECT_EQ(e.Number(), core::ErrorNumber::kHttpHeaderNotFound) << op.label;
+        EXPECT_EQ(mail_.HotmailError(), "old") << op.label;
+        EXPECT_EQ(svc_.Requests().size(), start + 1) << op.label << ": a failed listing fetches nothing";
     }
 }
 

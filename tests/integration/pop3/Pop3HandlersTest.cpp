@@ -16,7 +16,7 @@
 
 namespace {
 
-using hotmail_test::ListedMessage;
+using testing_support::ListedMessage;
 using testing_support::LineClient;
 
 const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello\r\n";
@@ -36,8 +36,8 @@ class Pop3HandlersTest : public server_tests::ServerTest<servers::pop3::CPop3Ser
 protected:
     // Queues the replies of one log-in and inbox load: log-in, folder listing, inbox listing, one GET each.
     void ScriptLoad(const std::vector<ListedMessage>& messages) {
-        hotmail_test::ScriptLogIn(svc);
-        hotmail_test::ScriptListing(svc, messages);
+        testing_support::ScriptLogIn(svc);
+        testing_support::ScriptListing(svc, messages);
     }
     static std::size_t LoadRequests(std::size_t messages) { return 3 + messages; }
 

@@ -47,7 +47,7 @@ protected:
     }
     // Queues the replies of one log-in and of `posts` posts.
     void ScriptLogIn(int posts) {
-        hotmail_test::ScriptLogIn(svc);
+        testing_support::ScriptLogIn(svc);
         for (int i = 0; i < posts; ++i) svc.Enqueue({});
     }
     std::vector<std::string> Posted() const {
