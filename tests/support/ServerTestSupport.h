@@ -23,6 +23,17 @@
 
 namespace server_tests {
 
+// A real socket control that counts the arrivals its server has read, so that a test can wait for one.
+class CountingSocketControl : public platform::net::SocketControl {
+public:
+    using SocketControl::SocketControl;
+    std::string GetData() override {
+        ++reads;
+        return SocketControl::GetData();
+    }
+    int reads = 0;
+};
+
 // A gateway host that records every log entry, owns two real socket controls on loopback and records errors
 // that escape an event handler instead of ending the test program.
 class FakeGatewayHost : public core::IGatewayHost {
@@ -36,17 +47,17 @@ public:
     std::string ApplicationName() const override { return "Tarnwick Gateway"; }
     std::string ApplicationVersion() const override { return core::Version::kText; }
     core::ISocketControl& WinsockPOP3() override { return pop3_; }
-    core::ISocketControl& WinsockSMTP() override { return smtp_; }
+    core::ISocketControl& WinsockSMTP() override { return smtp; }
     void DoEvents() override { QCoreApplication::processEvents(); }
 
     std::vector<std::string> log;
     std::string userName;
     std::string password;
     std::vector<core::Error> unhandled;
+    CountingSocketControl smtp{[this](const core::Error& e) { unhandled.push_back(e); }};
 
 private:
     platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
-    platform::net::SocketControl smtp_{[this](const core::Error& e) { unhandled.push_back(e); }};
 };
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
