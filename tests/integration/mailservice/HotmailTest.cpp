@@ -65,18 +65,12 @@ TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRun
 // next one's; a date that is missing or unreadable leaves the field empty instead, one with the UTC marker "Z"
 // is read as written. Dates show in the regional short form (day/month/year here). Records are keyed by position.
 TEST_F(HotmailTest, ListingFieldsComeFromTheIthElementOfTheWholeReply) {
-    std::vector<ListedMessage> listing;
-    for (const char* id : {"A", "B", "C", "D"}) listing.push_back({.id = id});
-    listing[0].read = "1";
-    listing[0].length = "2048";
-    listing[0].attachment = "1";
-    listing[1].subject.reset();
-    listing[1].read.reset();
-    listing[1].date = "2001-12-31T23:05:09Z";
-    listing[2].subject = "third";
-    listing[2].read = "yes";
-    listing[2].date = "2002-13-40T10:21:13";
-    listing[3].date.reset();
+    const std::vector<ListedMessage> listing = {
+        {.id = "A", .read = "1", .length = "2048", .attachment = "1"},
+        {.id = "B", .read = std::nullopt, .subject = std::nullopt, .date = "2001-12-31T23:05:09Z"},
+        {.id = "C", .read = "yes", .subject = "third", .date = "2002-13-40T10:21:13"},
+        {.id = "D", .date = std::nullopt},
+    };
     ScriptListing(svc_, listing);
     mail_.ParseMailboxInfo(svc_.Url("/inbox"));
     const auto mails = mail_.GetMailCollection();
@@ -94,7 +88,7 @@ TEST_F(HotmailTest, ListingFieldsComeFromTheIthElementOfTheWholeReply) {
     for (std::int32_t i = 1; i <= 4; ++i) {
         const auto& m = *mails->Item(i);
         const auto& e = expected[i - 1];
-        const std::string id(1, static_cast<char>('A' + i - 1));
+        const std::string& id = listing[i - 1].id;
         EXPECT_EQ(mails->Item(std::to_string(i)).get(), &m);
         EXPECT_EQ(m.mMessageID, id);
         EXPECT_EQ(m.mTo, "to-" + id);
