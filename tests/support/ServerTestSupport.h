@@ -76,9 +76,9 @@ protected:
         EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
     }
 
-    // Waits until `entry` is in the log at least `times` times.
-    bool WaitForLog(const std::string& entry, long times = 1) {
-        return QTest::qWaitFor([&] { return std::count(host.log.begin(), host.log.end(), entry) >= times; },
+    // Waits until `entry` is in the log.
+    bool WaitForLog(const std::string& entry) {
+        return QTest::qWaitFor([&] { return std::find(host.log.begin(), host.log.end(), entry) != host.log.end(); },
                                testing_support::kTimeoutMs);
     }
 
