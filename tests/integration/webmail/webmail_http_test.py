@@ -1,7 +1,7 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
-(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), messages served whole over
-HTTPS on IPv6 with TLS 1.2 or newer only, the options that keep it from serving unsafely, and two
-processes over one store racing moves, flags, listings and deliveries."""
+(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), HTTPS on IPv6 (TLS 1.2 or newer
+only, large messages served whole), the options that keep it from serving unsafely, and two processes over one
+store racing moves, flags, listings and deliveries."""
 
 import base64
 import http.client
