@@ -5,6 +5,7 @@ empty, an error page is served as if it were the message, and the first error of
 later failure reports (so each case starts a gateway of its own). The stalls run with 2-second request time-outs
 (a setting for tests only) and a 1 MB reply limit. Every case ends with the next client served."""
 
+import os
 import time
 import unittest
 
@@ -18,6 +19,7 @@ LISTED = b"+OK 2 %d\r\n" % sum(SIZES)
 TIMED_OUT = b"-ERR The operation timed out\r\n"
 TEST_TIMEOUT = 2
 REPLY_LIMIT = 1 << 20
+os.environ["TARNWICK_TEST_HTTP_TIMEOUT"] = str(TEST_TIMEOUT)  # read by the gateways started below
 
 
 def retr(number, body=None):
@@ -47,8 +49,7 @@ class ServiceFailures(unittest.TestCase):
         """A scripted service and a gateway pointed at it, both stopped at the clean-up."""
         service = ScriptedService()
         self.addCleanup(service.stop)
-        gateway = Stack(service_url=service.base + SERVICE_PATH, gateway_args=["--max-reply-size", str(REPLY_LIMIT)],
-                        gateway_env={"TARNWICK_TEST_HTTP_TIMEOUT": str(TEST_TIMEOUT)})
+        gateway = Stack(service_url=service.base + SERVICE_PATH, gateway_args=["--max-reply-size", str(REPLY_LIMIT)])
         gateway.start()
         self.addCleanup(gateway.stop)
         return service, gateway
