@@ -73,12 +73,8 @@ def message(subject):
             % (subject.replace(" ", "-").encode(), subject.encode()))
 
 
-def outbox():
-    return stack.store.folder_messages("sam", "Outbox")
-
-
 def wait_outbox_empty():
-    wait_for(lambda: outbox() == [], 10, "the Outbox to empty")
+    wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
 
 
 def split_trace(delivered):
@@ -146,7 +142,7 @@ class Relay(unittest.TestCase):
         try:
             send(["someone@example.test"], text)
             wait_for(lambda: webmail_log_count("deferred <someone@example.test>") >= 1, 20, "a deferral")
-            self.assertEqual(len(outbox()), 1)
+            self.assertEqual(len(stack.store.folder_messages("sam", "Outbox")), 1)
         finally:
             # Back, but answering DATA only after 4 s: a second after the next attempt began, it is under way.
             restart_mx(data_pause=4)
