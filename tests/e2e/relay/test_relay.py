@@ -119,9 +119,8 @@ class Relay(unittest.TestCase):
                          ("rfc822; busy@example.test", "failed", "5.1.1"))
         self.assertTrue(fields["Diagnostic-Code"].startswith("smtp; 550 5.1.1 <busy@example.test>: "), fields)
         self.assertIn("Message-ID: <Partly@tarnwick.local>", headers.get_payload())
+        # One transaction for the two the server took, and none again after busy@ was tried alone.
         self.assertEqual(len(re.findall(r"from=<sam@tarnwick\.local>, size=\d+, nrcpt=2 ", mx.log())), 1)
-        self.assertEqual(webmail_log_count("sending to <someone@example.test>, <another@example.test>, "
-                                           "<busy@example.test> via"), 1)
 
     def test_1c_a_second_service_on_the_same_store_leaves_the_queue_alone(self):
         second = Webmail(work.name, "second", stack.store.root, ["--relay", mx.url()] + RETRY)
