@@ -88,8 +88,10 @@ class Postfix:
             "smtpd_data_restrictions": "sleep %d" % self.data_pause if self.data_pause else "",
         }
         if self.login:
-            settings.update(self._tls_settings())
-            settings.update(self._login_settings())
+            certificates = make_certificates(self.etc)
+            self.ca_file = certificates["ca"]
+            settings.update({"smtpd_tls_cert_file": certificates["cert"], "smtpd_tls_key_file": certificates["key"],
+                             "smtpd_tls_security_level": "may"}, **self._sasl_settings())
         with open(os.path.join(self.etc, "main.cf"), "w") as f:
             for key, value in settings.items():
                 f.write("%s = %s\n" % (key, value))
@@ -102,13 +104,7 @@ class Postfix:
         if check.returncode != 0:
             raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
 
-    def _tls_settings(self):
-        certificates = make_certificates(self.etc)
-        self.ca_file = certificates["ca"]
-        return {"smtpd_tls_cert_file": certificates["cert"], "smtpd_tls_key_file": certificates["key"],
-                "smtpd_tls_security_level": "may"}
-
-    def _login_settings(self):
+    def _sasl_settings(self):
         user, password = self.login
         sasldb = os.path.join(self.etc, "sasldb2")
         made = subprocess.run(["saslpasswd2", "-f", sasldb, "-p", "-c", "-u", self.domains[0], user],

@@ -38,8 +38,7 @@ def make_certificates(folder):
 
 def make_nonce_key(path):
     """A shared Digest nonce key, readable by its owner only."""
-    fd = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600)
-    with os.fdopen(fd, "wb") as f:
+    with open(os.open(path, os.O_WRONLY | os.O_CREAT | os.O_EXCL, 0o600), "wb") as f:
         f.write(os.urandom(32))
     return path
 

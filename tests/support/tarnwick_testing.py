@@ -19,22 +19,15 @@ TRASH_FOLDER = "Deleted Items"
 ROOT = os.path.normpath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", ".."))
 
 
-def _project_version():
-    if os.environ.get("TARNWICK_VERSION"):
-        return os.environ["TARNWICK_VERSION"]
-    with open(os.path.join(ROOT, "CMakeLists.txt")) as f:
-        return re.search(r"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
-
-
 def binary(variable, build_path):
     return os.environ.get(variable) or os.path.join(ROOT, "build", build_path)
 
 
-# The line the gateway puts in front of every message it serves.
-APP_LINE = b"X-Application: Tarnwick Gateway - " + _project_version().encode()
-START_TIMEOUT = 20.0
+# The line the gateway puts in front of every message it serves, with the version the top CMakeLists.txt names.
+with open(os.path.join(ROOT, "CMakeLists.txt"), "rb") as f:
+    APP_LINE = b"X-Application: Tarnwick Gateway - " + re.search(rb"project\(\w+ VERSION ([\d.]+)", f.read()).group(1)
 LISTENING_LINE = re.compile(rb"listening on (?:https?://)?(?:127\.0\.0\.1|\[::1\]):(\d+)")
-# tarnwick-webmail logs one line per HTTP request on standard error: method, path, status, ...
+# tarnwick-webmail logs one line per HTTP request: method, path, status, ...
 REQUEST_LINE = re.compile(r"^[A-Z]+ /\S* \d{3} .*$", re.MULTILINE)
 
 
@@ -55,13 +48,10 @@ def is_listening(port):
     gateway's one client."""
     wanted = {"0100007F:%04X" % port, "0000000000000000FFFF00000100007F:%04X" % port}
     for table in ("/proc/net/tcp", "/proc/net/tcp6"):
-        try:
+        if os.path.exists(table):  # not without IPv6
             with open(table) as f:
-                next(f)
                 if any(fields[1] in wanted and fields[3] == "0A" for fields in map(str.split, f)):
                     return True
-        except FileNotFoundError:
-            continue
     return False
 
 
@@ -96,20 +86,19 @@ def stop_process(proc):
         proc.wait(timeout=5)
 
 
-def start(command, log, ready, what, output=None, **popen):
-    """Starts a process (its output appended to the file `log`) and waits until ready() is true; fails with its
-    output() (by default the log) if the process ends first, and stops it on any failure."""
+def start(command, log, ready, what, **popen):
+    """Starts a process (its output appended to the file `log`) and waits until ready() is true; fails with the
+    log if the process ends first, and stops it on any failure."""
     with open(log, "ab") as out:
-        popen.setdefault("stderr", out)
-        proc = subprocess.Popen(command, stdout=out, stdin=subprocess.DEVNULL, **popen)
+        proc = subprocess.Popen(command, stdout=out, stderr=out, stdin=subprocess.DEVNULL, **popen)
 
     def up():
         if proc.poll() is not None:
-            raise AssertionError("%s exited:\n%s" % (what, (output or (lambda: read_file(log).decode("latin-1")))()))
+            raise AssertionError("%s exited:\n%s" % (what, read_file(log).decode("latin-1")))
         return ready()
 
     try:
-        wait_for(up, START_TIMEOUT, what + " to start")
+        wait_for(up, 20, what + " to start")
     except BaseException:
         stop_process(proc)
         raise
@@ -118,29 +107,27 @@ def start(command, log, ready, what, output=None, **popen):
 
 class Webmail:
     """One tarnwick-webmail over `store`, listening on `host`:`port` (ephemeral by default); its output is
-    appended to folder/NAME.out and NAME.err."""
+    appended to folder/NAME.log."""
 
     def __init__(self, folder, name, store, args=(), port=0, host=HOST):
-        self.out_path, self.err_path = (os.path.join(folder, name + ext) for ext in (".out", ".err"))
-        skip = len(read_file(self.out_path))  # a restart's listening line comes after the old output
+        self.log_path = os.path.join(folder, name + ".log")
+        skip = len(read_file(self.log_path))  # a restart's listening line comes after the old output
         self.port = None
 
         def bound():
-            m = LISTENING_LINE.search(read_file(self.out_path)[skip:])
+            m = LISTENING_LINE.search(read_file(self.log_path)[skip:])
             self.port = m and int(m.group(1))
             return self.port
 
-        with open(self.err_path, "ab") as err:
-            self.proc = start([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store, "--listen",
-                               "%s:%d" % (host, port), *args], self.out_path, bound, "tarnwick-webmail", self.output,
-                              stderr=err)
+        self.proc = start([binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail"), "--store", store, "--listen",
+                           "%s:%d" % (host, port), *args], self.log_path, bound, "tarnwick-webmail")
 
     def output(self):
-        return (read_file(self.out_path) + read_file(self.err_path)).decode("latin-1")
+        return read_file(self.log_path).decode("latin-1")
 
     def requests(self):
         """The request lines logged so far."""
-        return REQUEST_LINE.findall(read_file(self.err_path).decode("latin-1"))
+        return REQUEST_LINE.findall(self.output())
 
     def stop(self):
         stop_process(self.proc)
@@ -188,10 +175,9 @@ class Stack:
     """The running pair: webmail on an ephemeral port, the gateway headless on two free ports. Given a
     `service_url`, only the gateway runs, pointed at that service."""
 
-    def __init__(self, webmail_args=(), service_url=None, gateway_args=(), gateway_env=None):
+    def __init__(self, webmail_args=(), service_url=None, gateway_args=()):
         self.webmail_args = list(webmail_args)
         self.gateway_args = list(gateway_args)
-        self.gateway_env = dict(gateway_env or {})
         self._service_url = service_url
         self.dir = tempfile.mkdtemp(prefix="tarnwick-e2e-")
         self.store = Store(os.path.join(self.dir, "store"))
@@ -218,8 +204,7 @@ class Stack:
         arguments if given."""
         if kill:
             os.kill(self.webmail.proc.pid, signal.SIGKILL)
-            self.webmail.proc.wait(timeout=10)
-        self.webmail.stop()
+        self.webmail.stop()  # waits for the killed process too
         if webmail_args is not None:
             self.webmail_args = list(webmail_args)
         self.webmail = Webmail(self.dir, "webmail", self.store.root, self.webmail_args, port=self.service_port)
@@ -228,7 +213,7 @@ class Stack:
         service_url = self._service_url or "http://%s:%d%s" % (HOST, self.service_port, SERVICE_PATH)
         runtime = os.path.join(self.dir, "runtime")
         os.makedirs(runtime, mode=0o700, exist_ok=True)
-        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen", **self.gateway_env)
+        env = dict(os.environ, XDG_RUNTIME_DIR=runtime, QT_QPA_PLATFORM="offscreen")
         for attempt in range(5):
             self.pop3_port, self.smtp_port = two_free_ports()
             try:

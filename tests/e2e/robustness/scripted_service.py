@@ -23,7 +23,7 @@ SLOW_READ = "slow read"              # reads a few bytes of the posted body slow
 
 class ScriptedService:
 
-    def __init__(self, port=0):
+    def __init__(self):
         self._failures = {}
         self._lock = threading.Lock()
         self._stop = threading.Event()
@@ -41,7 +41,7 @@ class ScriptedService:
 
             do_GET = do_BMOVE = do_POST = do_PROPFIND
 
-        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", port), Handler)
+        self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
         self._server.daemon_threads = True
         self.base = "http://127.0.0.1:%d" % self._server.server_address[1]
         threading.Thread(target=self._server.serve_forever, daemon=True).start()
@@ -60,16 +60,6 @@ class ScriptedService:
         h.close_connection = True
         self._stop.wait()
 
-    def _headers(self, h, status=200, length=None, chunked=False):
-        h.send_response(status)
-        if status == 200:
-            h.send_header("X-Dav-Error", "200 No error")
-        if chunked:
-            h.send_header("Transfer-Encoding", "chunked")
-        else:
-            h.send_header("Content-Length", str(length))
-        h.end_headers()
-
     def _answer(self, h):
         kind = h.command.lower()
         if h.command == "PROPFIND":
@@ -84,11 +74,18 @@ class ScriptedService:
                 time.sleep(0.5)
             return self._hold(h)
         h.rfile.read(int(h.headers.get("Content-Length") or 0))
-        body = self._body(kind, h.path)
         if failure == SILENT:
             return self._hold(h)
+        body = ERROR_PAGE if failure == ERROR_500_NO_DAV else self._body(kind, h.path)
+        h.send_response(500 if failure == ERROR_500_NO_DAV else 200)
+        if failure != ERROR_500_NO_DAV:
+            h.send_header("X-Dav-Error", "200 No error")
         if failure == ENDLESS:
-            self._headers(h, chunked=True)
+            h.send_header("Transfer-Encoding", "chunked")
+        else:
+            h.send_header("Content-Length", str(len(body)))
+        h.end_headers()
+        if failure == ENDLESS:
             h.close_connection = True
             while not self._stop.is_set():
                 try:
@@ -97,16 +94,12 @@ class ScriptedService:
                     return
                 with self._lock:
                     self.endless_sent += 1 << 16
-            return
-        if failure == STALL_MID_BODY:
-            self._headers(h, length=len(body))
+        elif failure == STALL_MID_BODY:
             h.wfile.write(body[: len(body) // 2])
             h.wfile.flush()
-            return self._hold(h)
-        if failure == ERROR_500_NO_DAV:
-            body = ERROR_PAGE
-        self._headers(h, 500 if failure == ERROR_500_NO_DAV else 200, length=len(body))
-        h.wfile.write(body)
+            self._hold(h)
+        else:
+            h.wfile.write(body)
 
     def _body(self, kind, path):
         b = self.base

@@ -1,7 +1,7 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
-(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), messages served whole over HTTP
-and HTTPS, HTTPS on IPv6 with TLS 1.2 or newer only, the options that keep it from serving unsafely, and two
-processes over one store racing moves, flags, listings and deliveries."""
+(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), HTTPS on IPv6 (TLS 1.2 or newer
+only, large messages served whole), the options that keep it from serving unsafely, and two processes over one
+store racing moves, flags, listings and deliveries."""
 
 import base64
 import http.client
@@ -17,7 +17,7 @@ import warnings
 from concurrent.futures import ThreadPoolExecutor
 
 from proxy_testing import make_certificates
-from tarnwick_testing import HOST, SERVICE_PATH, Store, Webmail, binary, read_file
+from tarnwick_testing import HOST, SERVICE_PATH, Store, Webmail, binary
 
 BINARY = binary("TARNWICK_WEBMAIL", "webmail/tarnwick-webmail")
 
@@ -35,9 +35,8 @@ class Service(unittest.TestCase):
     host = HOST
 
     def setUp(self):
-        tmp = tempfile.TemporaryDirectory(prefix="tarnwick-webmail-")
-        self.addCleanup(tmp.cleanup)
-        self.dir, self.store = tmp.name, os.path.join(tmp.name, "store")
+        self.dir = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-webmail-"))
+        self.store = os.path.join(self.dir, "store")
         for user in ("ann", "bob"):
             subprocess.run([BINARY, "--store", self.store, "--add-user", user, user + "-pw"], check=True,
                            stdout=subprocess.DEVNULL)
@@ -67,20 +66,6 @@ class Service(unittest.TestCase):
     def login(self, auth=DEMO, headers=None, conn=None):
         return self.request("PROPFIND", SERVICE_PATH, None, headers, auth, conn)
 
-    def assert_messages_come_whole(self, connect):
-        """GETs of a small message (read whole), a large one (sent from the descriptor) and one with bare LF line
-        ends (read in pieces, served with CR LF)."""
-        big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
-        small = b"Subject: small\r\n\r\nshort\r\n"
-        for name, stored, served in (("1.big.host", big, big), ("2.bare.host", big.replace(b"\r\n", b"\n"), big),
-                                     ("3.small.host", small, small)):
-            with self.subTest(name=name):
-                with open(os.path.join(self.store, "demo", "cur", name + ":2,S"), "wb") as f:
-                    f.write(stored)
-                status, headers, body = self.request("GET", "/mail/demo/folders/INBOX/" + name, conn=connect())
-                self.assertEqual((status, int(headers["Content-Length"])), (200, len(served)))
-                self.assertEqual(body, served)
-
 
 class HttpTest(Service):
 
@@ -100,9 +85,8 @@ class HttpTest(Service):
         # (Which escapes a path may not hold is the path parser's own rule; another account's folder is the router's.)
         for path in ("/mail/demo/folders/INBOX/..%2F..%2F..%2Fpasswd", "/mail/demo/../../passwd",
                      "/mail/demo/folders/%2e%2e/%2e%2e/passwd", "/mail/ann/folders/INBOX/"):
-            status, headers, body = self.request("GET", path)
+            status, _, body = self.request("GET", path)
             self.assertIn(status, (403, 404, 405), path)
-            self.assertIn("X-Dav-Error", headers, path)
             self.assertNotIn(b"demo:demo", body, path)
 
     def test_bodies_over_the_size_limit_are_refused_and_clients_that_vanish_do_no_harm(self):
@@ -135,13 +119,9 @@ class HttpTest(Service):
                     % n
                 self.assertEqual(self.request("POST", "/mail/demo/sendmsg", text, dict(
                     headers, **{"Content-Type": "message/rfc821"}), conn=self.connect(source))[0], 200)
-                sent = os.path.join(self.store, "demo", ".Sent Items", "cur")
-                (copy,) = [m for m in (read_file(os.path.join(sent, f)) for f in os.listdir(sent))
-                           if b"Subject: %d\r\n" % n in m]
+                sent = Store(self.store).folder_messages("demo", "Sent Items")
+                (copy,) = [m for m in sent if b"Subject: %d\r\n" % n in m]
                 self.assertTrue(copy.startswith(b"Received: from %s (authenticated account demo)" % client.encode()))
-
-    def test_messages_come_whole_over_http(self):
-        self.assert_messages_come_whole(self.connect)
 
 
 class TlsTest(Service):
@@ -162,35 +142,34 @@ class TlsTest(Service):
     def connect_tls(self, version=ssl.TLSVersion.TLSv1_3):
         return http.client.HTTPSConnection("::1", self.port, timeout=10, context=self.context(version))
 
-    def test_https_on_ipv6_hands_out_https_addresses_and_refuses_tls_older_than_1_2(self):
-        self.assertIn("listening on [::1]:%d\n" % self.port, self.webmail.output())
+    def test_https_on_ipv6_with_https_addresses_tls_1_2_or_newer_only_and_large_messages_served_whole(self):
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             with self.subTest(version=version):
-                conn = self.connect_tls(version)
-                conn.request("PROPFIND", SERVICE_PATH, headers={"Authorization": DEMO})
-                reply = conn.getresponse()
-                self.assertEqual(reply.status, 207)
-                self.assertEqual(conn.sock.version(), version.name.replace("v1_", "v1."))
-                self.assertIn("<hm:inbox>https://[::1]:%d/mail/demo/folders/INBOX/</hm:inbox>" % self.port,
-                              reply.read().decode())
-                conn.close()
+                status, _, body = self.login(conn=self.connect_tls(version))
+                self.assertEqual(status, 207)
+                inbox = "<hm:inbox>https://[::1]:%d/mail/demo/folders/INBOX/</hm:inbox>" % self.port
+                self.assertIn(inbox, body.decode())
         for version in (ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1):
             with self.subTest(version=version):
                 with socket.create_connection(("::1", self.port), timeout=10) as raw:
                     with self.assertRaises(ssl.SSLError):
                         self.context(version).wrap_socket(raw, server_hostname="localhost")
+        # Over TLS a large message is read in pieces, not sent from the descriptor. (Over plain HTTP the readers'
+        # end-to-end tests fetch large and small messages and ones with bare LF line ends.)
+        big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
+        with open(os.path.join(self.store, "demo", "cur", "1.big.host:2,S"), "wb") as f:
+            f.write(big)
+        status, headers, body = self.request("GET", "/mail/demo/folders/INBOX/1.big.host", conn=self.connect_tls())
+        self.assertEqual((status, int(headers["Content-Length"])), (200, len(big)))
+        self.assertEqual(body, big)
         self.assertNotIn("warning", self.webmail.output())
-
-    def test_messages_come_whole_over_https(self):
-        self.assert_messages_come_whole(self.connect_tls)
 
 
 class OptionsTest(unittest.TestCase):
 
     def test_plain_http_beyond_the_loopback_is_warned_about_and_weak_nonce_keys_refused(self):
-        tmp = tempfile.TemporaryDirectory(prefix="tarnwick-listen-")
-        self.addCleanup(tmp.cleanup)
-        short_key, open_key = os.path.join(tmp.name, "short"), os.path.join(tmp.name, "open")
+        tmp = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-listen-"))
+        short_key, open_key = os.path.join(tmp, "short"), os.path.join(tmp, "open")
         for path, data, mode in ((short_key, b"x" * 15, 0o600), (open_key, b"x" * 32, 0o644)):
             with open(path, "wb") as f:
                 f.write(data)
@@ -204,26 +183,10 @@ class OptionsTest(unittest.TestCase):
                 (["--nonce-key-file", open_key], b"must be readable by its owner only")]
         for args, message in rows:
             with self.subTest(args=args):
-                run = subprocess.run([BINARY, "--store", os.path.join(tmp.name, "store"), *args],
+                run = subprocess.run([BINARY, "--store", os.path.join(tmp, "store"), *args],
                                      capture_output=True, timeout=10)
                 self.assertEqual((run.returncode, run.stdout), (1, b""), run.stderr)
                 self.assertIn(message, run.stderr)
-
-
-
-def race_text(i):
-    return b"Subject: race %d\r\n\r\nbody of message %d\r\n" % (i, i)
-
-
-def maildir_files(folder):
-    """{unique part of the name: content} of one Maildir's new/ and cur/, failing on a unique part seen twice."""
-    out = {}
-    for sub in ("new", "cur"):
-        for name in os.listdir(os.path.join(folder, sub)):
-            unique = name.split(":2,")[0]
-            assert unique not in out, "%s is in %s twice" % (unique, folder)
-            out[unique] = read_file(os.path.join(folder, sub, name))
-    return out
 
 
 class TwoInstancesRaceTest(Service):
@@ -240,7 +203,8 @@ class TwoInstancesRaceTest(Service):
 
     def test_moves_flags_listings_and_deliveries_of_two_processes_lose_and_double_nothing(self):
         store = Store(self.store)
-        ids = [store.deliver("ann", race_text(i)) for i in range(self.COUNT)]
+        texts = [b"Subject: race %d\r\n\r\nbody of message %d\r\n" % (i, i) for i in range(self.COUNT)]
+        ids = [store.deliver("ann", text) for text in texts]
         second = Webmail(self.dir, "second", self.store)
         self.addCleanup(lambda: self.assertEqual(second.stop(), 0))
         ports = [self.port, second.port]
@@ -293,15 +257,15 @@ class TwoInstancesRaceTest(Service):
             for work in listers:
                 work.result(30)
 
-        ann = os.path.join(self.store, "ann")
-        self.assertEqual(maildir_files(ann), {})
-        self.assertEqual(maildir_files(os.path.join(ann, ".Deleted Items")),
-                         {unique: race_text(i) for i, unique in enumerate(ids)})
+        # Every message moved once, under its own name: nothing lost, nothing doubled.
+        trash = os.path.join(self.store, "ann", ".Deleted Items", "cur")
+        self.assertEqual(sorted(name.split(":2,")[0] for name in os.listdir(trash)), sorted(ids))
+        self.assertEqual(sorted(store.folder_messages("ann", "Deleted Items")), sorted(texts))
+        self.assertEqual(store.folder_messages("ann"), [])
         # Every posted message arrived once in bob's inbox and once in ann's Sent Items.
-        for folder in (os.path.join(self.store, "bob"), os.path.join(ann, ".Sent Items")):
-            subjects = sorted(re.search(rb"Subject: sent (\d+-\d+)", m).group(1).decode()
-                              for m in maildir_files(folder).values())
-            self.assertEqual(subjects, sorted("%d-%d" % (w, n) for w in (0, 1) for n in range(self.SENT_EACH)), folder)
-        for folder in (ann, os.path.join(ann, ".Deleted Items"), os.path.join(ann, ".Sent Items"),
-                       os.path.join(self.store, "bob")):
-            self.assertEqual(os.listdir(os.path.join(folder, "tmp")), [])
+        posted = sorted(b"Subject: sent %d-%d\r\n" % (w, n) for w in (0, 1) for n in range(self.SENT_EACH))
+        for user, folder in (("bob", ""), ("ann", "Sent Items")):
+            messages = store.folder_messages(user, folder)
+            self.assertEqual(sorted(re.search(rb"Subject: sent .*\r\n", m).group(0) for m in messages), posted, folder)
+        for folder in ("ann", "ann/.Deleted Items", "ann/.Sent Items", "bob"):
+            self.assertEqual(os.listdir(os.path.join(self.store, folder, "tmp")), [])

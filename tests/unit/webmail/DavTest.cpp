@@ -1,8 +1,6 @@
 // The web service's own layer. What it reads from a request before it touches the store: paths, Basic
-// credentials and the Digest check's answers to right, wrong, replayed, forged and expired credentials. (Which
-// address names what is shown by every request of the end-to-end tests; instances that share a Digest key behind
-// one proxy end to end.) What the mailbox listing shows of a message: header fields read and cleaned, dates in
-// their common shapes, and the From text in 7 bits.
+// credentials and the Digest check's answers to right, wrong, replayed, forged and expired credentials (which
+// address names what is shown end to end). What the mailbox listing shows: header fields, dates, the From text.
 #include <gtest/gtest.h>
 
 #include <fstream>
@@ -33,7 +31,6 @@ TEST(RequestParserTest, PathsThatCouldLeaveTheTreeAreRefused) {
 
 TEST(RequestParserTest, BasicCredentialsSchemeInAnyCaseStrictBase64AndNoControlCharacters) {
     const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
-        {"Basic ZGVtbzpkZW1v", "demo", "demo"},
         {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
         {"basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
     };
@@ -156,21 +153,17 @@ TEST(ListedMessageTest, DatesInTheirCommonShapes) {
     }
 }
 
-// 8-bit words become RFC 2047 encoded-words of at most 75 characters, each character whole. (That every result
-// is printable ASCII is a rule the headers fuzz target checks.)
+// 8-bit words become RFC 2047 encoded-words of at most 75 characters, each character whole; ASCII words, the
+// address and existing encoded-words among them, stay as they are. (That every result is printable ASCII is a
+// rule the headers fuzz target checks; how 8-bit text that is not UTF-8 is read, the header test's Subject.)
 TEST(EncodedWordsTest, EightBitWordsBecomeEncodedWordsOfWholeCharacters) {
     const struct {
         const char* name;
         std::string from;
         std::string expected;
     } cases[] = {
-        {"ASCII passes unchanged", "Ann Example <ann@example.org>", "Ann Example <ann@example.org>"},
         {"UTF-8 words are encoded together, the address stays plain", "J\xC3\xBCrgen M\xC3\xBCller <j@x.org>",
          "=?UTF-8?Q?J=C3=BCrgen_M=C3=BCller?= <j@x.org>"},
-        {"Latin-1 bytes are read as Latin-1 and sent as UTF-8", "Fran\xE7ois <francois@example.org>",
-         "=?UTF-8?Q?Fran=C3=A7ois?= <francois@example.org>"},
-        {"an existing encoded-word passes unchanged", "=?iso-8859-1?q?Ren=E9?= <rene@example.org>",
-         "=?iso-8859-1?q?Ren=E9?= <rene@example.org>"},
         {"the blank after an existing encoded-word is kept inside the new one",
          "=?UTF-8?Q?J=C3=BCrgen?= M\xC3\xBCller <m@x.org>",
          "=?UTF-8?Q?J=C3=BCrgen?= =?UTF-8?Q?_M=C3=BCller?= <m@x.org>"},
