@@ -108,6 +108,13 @@ TEST(DigestAuthTest, AnswersToRightWrongForgedAndExpiredCredentials) {
         EXPECT_EQ(Check(auth, Answer(auth.Challenge(false, kNow))), i < 3 ? O::Accepted : O::Stale);
     }
     EXPECT_EQ(Check(auth, Answer(challenge, "secret", "/a", "00000009")), O::Stale);
+
+    // The worked example of RFC 2617: the answers above are built with the same formula, so only a known answer
+    // shows that the formula is the one clients use.
+    const DigestAuth::Credentials example{
+        "Mufasa", "testrealm@host.com", "dcd98b7102dd2f0e8b11d0f600bfb0c093", "/dir/index.html", "", "auth", "00000001",
+        "0a4f113b", "", ""};
+    EXPECT_EQ(DigestAuth::ExpectedResponse(example, "GET", "Circle Of Life"), "6629fae49393a05397450978507c4ef1");
 }
 
 ListedMessage Listed(const TempDir& dir, const std::string& raw, const std::string& flags = "") {
