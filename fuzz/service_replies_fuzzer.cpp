@@ -30,7 +30,7 @@ FakeWebDavService& Service() {
             setenv(name, s->Url("").c_str(), 1);
         }
         for (const char* name : {"no_proxy", "NO_PROXY"}) unsetenv(name);
-        mailservice::CHotmail::SetServiceEntryURL(s->Url("/svcs/hotmail/tarnwick.asp"));
+        mailservice::CHotmail::SetServiceEntryURL(s->Url(testing_support::kEntryPath));
         core::MessageBox::SetHandler([](const std::string&) {});
         return s;
     }();

@@ -19,10 +19,20 @@
 #include "mailservice/CHotmail.h"
 #include "platform/net/SocketControl.h"
 #include "tests/support/FakeWebDavService.h"
-#include "tests/support/HotmailTestSupport.h"
 #include "tests/support/LineClient.h"
 
 namespace server_tests {
+
+// A real socket control that counts the arrivals its server has read, so that a test can wait for one.
+class CountingSocketControl : public platform::net::SocketControl {
+public:
+    using SocketControl::SocketControl;
+    std::string GetData() override {
+        ++reads;
+        return SocketControl::GetData();
+    }
+    int reads = 0;
+};
 
 // A gateway host that records every log entry, owns two real socket controls on loopback and records errors
 // that escape an event handler instead of ending the test program.
@@ -37,17 +47,17 @@ public:
     std::string ApplicationName() const override { return "Tarnwick Gateway"; }
     std::string ApplicationVersion() const override { return core::Version::kText; }
     core::ISocketControl& WinsockPOP3() override { return pop3_; }
-    core::ISocketControl& WinsockSMTP() override { return smtp_; }
+    core::ISocketControl& WinsockSMTP() override { return smtp; }
     void DoEvents() override { QCoreApplication::processEvents(); }
 
     std::vector<std::string> log;
     std::string userName;
     std::string password;
     std::vector<core::Error> unhandled;
+    CountingSocketControl smtp{[this](const core::Error& e) { unhandled.push_back(e); }};
 
 private:
     platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
-    platform::net::SocketControl smtp_{[this](const core::Error& e) { unhandled.push_back(e); }};
 };
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
@@ -57,7 +67,7 @@ protected:
     void SetUp() override {
         core::MErrorHandler::ResetForTesting();
         core::MessageBox::SetHandler([](const std::string&) {});
-        mailservice::CHotmail::SetServiceEntryURL(svc.Url(hotmail_test::kEntryPath));
+        mailservice::CHotmail::SetServiceEntryURL(svc.Url(testing_support::kEntryPath));
         server.SetListenPort(port);
         server.StartServer();
     }
@@ -66,9 +76,9 @@ protected:
         EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
     }
 
-    // Waits until `entry` is in the log at least `times` times.
-    bool WaitForLog(const std::string& entry, long times = 1) {
-        return QTest::qWaitFor([&] { return std::count(host.log.begin(), host.log.end(), entry) >= times; },
+    // Waits until `entry` is in the log.
+    bool WaitForLog(const std::string& entry) {
+        return QTest::qWaitFor([&] { return std::find(host.log.begin(), host.log.end(), entry) != host.log.end(); },
                                testing_support::kTimeoutMs);
     }
 

@@ -1,0 +1,81 @@
+// The core: number conversions from protocol text (surrounding spaces, half-to-even rounding, error 13 for text
+// that is not a number, 6 for one that does not fit); the trap (results pass through, and an exception that is
+// no error of ours becomes error 51 under the trap's label); the spool file, which no one else can open. (The
+// innermost label and the first error kept for good show in the gateway's own output: the process test and the
+// end-to-end failure table. A spool write the disk refuses is checked where the reader sees it, in the POP3 and
+// SMTP handlers; texts read back piece by piece in the RETR response.)
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+#include "core/Convert.h"
+#include "core/Error.h"
+#include "core/MErrorHandler.h"
+#include "core/SpoolFile.h"
+#include "core/Trap.h"
+#include "tests/support/RaisedError.h"
+
+namespace {
+
+using core::Error;
+using testing_support::RaisedError;
+using testing_support::RaisedErrorNumber;
+
+struct Case {
+    const char* text;
+    std::int32_t value;  // when no error
+    std::int32_t error;  // 0: none
+};
+
+TEST(Convert, ToInt16RoundsHalfToEvenAndRefusesWhatIsNotASixteenBitNumber) {
+    const Case cases[] = {
+        {"1", 1, 0},         {"02", 2, 0},        {" 2", 2, 0},         {"2  ", 2, 0},          {"-7", -7, 0},
+        {"+3", 3, 0},        {"32767", 32767, 0}, {"-32768", -32768, 0}, {"2.5", 2, 0},         {"3.5", 4, 0},
+        {"-2.5", -2, 0},     {"1.6", 2, 0},       {"1e2", 100, 0},      {".5", 0, 0},           {"", 0, 13},
+        {"   ", 0, 13},      {"abc", 0, 13},      {"1a", 0, 13},        {"1 2", 0, 13},         {"--1", 0, 13},
+        {".", 0, 13},        {"1e", 0, 13},       {"32768", 0, 6},      {"-32769", 0, 6},       {"32767.5", 0, 6},
+        {"1e400", 0, 6},
+    };
+    for (const Case& c : cases) {
+        std::int32_t value = 0;
+        EXPECT_EQ(RaisedErrorNumber([&] { value = core::ToInt16(c.text); }), c.error) << "[" << c.text << "]";
+        if (c.error == 0) {
+            EXPECT_EQ(value, c.value) << "[" << c.text << "]";
+        }
+    }
+}
+
+TEST(ErrorHandler, TrapPassesResultsThroughAndMapsForeignExceptions) {
+    core::MErrorHandler::ResetForTesting();
+    EXPECT_EQ(core::Trap("Ok Method", [] { return 7; }), 7);
+    const Error e = RaisedError([] { core::Trap("Std Method", [] { throw std::runtime_error("boom"); }); });
+    EXPECT_EQ(e.Number(), 51);
+    EXPECT_EQ(e.Source(), "Std Method");
+    EXPECT_NE(e.Description().find("boom"), std::string::npos);
+    core::MErrorHandler::ResetForTesting();
+}
+
+TEST(SpoolFile, HasNoNameAndOnlyItsOwnerMayReadIt) {
+    const std::shared_ptr<core::SpoolFile> file = core::SpoolFile::Create();
+    file->Append("secret");
+    // Every descriptor of the process: the spool's is the one that links to a file that is gone.
+    int found = 0;
+    for (int fd = 0; fd < 1024; ++fd) {
+        char target[512] = {};
+        const std::string link = "/proc/self/fd/" + std::to_string(fd);
+        const ssize_t n = readlink(link.c_str(), target, sizeof target - 1);
+        struct stat st {};
+        if (n <= 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size != 6) continue;
+        ++found;
+        EXPECT_TRUE(std::string(target, static_cast<std::size_t>(n)).ends_with(" (deleted)")) << target;
+        EXPECT_EQ(st.st_nlink, 0U);
+        EXPECT_EQ(st.st_mode & 0777, 0600U);
+    }
+    EXPECT_EQ(found, 1);
+}
+
+}  // namespace
