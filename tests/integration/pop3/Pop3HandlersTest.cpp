@@ -90,8 +90,8 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoadAndDeleteMoves
         {"QUIT\r\n", kGoodBye},
     };
     for (const auto& [request, answer] : exchanges) {
-        const bool multiLine = answer.ends_with("\r\n.\r\n");
-        EXPECT_EQ(multiLine ? reader->AskMultiLine(request) : reader->Ask(request), answer) << request;
+        reader->Send(request);
+        EXPECT_EQ(reader->Receive(answer.size()), answer) << request;
     }
     // One load (log-in, folders, inbox, a GET each), RETR from memory, one move per good DELE.
     EXPECT_EQ(svc.Requests().size(), 3u + 3 + 3);
@@ -118,8 +118,9 @@ TEST_F(Pop3HandlersTest, ASpoolThatCannotBeWrittenFailsTheLoadAndTheReaderGetsAn
 
     ScriptLoad({kPlain, big});
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 " + std::to_string(kPlain.body.size() + big.body.size()) + "\r\n");
-    EXPECT_EQ(reader->AskMultiLine("RETR 2\r\n"),
-              "+OK " + big.length + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n");
+    const std::string retr2 = "+OK " + big.length + " octets\r\n" + kAppLine + big.body + "\r\n.\r\n";
+    reader->Send("RETR 2\r\n");
+    EXPECT_EQ(reader->Receive(retr2.size()), retr2);
 }
 
 // A wrong password fails each mailbox command, and each tries again. Listed lengths are decimal numbers, summed
@@ -146,8 +147,9 @@ TEST_F(Pop3HandlersTest, AListedLengthThatIsNoNumberFailsTheLoad) {
 }
 
 // One client at a time. A socket error (here a queued text whose piece 3 cannot be read: the connection is broken
-// off instead of the text ending early) leaves nothing listening until the server is started again; so does Stop.
-TEST_F(Pop3HandlersTest, OneClientAtATimeAndNothingListeningAfterASocketErrorOrStop) {
+// off instead of the text ending early) leaves nothing listening until the server is started again. (That Stop
+// closes the port shows in the desktop test.)
+TEST_F(Pop3HandlersTest, OneClientAtATimeAndNothingListeningAfterASocketError) {
     auto first = std::make_unique<LineClient>(port);
     EXPECT_EQ(first->ReceiveLine(), kHello);
     EXPECT_TRUE(LineClient(port).Refused());
@@ -175,9 +177,7 @@ TEST_F(Pop3HandlersTest, OneClientAtATimeAndNothingListeningAfterASocketErrorOrS
 
     server.StartServer();
     EXPECT_EQ(LineClient(port).ReceiveLine(), kHello);
-    server.StopServer();
-    server.StopServer();  // stopped already: nothing happens
-    EXPECT_TRUE(LineClient(port).Refused());
+    server.StopServer();  // and TearDown stops it again, which must pass silently
 }
 
 }  // namespace
