@@ -34,7 +34,7 @@ public:
     int reads = 0;
 };
 
-// A gateway host that records every log entry, owns two real socket controls on loopback and records errors
+// A gateway host that records every log entry, owns two counting socket controls on loopback and records errors
 // that escape an event handler instead of ending the test program.
 class FakeGatewayHost : public core::IGatewayHost {
 public:
@@ -46,7 +46,7 @@ public:
     void SetPassword(const std::string& value) override { password = value; }
     std::string ApplicationName() const override { return "Tarnwick Gateway"; }
     std::string ApplicationVersion() const override { return core::Version::kText; }
-    core::ISocketControl& WinsockPOP3() override { return pop3_; }
+    core::ISocketControl& WinsockPOP3() override { return pop3; }
     core::ISocketControl& WinsockSMTP() override { return smtp; }
     void DoEvents() override { QCoreApplication::processEvents(); }
 
@@ -54,10 +54,8 @@ public:
     std::string userName;
     std::string password;
     std::vector<core::Error> unhandled;
+    CountingSocketControl pop3{[this](const core::Error& e) { unhandled.push_back(e); }};
     CountingSocketControl smtp{[this](const core::Error& e) { unhandled.push_back(e); }};
-
-private:
-    platform::net::SocketControl pop3_{[this](const core::Error& e) { unhandled.push_back(e); }};
 };
 
 // One started `Server` and the service its connections reach, which knows the account "sam" / "sam pw".
