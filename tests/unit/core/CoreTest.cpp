@@ -1,29 +1,21 @@
 // The core: number conversions from protocol text (surrounding spaces, half-to-even rounding, error 13 for text
-// that is not a number, 6 for one that does not fit); the trap (results pass through, and an exception that is
-// no error of ours becomes error 51 under the trap's label); the spool file, which no one else can open. (The
-// innermost label and the first error kept for good show in the gateway's own output: the process test and the
-// end-to-end failure table. A spool write the disk refuses is checked where the reader sees it, in the POP3 and
-// SMTP handlers; texts read back piece by piece in the RETR response.)
+// that is not a number, 6 for one that does not fit) and the spool file, which no one else can open. (A spool
+// write the disk refuses is checked where the reader sees it, in the POP3 and SMTP handlers; texts read back
+// piece by piece in the RETR response.)
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdint>
-#include <stdexcept>
 #include <string>
 
 #include "core/Convert.h"
-#include "core/Error.h"
-#include "core/MErrorHandler.h"
 #include "core/SpoolFile.h"
-#include "core/Trap.h"
 #include "tests/support/RaisedError.h"
 
 namespace {
 
-using core::Error;
-using testing_support::RaisedError;
 using testing_support::RaisedErrorNumber;
 
 struct Case {
@@ -48,16 +40,6 @@ TEST(Convert, ToInt16RoundsHalfToEvenAndRefusesWhatIsNotASixteenBitNumber) {
             EXPECT_EQ(value, c.value) << "[" << c.text << "]";
         }
     }
-}
-
-TEST(ErrorHandler, TrapPassesResultsThroughAndMapsForeignExceptions) {
-    core::MErrorHandler::ResetForTesting();
-    EXPECT_EQ(core::Trap("Ok Method", [] { return 7; }), 7);
-    const Error e = RaisedError([] { core::Trap("Std Method", [] { throw std::runtime_error("boom"); }); });
-    EXPECT_EQ(e.Number(), 51);
-    EXPECT_EQ(e.Source(), "Std Method");
-    EXPECT_NE(e.Description().find("boom"), std::string::npos);
-    core::MErrorHandler::ResetForTesting();
 }
 
 TEST(SpoolFile, HasNoNameAndOnlyItsOwnerMayReadIt) {
