@@ -140,12 +140,6 @@ TEST_F(Pop3HandlersTest, WrongPasswordFailsEveryMailboxCommandAndTriesAgainEachT
     EXPECT_EQ(reader->Ask("STAT\r\n"), "+OK 2 31\r\n");
 }
 
-// A listed length that is not a number fails the load (the first error a process meets is the one it reports).
-TEST_F(Pop3HandlersTest, AListedLengthThatIsNoNumberFailsTheLoad) {
-    ScriptLoad({{.id = "C", .length = "12k"}});
-    EXPECT_EQ(LogIn()->Ask("STAT\r\n"), "-ERR Type mismatch\r\n");
-}
-
 // One client at a time. A socket error (here a queued text whose piece 3 cannot be read: the connection is broken
 // off instead of the text ending early) leaves nothing listening until the server is started again. (That Stop
 // closes the port shows in the desktop test.)
