@@ -23,11 +23,6 @@ using testing_support::RaisedError;
 using testing_support::ScriptListing;
 using testing_support::ScriptLogIn;
 
-// The error the reporter keeps (only meaningful once one was kept).
-core::Error KeptError() {
-    return RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
-}
-
 // A fresh scripted service and session per test, message boxes captured, error reporter reset, a
 // day/month/year 24-hour locale.
 class HotmailTest : public ::testing::Test {
@@ -52,8 +47,10 @@ TEST_F(HotmailTest, ShortPropertyListFillsWhatIsThereAndTheFolderListingStillRun
     EXPECT_TRUE(mail_.Connect());
     EXPECT_EQ(mail_.SentItemsURL(), "sent");
     EXPECT_EQ(mail_.TrashURL(), "old trash");
-    EXPECT_EQ(KeptError().Source(), "RetrievFolderURLs Method");
-    EXPECT_EQ(KeptError().Number(), core::ErrorNumber::kObjectNotSet);
+    // The reporter raises the error it keeps, whatever it is handed.
+    const core::Error kept = RaisedError([] { core::MErrorHandler::HandleError(0, "probe", "probe"); });
+    EXPECT_EQ(kept.Source(), "RetrievFolderURLs Method");
+    EXPECT_EQ(kept.Number(), core::ErrorNumber::kObjectNotSet);
     ASSERT_EQ(svc_.Requests().size(), 2u);
     EXPECT_EQ(svc_.Requests()[1].path, "/oldroot");
     EXPECT_EQ(mail_.GetFolderCollection()->Count(), 1);
