@@ -98,10 +98,8 @@ TEST(MainTest, WindowStopAndStartWithTheSameServersAndAFailingToggleStepStopsThe
 
 class GatewayProcessTest : public ::testing::Test {
 protected:
+    void SetUp() override { qputenv("XDG_RUNTIME_DIR", runtime.path().toUtf8()); }
     void Start(QProcess& process, const std::string& pop3Port) {
-        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-        environment.insert("XDG_RUNTIME_DIR", runtime.path());
-        process.setProcessEnvironment(environment);
         process.start(TARNWICK_GATEWAY_BINARY, {"--headless", "--pop3-port", QString::fromStdString(pop3Port),
                                                 "--smtp-port", QString::fromStdString(FreePort())});
         ASSERT_TRUE(process.waitForStarted(kTimeoutMs));
