@@ -1,7 +1,5 @@
-// POP3 sessions against a scripted WebDAV service: dispatch by the exact word, exact answers, one log-in and
-// inbox load per connection and only when the mailbox is needed, deletion on the service at once, failures
-// answered "-ERR ", a spool the disk cannot take. With the POP3 server as its vehicle, the frame: one client at
-// a time, start and stop, socket errors, and a text queued in pieces that cannot all be read.
+// POP3 sessions against a scripted WebDAV service; with the POP3 server as its vehicle, the frame's one client at
+// a time and socket errors.
 #include <gtest/gtest.h>
 
 #include <memory>
@@ -20,7 +18,6 @@ using testing_support::ListedMessage;
 using testing_support::LineClient;
 
 const std::string kHello = "+OK Tarnwick/POP3 Gateway Server - Hello\r\n";
-const std::string kGoodBye = "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n";
 const std::string kUnknown = "-ERR Tarnwick/POP3 Gateway Server does not understand the command: ";
 const std::string kAppLine = std::string("X-Application: Tarnwick Gateway - ") + core::Version::kText + "\r\n";
 
@@ -87,7 +84,7 @@ TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoadAndDeleteMoves
         {"DELE 1\r\n", "-ERR The connection with the server was terminated abnormally\r\n"},
         {"DELE 3\r\n", "-ERR No such message\r\n"},
         {"conn\r\n", kHello},
-        {"QUIT\r\n", kGoodBye},
+        {"QUIT\r\n", "+OK Tarnwick/POP3 Gateway Server - Good-Bye\r\n"},
     };
     for (const auto& [request, answer] : exchanges) {
         reader->Send(request);

@@ -1,7 +1,4 @@
-// SMTP sessions against a scripted WebDAV service: the reduced dialogue, the relayed text byte for byte, the
-// end mark wherever the arrivals split it, one log-in per connection with the credentials the POP3 server
-// received, failures answered "500 " with the data phase ended all the same, and the chunk replies held until
-// the client waits for them.
+// SMTP sessions against a scripted WebDAV service, with the credentials the POP3 server received.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -32,15 +29,13 @@ const std::string kEnvelope = "MAIL FROM:<sam@tarnwick.local>\r\nRCPT TO:<rita@t
 
 using std::chrono::milliseconds;
 
-// Short enough that a client waiting for each chunk's reply is not slow.
-constexpr milliseconds kShortHold{50};
-
-// The credential store holds what a POP3 USER and PASS leave in it.
+// Chunk replies held briefly, so that a client waiting for each one is not slow; the credential store holds what
+// a POP3 USER and PASS leave in it.
 class SmtpHandlersTest : public server_tests::ServerTest<servers::smtp::CSmtpServer> {
 protected:
     void SetUp() override {
         ServerTest::SetUp();
-        server.SetReplyHoldTime(kShortHold);
+        server.SetReplyHoldTime(milliseconds(50));
         host.userName = "sam";
         host.password = "sam pw";
     }
