@@ -54,6 +54,16 @@ public:
         Send(request);
         return ReceiveLine();
     }
+    // Sends `request` and returns a multi-line answer up to its "." line, or the one line of an "-ERR" answer.
+    std::string AskMultiLine(const std::string& request) {
+        std::string answer = Ask(request);
+        if (answer.starts_with("-ERR")) return answer;
+        for (std::string line = ReceiveLine(); !line.empty(); line = ReceiveLine()) {
+            answer += line;
+            if (line == ".\r\n") break;
+        }
+        return answer;
+    }
     // Whether the connection has been dropped by the server, or was refused (nothing listened).
     bool Dropped() {
         return QTest::qWaitFor([&] { return socket.state() == QAbstractSocket::UnconnectedState; }, kTimeoutMs);
