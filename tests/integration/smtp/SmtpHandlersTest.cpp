@@ -4,7 +4,6 @@
 
 #include <sys/socket.h>
 
-#include <algorithm>
 #include <chrono>
 #include <memory>
 #include <string>
@@ -27,15 +26,13 @@ const std::string kUnknown = "500 Tarnwick/SMTP Gateway Server does not understa
 const std::string kQueued = "250 message queued\r\n";
 const std::string kEnvelope = "MAIL FROM:<sam@tarnwick.local>\r\nRCPT TO:<rita@tarnwick.local>\r\n\r\n";
 
-using std::chrono::milliseconds;
-
-// Chunk replies held briefly, so that a client waiting for each one is not slow; the credential store holds what
-// a POP3 USER and PASS leave in it.
+// Chunk replies held long enough that none goes out while a client sends; the credential store holds what a POP3
+// USER and PASS leave in it.
 class SmtpHandlersTest : public server_tests::ServerTest<servers::smtp::CSmtpServer> {
 protected:
     void SetUp() override {
         ServerTest::SetUp();
-        server.SetReplyHoldTime(milliseconds(50));
+        server.SetReplyHoldTime(std::chrono::seconds(30));
         host.userName = "sam";
         host.password = "sam pw";
     }
@@ -70,6 +67,7 @@ protected:
 // as written, and each message relayed ending exactly as the client's data did, wherever the arrivals split the
 // end mark.
 TEST_F(SmtpHandlersTest, ReducedDialogueAFailedLogInTriedAgainAndTheEndMarkWhereverTheArrivalsSplitIt) {
+    server.SetReplyHoldTime(std::chrono::milliseconds(50));  // this client waits for each chunk's reply
     host.userName.clear();
     host.password.clear();
     auto client = Connect();
@@ -122,7 +120,6 @@ TEST_F(SmtpHandlersTest, ReducedDialogueAFailedLogInTriedAgainAndTheEndMarkWhere
 // file system refuses it (here through the file size limit, which needs no privileges), the answer is "Disk full",
 // the held chunk replies are dropped and nothing is relayed. After each failure the next message goes through.
 TEST_F(SmtpHandlersTest, AStreamingClientReadsTheHeldRepliesAfterTheRelayOrOnlyTheFailure) {
-    server.SetReplyHoldTime(std::chrono::seconds(30));
     ScriptLogIn(svc);
     svc.Enqueue({});
     svc.Enqueue({.davError = "", .breakOff = true});
@@ -150,10 +147,9 @@ TEST_F(SmtpHandlersTest, AStreamingClientReadsTheHeldRepliesAfterTheRelayOrOnlyT
                                       kEnvelope + "Subject: s\r\n\r\nline\r\nlast\r\n.\r\n"));
 }
 
-// Closed in an orderly way or reset, the connection takes its held replies with it.
+// Closed in an orderly way or reset, the connection takes its held replies with it: else the next client's first
+// reply would carry them.
 TEST_F(SmtpHandlersTest, AClientThatClosesOrResetsWhileRepliesAreHeldLeavesNothingForTheNextOne) {
-    constexpr milliseconds kHold{300};
-    server.SetReplyHoldTime(kHold);
     for (const bool reset : {false, true}) {
         auto client = Connect();
         Begin(*client);
@@ -169,8 +165,6 @@ TEST_F(SmtpHandlersTest, AClientThatClosesOrResetsWhileRepliesAreHeldLeavesNothi
         EXPECT_EQ(host.log.back(), "SOCKET_EVENT: OnClose Fired") << "reset " << reset;
 
         auto next = Connect();
-        // Long enough for a reply still held for the first client to have gone out.
-        QTest::qWait(static_cast<int>(3 * kHold.count()));
         EXPECT_EQ(next->Ask("HELO me\r\n"), "250 hello\r\n") << "reset " << reset;
         next.reset();
         ASSERT_TRUE(WaitForLog("SOCKET_EVENT: OnClose Fired"));
