@@ -84,7 +84,6 @@ TEST_F(SmtpHandlersTest, ReducedDialogueAFailedLogInTriedAgainAndTheEndMarkWhere
     EXPECT_EQ(client->Ask("helo me\r\n"), "250 hello\r\n");
     EXPECT_THAT(host.log,
                 ElementsAre("SOCKET_EVENT: OnDataArrival Fired", "CLIENT_REQUEST: HELO", "SERVER_RESPONSE: 250 hello"));
-    EXPECT_TRUE(svc.Requests().empty());
 
     host.password = "sam pw";
     svc.Enqueue({.body = "<broken", .breakOff = true});
