@@ -56,7 +56,6 @@ public:
     FakeWebDavService(const FakeWebDavService&) = delete;
     FakeWebDavService& operator=(const FakeWebDavService&) = delete;
 
-    // "http://127.0.0.1:<port>" followed by `path`.
     std::string Url(const std::string& path) const { return "http://127.0.0.1:" + std::to_string(port_) + path; }
 
     // Queues the reply to the next request that passes authentication.

@@ -20,13 +20,11 @@ public:
     FileSizeLimit& operator=(const FileSizeLimit&) = delete;
     ~FileSizeLimit() { Lift(); }
 
-    // Whether the lower limit is in force.
     bool Active() const { return active_; }
     // Restores the earlier limit and signal handling before the end of the scope; true when the limit is back.
     bool Lift() {
         if (active_) active_ = setrlimit(RLIMIT_FSIZE, &saved_) != 0;
-        if (!lifted_) std::signal(SIGXFSZ, oldHandler_);
-        lifted_ = true;
+        std::signal(SIGXFSZ, oldHandler_);
         return !active_;
     }
 
@@ -34,7 +32,6 @@ private:
     rlimit saved_{};
     void (*oldHandler_)(int);
     bool active_ = false;
-    bool lifted_ = false;
 };
 
 }  // namespace testing_support
