@@ -50,9 +50,7 @@ protected:
 // in the view. A move the service refuses with its error header is a deletion all the same. (Which message
 // moves, and where to, shows end to end.)
 TEST_F(Pop3HandlersTest, MailboxViewOfTheUnreadMessagesFromOneLoadAndDeleteMovesAtOnce) {
-    ListedMessage read = Message("MSG-2", "Subject: Read\r\n\r\nAlready read.\r\n");
-    read.read = "1";
-    ScriptLoad({kPlain, read, kDots});
+    ScriptLoad({kPlain, {.id = "MSG-2", .read = "1"}, kDots});
     svc.Enqueue({"moved", 207, "207 moved"});
     svc.Enqueue({"refused", 500, "500 refused"});
     svc.Enqueue({.body = "moved", .breakOff = true});
