@@ -74,7 +74,6 @@ protected:
         EXPECT_TRUE(host.unhandled.empty()) << host.unhandled.front().Description();
     }
 
-    // Waits until `entry` is in the log.
     bool WaitForLog(const std::string& entry) {
         return QTest::qWaitFor([&] { return std::find(host.log.begin(), host.log.end(), entry) != host.log.end(); },
                                testing_support::kTimeoutMs);

@@ -83,29 +83,27 @@ protected:
                                                 "--smtp-port", QString::fromStdString(FreePort())});
         ASSERT_TRUE(process.waitForStarted(kTimeoutMs));
     }
-    // Runs the gateway to its end; returns its exit status and leaves standard error in `stderrText`.
-    int Run(const std::string& pop3Port) {
+    // Runs the gateway to its end, which must come with `exitCode`; returns its standard error.
+    std::string RunToExit(const std::string& pop3Port, int exitCode) {
         QProcess process;
         Start(process, pop3Port);
         EXPECT_TRUE(process.waitForFinished(kTimeoutMs));
-        stderrText = process.readAllStandardError().toStdString();
-        return process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+        EXPECT_EQ(process.exitStatus(), QProcess::NormalExit);
+        EXPECT_EQ(process.exitCode(), exitCode) << "POP3 port " << pop3Port;
+        return process.readAllStandardError().toStdString();
     }
 
     QTemporaryDir runtime;
-    std::string stderrText;
 };
 
 TEST_F(GatewayProcessTest, StartUpFailuresEndItAndASecondInstanceIsRefused) {
     QTcpServer occupant;
     ASSERT_TRUE(occupant.listen(QHostAddress::LocalHost, 0));
-    EXPECT_EQ(Run("abc"), 1);
-    EXPECT_EQ(stderrText, "tarnwick-gateway: Error 13: Type mismatch (in StartListening Method)\n");
-    EXPECT_EQ(Run(std::to_string(occupant.serverPort())), 1);
-    EXPECT_EQ(stderrText, "tarnwick-gateway: Error 10048: Address in use: another program already listens on port " +
-                              std::to_string(occupant.serverPort()) +
-                              ", so the POP3 server cannot; stop that program or choose another port (in "
-                              "StartListening Method)\n");
+    EXPECT_EQ(RunToExit("abc", 1), "tarnwick-gateway: Error 13: Type mismatch (in StartListening Method)\n");
+    EXPECT_EQ(RunToExit(std::to_string(occupant.serverPort()), 1),
+              "tarnwick-gateway: Error 10048: Address in use: another program already listens on port " +
+                  std::to_string(occupant.serverPort()) +
+                  ", so the POP3 server cannot; stop that program or choose another port (in StartListening Method)\n");
 
     const std::string pop3Port = FreePort();
     QProcess first;
@@ -116,8 +114,8 @@ TEST_F(GatewayProcessTest, StartUpFailuresEndItAndASecondInstanceIsRefused) {
     ASSERT_TRUE(QTest::qWaitFor([&] { return client.Connect(pop3Port); }, kTimeoutMs));
     EXPECT_EQ(client.ReceiveLine(), "+OK Tarnwick/POP3 Gateway Server - Hello\r\n");
 
-    EXPECT_NE(Run(FreePort()), 0);
-    EXPECT_NE(stderrText.find("already running"), std::string::npos) << stderrText;
+    const std::string refused = RunToExit(FreePort(), 3);
+    EXPECT_NE(refused.find("already running"), std::string::npos) << refused;
     first.kill();
     EXPECT_TRUE(first.waitForFinished(kTimeoutMs));
 }

@@ -22,8 +22,7 @@ using testing_support::RaisedError;
 using testing_support::ScriptListing;
 using testing_support::ScriptLogIn;
 
-// A fresh scripted service and session per test, message boxes captured, error reporter reset, a
-// day/month/year 24-hour locale.
+// Message boxes captured; a day/month/year 24-hour locale for the listing's dates.
 class HotmailTest : public ::testing::Test {
 protected:
     void SetUp() override {
