@@ -39,10 +39,9 @@ struct ScriptedReply {
 
 class FakeWebDavService {
 public:
-    enum class Auth { None, Digest };
-
-    explicit FakeWebDavService(Auth auth = Auth::None, std::string user = {}, std::string password = {})
-        : auth_(auth), user_(std::move(user)), password_(std::move(password)) {
+    // Given a user, every request must carry that user's Digest credentials.
+    explicit FakeWebDavService(std::string user = {}, std::string password = {})
+        : user_(std::move(user)), password_(std::move(password)) {
         sockaddr_in addr{};
         addr.sin_family = AF_INET;
         addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -131,7 +130,7 @@ private:
 
     MHD_Result Answer(MHD_Connection* connection, const RecordedRequest& request) {
         std::unique_lock lock(mutex_);
-        if (auth_ == Auth::Digest) {
+        if (!user_.empty()) {
             const auto lookup = [this](const std::string& user) {
                 return user == user_ ? std::optional<std::string>(password_) : std::nullopt;
             };
@@ -165,7 +164,6 @@ private:
         return Queue(connection, reply.status, response);
     }
 
-    Auth auth_;
     std::string user_;
     std::string password_;
     webmail::dav::DigestAuth digest_{"tarnwick-test", "opaque", kNonceLifetime, 64};

@@ -79,7 +79,7 @@ protected:
                                testing_support::kTimeoutMs);
     }
 
-    testing_support::FakeWebDavService svc{testing_support::FakeWebDavService::Auth::Digest, "sam", "sam pw"};
+    testing_support::FakeWebDavService svc{"sam", "sam pw"};
     FakeGatewayHost host;
     Server server{host};
     std::string port = testing_support::FreePort();

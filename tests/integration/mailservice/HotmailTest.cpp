@@ -114,7 +114,7 @@ TEST_F(HotmailTest, ListingFieldsComeFromTheIthElementOfTheWholeReply) {
 // The message read in pieces from disk goes out byte for byte, also when a stale Digest nonce makes libcurl send
 // it a second time from a new reader; a piece that cannot be read fails the post with its error.
 TEST_F(HotmailTest, SendFromDiskPostsTheSameBytesAsFromMemoryAndFailsWithTheReadersError) {
-    FakeWebDavService svc(FakeWebDavService::Auth::Digest, "joe", "s3cret");
+    FakeWebDavService svc("joe", "s3cret");
     mailservice::CHotmail::SetServiceEntryURL(svc.Url(testing_support::kEntryPath));
     ScriptLogIn(svc);
     ASSERT_TRUE(mail_.Connect());
