@@ -1,6 +1,6 @@
-// The application controller in the window (offscreen): the log, Stop and Start.
-// Then the built gateway as a process, headless, with a runtime folder of its own: how start-up failures end it,
-// and the one-instance lock. (Its log on standard output is read by the end-to-end tests.)
+// The application controller in the window (offscreen): the log, Stop and Start. Then the built gateway as a
+// process, headless, with a runtime folder of its own: how start-up failures end it, and the one-instance lock.
+// (Its log on standard output is read by the end-to-end tests.)
 #include <QAction>
 #include <QCoreApplication>
 #include <QLabel>
