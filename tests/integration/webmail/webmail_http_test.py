@@ -1,7 +1,6 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
 (challenges, the log, the body limit, paths as sent, the trusted reverse proxy), HTTPS on IPv6 (TLS 1.2 or newer
-only, large messages served whole), and two processes over one store racing moves, flags, listings and
-deliveries."""
+only, large messages served whole), and two processes over one store racing moves, flags and listings."""
 
 import base64
 import http.client
@@ -168,16 +167,15 @@ class TlsTest(Service):
 class TwoInstancesRaceTest(Service):
     """A second process over the same store, driven at once with the first the way two instances behind one proxy
     are: each of ann's messages is moved to the trash by one instance while the other flips its read flag at the
-    same moment, both list the folder meanwhile and both deliver mail into bob's inbox. Afterwards every file is
-    counted: nothing lost, nothing doubled, every move done."""
+    same moment, and both list the folder meanwhile. Afterwards every file is counted: nothing lost, nothing
+    doubled, every move done."""
     COUNT = 200
-    SENT_EACH = 100
     INBOX = "/mail/ann/folders/INBOX/"
     MARK = ("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
             "<hm:read>%d</hm:read></D:prop></D:set></D:propertyupdate>")
     MOVE = "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>%s</D:href></D:target></D:move>"
 
-    def test_moves_flags_listings_and_deliveries_of_two_processes_lose_and_double_nothing(self):
+    def test_moves_flags_and_listings_of_two_processes_lose_and_double_nothing(self):
         store = Store(self.store)
         texts = [b"Subject: race %d\r\n\r\nbody of message %d\r\n" % (i, i) for i in range(self.COUNT)]
         ids = [store.deliver("ann", text) for text in texts]
@@ -215,18 +213,11 @@ class TwoInstancesRaceTest(Service):
                 listed = re.findall(rb"<D:id>([^<]*)</D:id>", body)
                 assert len(listed) == len(set(listed)), sorted(listed)
 
-        def sender(which):
-            for n in range(self.SENT_EACH):
-                status, _ = request(which, "POST", "/mail/ann/sendmsg", "MAIL FROM:<ann@tarnwick.local>\r\n"
-                                    "RCPT TO:<bob@tarnwick.local>\r\n\r\nSubject: sent %d-%d\r\n\r\nfrom %d\r\n.\r\n"
-                                    % (which, n, which), {"Content-Type": "message/rfc821"})
-                assert status == 200, status
-
         barriers = [threading.Barrier(2, timeout=30) for _ in ids]
-        with ThreadPoolExecutor(8) as pool:
+        with ThreadPoolExecutor(6) as pool:
             listers = [pool.submit(lister, which) for which in (0, 1)]
             try:
-                for work in [pool.submit(work, which) for work in (mover, flagger, sender) for which in (0, 1)]:
+                for work in [pool.submit(work, which) for work in (mover, flagger) for which in (0, 1)]:
                     work.result(120)  # raises what the worker raised
             finally:
                 done.set()  # the listers stop
@@ -238,10 +229,5 @@ class TwoInstancesRaceTest(Service):
         self.assertEqual(sorted(name.split(":2,")[0] for name in os.listdir(trash)), sorted(ids))
         self.assertEqual(sorted(store.folder_messages("ann", "Deleted Items")), sorted(texts))
         self.assertEqual(store.folder_messages("ann"), [])
-        # Every posted message arrived once in bob's inbox and once in ann's Sent Items.
-        posted = sorted(b"Subject: sent %d-%d\r\n" % (w, n) for w in (0, 1) for n in range(self.SENT_EACH))
-        for user, folder in (("bob", ""), ("ann", "Sent Items")):
-            messages = store.folder_messages(user, folder)
-            self.assertEqual(sorted(re.search(rb"Subject: sent .*\r\n", m).group(0) for m in messages), posted, folder)
-        for folder in ("ann", "ann/.Deleted Items", "ann/.Sent Items", "bob"):
+        for folder in ("ann", "ann/.Deleted Items"):
             self.assertEqual(os.listdir(os.path.join(self.store, folder, "tmp")), [])
