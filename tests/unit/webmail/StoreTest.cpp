@@ -182,41 +182,32 @@ TEST(MailDeliveryTest, CopiesForLocalAndQueuedRecipientsAndTheSenderAllOrNone) {
                                          s.message);
 }
 
-// What follows the envelope is the message: unstuffed, up to the dot line, the line break before it kept.
-TEST(SubmissionTest, ParsesTheMessageUpToTheDotLine) {
-    const std::string envelope = "MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n";
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {envelope + "Subject: s\r\n\r\nbody\r\n\r\n.\r\n", "Subject: s\r\n\r\nbody\r\n\r\n"},  // empty line stays
-        {envelope + "..hidden\r\n...\r\nx.\r\n.\r\n", ".hidden\r\n..\r\nx.\r\n"},
-        {envelope + ".\r\n", ""},
-        {"MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n.\n", "m\n"},  // bare LF line ends
-    };
-    for (const auto& [body, message] : cases) {
-        std::string error;
-        const auto parsed = Submission::Parse(body, error);
-        ASSERT_TRUE(parsed) << body << ": " << error;
-        EXPECT_EQ(parsed->message, message) << body;
-    }
-}
-
 // The envelope: extra words, missing brackets, a tab and the verb in any case; a null sender; recipients once
-// each, the local part compared exactly and the domain in any case.
-TEST(SubmissionTest, ParsesTheEnvelope) {
+// each, the local part compared exactly and the domain in any case. What follows it is the message: unstuffed,
+// up to the dot line, the line break before it kept.
+TEST(SubmissionTest, ParsesTheEnvelopeAndTheMessageUpToTheDotLine) {
     const struct {
-        std::string envelope;
+        std::string body;
         std::string sender;
         std::vector<std::string> recipients;
+        std::string message;
     } cases[] = {
-        {"MAIL FROM: <a@x.org>\tSIZE=20\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt to:<c@z.org>\r\n", "a@x.org",
-         {"b@y.org", "c@z.org"}},
-        {"MAIL FROM:<>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\n", "", {"b@Y.org", "B@y.org"}},
+        {"MAIL FROM: <a@x.org>\tSIZE=20\r\nRCPT TO:b@y.org NOTIFY=NEVER\r\nrcpt to:<c@z.org>\r\n\r\n"
+         "Subject: s\r\n\r\nbody\r\n\r\n.\r\n",  // the empty line before the dot line stays
+         "a@x.org", {"b@y.org", "c@z.org"}, "Subject: s\r\n\r\nbody\r\n\r\n"},
+        {"MAIL FROM:<>\r\nRCPT TO:<b@Y.org>\r\nRCPT TO:<b@y.ORG>\r\nRCPT TO:<B@y.org>\r\n\r\n"
+         "..hidden\r\n...\r\nx.\r\n.\r\n",
+         "", {"b@Y.org", "B@y.org"}, ".hidden\r\n..\r\nx.\r\n"},
+        {"MAIL FROM:<a@x.org>\r\nRCPT TO:<b@y.org>\r\n\r\n.\r\n", "a@x.org", {"b@y.org"}, ""},
+        {"MAIL FROM:<a@x.org>\nRCPT TO:<b@y.org>\n\nm\n.\n", "a@x.org", {"b@y.org"}, "m\n"},  // bare LF line ends
     };
     for (const auto& c : cases) {
         std::string error;
-        const auto parsed = Submission::Parse(c.envelope + "\r\nm\r\n.\r\n", error);
-        ASSERT_TRUE(parsed) << c.envelope << ": " << error;
-        EXPECT_EQ(parsed->sender, c.sender) << c.envelope;
-        EXPECT_EQ(parsed->recipients, c.recipients) << c.envelope;
+        const auto parsed = Submission::Parse(c.body, error);
+        ASSERT_TRUE(parsed) << c.body << ": " << error;
+        EXPECT_EQ(parsed->sender, c.sender) << c.body;
+        EXPECT_EQ(parsed->recipients, c.recipients) << c.body;
+        EXPECT_EQ(parsed->message, c.message) << c.body;
     }
 }
 
