@@ -28,16 +28,15 @@ DEMO = basic("demo", "demo")
 
 
 class Service(unittest.TestCase):
-    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, ann and bob), stopped
-    by SIGTERM at its end with status 0."""
+    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, and ann), stopped by
+    SIGTERM at its end with status 0."""
     host = HOST
 
     def setUp(self):
         self.dir = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-webmail-"))
         self.store = os.path.join(self.dir, "store")
-        for user in ("ann", "bob"):
-            subprocess.run([BINARY, "--store", self.store, "--add-user", user, user + "-pw"], check=True,
-                           stdout=subprocess.DEVNULL)
+        subprocess.run([BINARY, "--store", self.store, "--add-user", "ann", "ann-pw"], check=True,
+                       stdout=subprocess.DEVNULL)
         self.webmail = Webmail(self.dir, "webmail", self.store, ["--demo", *self.options()], host=self.host)
         self.port = self.webmail.port
 
