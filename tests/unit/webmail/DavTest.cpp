@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <tuple>
 
 #include "tests/support/TempDir.h"
 #include "webmail/dav/BasicCredentials.h"
@@ -30,20 +29,17 @@ TEST(RequestParserTest, PathsThatCouldLeaveTheTreeAreRefused) {
 }
 
 TEST(RequestParserTest, BasicCredentialsSchemeInAnyCaseStrictBase64AndNoControlCharacters) {
-    const std::vector<std::tuple<const char*, const char*, const char*>> accepted = {
-        {" BASIC   ZGVtbzpkZW1v ", "demo", "demo"},
-        {"basic bmFtZTpwYTpzcw==", "name", "pa:ss"},  // only the first colon separates
+    const std::vector<std::pair<const char*, const char*>> cases = {
+        {" BASIC   ZGVtbzpkZW1v ", "demo|demo"},
+        {"basic bmFtZTpwYTpzcw==", "name|pa:ss"},  // only the first colon separates
+        {"Basic ZGVtbzpkZQ1tbw==", "refused"},     // "demo:de\rmo"
+        {"Basic ZGVtb2RlbW8=", "refused"},         // no colon
+        {"Basic ZGVt*zpkZW1v", "refused"},
+        {"BasicZGVtbzpkZW1v", "refused"},
     };
-    for (const auto& [header, name, password] : accepted) {
+    for (const auto& [header, expected] : cases) {
         const auto c = BasicCredentials::Parse(header);
-        ASSERT_TRUE(c) << header;
-        EXPECT_EQ(c->name, name) << header;
-        EXPECT_EQ(c->password, password) << header;
-    }
-    for (const char* header : {"Basic ZGVtbzpkZQ1tbw==",  // "demo:de\rmo"
-                               "Basic ZGVtb2RlbW8=",      // no colon
-                               "Basic ZGVt*zpkZW1v", "BasicZGVtbzpkZW1v"}) {
-        EXPECT_FALSE(BasicCredentials::Parse(header)) << header;
+        EXPECT_EQ(c ? c->name + "|" + c->password : "refused", expected) << header;
     }
 }
 
