@@ -93,28 +93,26 @@ TEST_F(MaildirFolderTest, OnlyRegularFilesAreMessagesAndLinksAreNeverFollowed) {
     MaildirFolder::Create(dir.path() / "ann" / ".Archive");
     fs::create_directories(dir.path() / "ann" / ".NotAMaildir");
     fs::create_directory_symlink(outside.path() / "other", dir.path() / "ann" / ".Linked");
-    MaildirFolder::Create(dir.path() / "ann" / ".LinkedCur");
-    fs::remove_all(dir.path() / "ann" / ".LinkedCur" / "cur");
-    fs::create_directory_symlink(outside.path() / "other" / "cur", dir.path() / "ann" / ".LinkedCur" / "cur");
+    Account::Create(dir.path() / "bea");
+    fs::remove_all(dir.path() / "bea" / "cur");
+    fs::create_directory_symlink(outside.path() / "other" / "cur", dir.path() / "bea" / "cur");
     const Account ann("ann", dir.path() / "ann");
+    const Account bea("bea", dir.path() / "bea");
     EXPECT_EQ(ann.FolderNames(),
               (std::vector<std::string>{"INBOX", "Sent Items", "Deleted Items", "Outbox", "Archive"}));
-    for (const char* bad : {"Linked", "LinkedCur", "NotAMaildir", "..", ".Archive", "../ann", "", "cur"}) {
+    for (const char* bad : {"Linked", "NotAMaildir", "..", ".Archive", "../ann", "", "cur"}) {
         EXPECT_FALSE(ann.Folder(bad)) << bad;
     }
-    EXPECT_THROW(MaildirFolder(dir.path() / "ann" / ".LinkedCur").Deliver("x", true), std::runtime_error);
+    EXPECT_FALSE(bea.Folder(Account::kInbox));
+    EXPECT_THROW(MaildirFolder(dir.path() / "bea").Deliver("x", true), std::runtime_error);
 
     // The inbox's quick open finds nothing in an account that is a link, or whose cur/ is one.
     Drop(outside.path() / "other", "cur", "7.out.host:2,", 1);
     Drop(dir.path() / "ann", "cur", "8.in.host:2,S", 1);
     fs::create_directory_symlink(dir.path() / "ann", dir.path() / "annlink");
-    Account::Create(dir.path() / "bea");
-    fs::remove_all(dir.path() / "bea" / "cur");
-    fs::create_directory_symlink(outside.path() / "other" / "cur", dir.path() / "bea" / "cur");
     EXPECT_TRUE(ann.OpenInboxMessage("8.in.host"));
     EXPECT_FALSE(Account("ann", dir.path() / "annlink").OpenInboxMessage("8.in.host"));
-    EXPECT_FALSE(Account("bea", dir.path() / "bea").OpenInboxMessage("7.out.host"));
-    EXPECT_FALSE(Account("bea", dir.path() / "bea").Folder(Account::kInbox));
+    EXPECT_FALSE(bea.OpenInboxMessage("7.out.host"));
 }
 
 TEST(PasswordFileTest, ParsesPasswordsWithColonsRefusesBadLinesAndSurvivesAReload) {
