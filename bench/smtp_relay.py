@@ -35,7 +35,7 @@ SENDER = "bench@tarnwick.local"
 RECIPIENT = "rcpt@tarnwick.local"
 
 
-class SmtpClient(T.LineClient):
+class SmtpClient(B.LineClient):
     """A well-behaved client: it reads every reply and waits for the relay's own."""
 
     def __init__(self, port):
