@@ -3,7 +3,6 @@ notification area; the gateway driven with xdotool and read with xwininfo and xp
 scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
 import os
-import pwd
 import random
 import re
 import shutil
@@ -43,15 +42,6 @@ def enter_own_network():
         return False
     sys.stdout.flush()
     os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv], dict(os.environ, **{OWN_NETWORK: "1"}))
-
-
-def taken_ports(ports):
-    return [port for port in ports if is_listening(port)]
-
-
-def ordinary_user():
-    """The user an ordinary desktop user's programs run as: this one (None), or `nobody` when this is root."""
-    return pwd.getpwnam("nobody") if os.geteuid() == 0 else None
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
