@@ -18,16 +18,13 @@ stack = None
 def setUpModule():
     global stack
     stack = Stack()
+    unittest.addModuleCleanup(stack.stop)
     for user in ("poppy", "curly", "fetcher", "getter", "mpopper"):
         stack.store.add_user(user, user + " pw")  # a password with a space in it
         for message in M.MAIL:
             stack.store.deliver(user, message, seen=message is M.READ)
     stack.store.deliver("curly", BIG)
     stack.start()
-
-
-def tearDownModule():
-    stack.stop()
 
 
 def as_delivered(body):
