@@ -151,13 +151,12 @@ class Desktop:
 
 
 class Gateway:
-    def __init__(self, desktop, binary, extra=(), ports=None, command=None, user=None, log=subprocess.DEVNULL,
-                 env=None):
+    def __init__(self, desktop, binary, extra=(), ports=None, command=None, user=None, env=None):
         """The gateway on ports of its own (or `ports`); `command` runs instead as it stands."""
         self.desktop = desktop
         self.pop3_port, self.smtp_port = ports or two_free_ports()
         self.process = desktop.start(command or [binary, "--pop3-port", str(self.pop3_port),
-                                                 "--smtp-port", str(self.smtp_port), *extra], log, user, env)
+                                                 "--smtp-port", str(self.smtp_port), *extra], user=user, env=env)
 
     def main_window(self):
         """The main window, once it is mapped."""
