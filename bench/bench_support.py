@@ -1,6 +1,6 @@
 """What the benchmarks share: a Maildir store with generated mail, tarnwick-webmail and the headless (or
-windowed) gateway on loopback ports, POP3 timing, peak memory, the summary of interleaved pairs, and a
-line-by-line POP3/SMTP client for exact bytes.
+windowed) gateway on loopback ports, POP3 timing, peak memory, the summary of interleaved pairs, and
+dot-stuffing and a line-by-line POP3/SMTP client for exact bytes.
 
 Every process started here listens on 127.0.0.1 only and is stopped by its own pid. Nothing is installed.
 """
@@ -222,6 +222,12 @@ def remove_workdir(path, keep=False):
         print("kept", path)
     else:
         shutil.rmtree(path, ignore_errors=True)
+
+
+def stuffed(body):
+    """`body` as it travels inside a multi-line POP3 response: a "." before every line that begins with one."""
+    lines = body.split(b"\r\n")
+    return b"\r\n".join(b"." + l if l.startswith(b".") else l for l in lines)
 
 
 class LineClient:
