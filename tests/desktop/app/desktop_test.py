@@ -14,8 +14,8 @@ import sys
 import tempfile
 import time
 
-from x_desktop import APP_LINE, QUIET_TIME, SCREEN, SERVICE_PORT, SKIPS, TOOLS, TRAY_HEIGHT, USER_PORTS, Desktop, \
-    Gateway, close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, outer_corner, \
+from x_desktop import APP_LINE, QUIET_TIME, SCREEN, SERVICE_PORT, SKIPS, TIMEOUT, TOOLS, TRAY_HEIGHT, USER_PORTS, \
+    Desktop, Gateway, close_by_close_box, enter_own_network, is_listening, open_file_menu_and_exit, outer_corner, \
     stop_process, two_free_ports, wait_for
 
 # The log box's middle, in pixels from the client window's left edge and bottom (its top has the menu bar).
@@ -68,7 +68,7 @@ def with_notification_area(desktop, arguments):
 
     open_file_menu_and_exit(desktop, window)
     wait_for("File, Exit to remove the icon", lambda: not desktop.tray_icons())
-    check(gateway.exit_status() == 0, "the gateway ends with status 0")
+    check(gateway.process.wait(TIMEOUT) == 0, "the gateway ends with status 0")
 
 
 def click_log_box(desktop, window):
@@ -145,7 +145,7 @@ def menu_entry_as_ordinary_user(desktop, arguments):
     check(first_line == APP_LINE, "%s as %s, the first fetch: the first message begins %r" % (
         " ".join(command), user.pw_name if user else "this user", first_line))
     open_file_menu_and_exit(desktop, window)
-    check(gateway.exit_status() == 0, "File, Exit ends the gateway with status 0")
+    check(gateway.process.wait(TIMEOUT) == 0, "File, Exit ends the gateway with status 0")
 
 
 CASES = {case.__name__: case for case in (with_notification_area, without_notification_area,

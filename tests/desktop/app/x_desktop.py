@@ -26,14 +26,12 @@ SKIPS = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
 USER_PORTS = (1110, 1025)
 # Where tarnwick-webmail listens by default, which the gateway's built-in service address names.
 SERVICE_PORT = 8110
-# Set in the environment of a program re-run by enter_own_network.
-OWN_NETWORK = "TARNWICK_OWN_NETWORK"
 
 
 def enter_own_network():
     """Re-executes the calling program under unshare(1) in a network namespace of its own (as root only), so that
     its fixed ports cannot clash with anything else on the machine. Returns whether it now runs in one."""
-    if os.environ.pop(OWN_NETWORK, None) == "1":
+    if os.environ.pop("TARNWICK_OWN_NETWORK", None) == "1":
         # A new namespace's loopback interface starts down.
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return True
@@ -41,7 +39,8 @@ def enter_own_network():
             subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
         return False
     sys.stdout.flush()
-    os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv], dict(os.environ, **{OWN_NETWORK: "1"}))
+    os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv],
+               dict(os.environ, TARNWICK_OWN_NETWORK="1"))
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
@@ -162,9 +161,6 @@ class Gateway:
         """The main window, once it is mapped."""
         return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
-    def exit_status(self):
-        return self.process.wait(TIMEOUT)
-
 
 def outer_corner(desktop, window):
     x, y, width, height, _ = desktop.geometry(window)
@@ -177,7 +173,7 @@ def close_by_close_box(desktop, gateway, window):
     x, y, width, _, _ = desktop.geometry(window)
     _, right, top, _ = desktop.frame_extents(window)
     desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
-    return gateway.exit_status()
+    return gateway.process.wait(TIMEOUT)
 
 
 def open_file_menu_and_exit(desktop, window):

@@ -23,11 +23,6 @@ SECOND = b"Subject: second\r\n\r\nThe second message.\r\n"
 @unittest.skipUnless(shutil.which("openssl"), "openssl is not installed (scripts/setup installs it)")
 class TlsProxyTest(unittest.TestCase):
 
-    def setUp(self):
-        self.dir = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-proxy-"))
-        self.certs = make_certificates(self.dir)
-        self.key = make_nonce_key(os.path.join(self.dir, "nonce.key"))
-
     def deploy(self, auth):
         """Two instances over a fresh store (account ann: two unread messages) behind nginx, all stopped at the
         test's clean-up; returns the service's address through nginx and the instances."""
@@ -54,6 +49,9 @@ class TlsProxyTest(unittest.TestCase):
         return stack
 
     def test_through_nginx_to_both_instances_with_digest_and_basic_once_the_certificate_is_verified(self):
+        self.dir = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-proxy-"))
+        self.certs = make_certificates(self.dir)
+        self.key = make_nonce_key(os.path.join(self.dir, "nonce.key"))
         for auth in ("digest", "basic"):
             with self.subTest(auth=auth):
                 service_url, instances = self.deploy(auth)

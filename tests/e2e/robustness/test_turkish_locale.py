@@ -11,21 +11,6 @@ import messages as M
 from tarnwick_testing import HOST, Stack, answer
 
 LOCALE = "tr_TR.UTF-8"
-stack = None
-
-
-def setUpModule():
-    global stack
-    if LOCALE.lower().replace("-", "") not in subprocess.run(["locale", "-a"], capture_output=True,
-                                                              text=True).stdout.lower().replace("-", "").split():
-        raise unittest.SkipTest(LOCALE + " is not generated (scripts/setup generates it)")
-    os.environ["LC_ALL"] = LOCALE
-    stack = Stack()
-    unittest.addModuleCleanup(stack.stop)
-    stack.store.add_user("ilkin", "gizli")
-    stack.store.deliver("ilkin", M.PLAIN)
-    stack.store.deliver("ilkin", M.DOTS)
-    stack.start()
 
 
 class TurkishLocale(unittest.TestCase):
@@ -36,7 +21,18 @@ class TurkishLocale(unittest.TestCase):
             with self.subTest(lower):
                 self.assertEqual(ask(lower), ask(word.upper() + " " + rest))
 
-    def test_pop3_words_in_lower_case(self):
+    def test_pop3_and_smtp_words_in_lower_case(self):
+        if LOCALE.lower().replace("-", "") not in subprocess.run(["locale", "-a"], capture_output=True,
+                                                                  text=True).stdout.lower().replace("-", "").split():
+            self.skipTest(LOCALE + " is not generated (scripts/setup generates it)")
+        os.environ["LC_ALL"] = LOCALE
+        stack = Stack()
+        self.addCleanup(stack.stop)
+        stack.store.add_user("ilkin", "gizli")
+        stack.store.deliver("ilkin", M.PLAIN)
+        stack.store.deliver("ilkin", M.DOTS)
+        stack.start()
+
         stack.wait_listening(stack.pop3_port)
         pop = poplib.POP3(HOST, stack.pop3_port, timeout=60)
         self.addCleanup(pop.close)
@@ -48,7 +44,6 @@ class TurkishLocale(unittest.TestCase):
         self.assertEqual(answer(pop, "stat"), b"+OK 2 %d" % (len(M.PLAIN) + len(M.DOTS)))
         self.assertEqual(answer(pop, "quit"), b"+OK Tarnwick/POP3 Gateway Server - Good-Bye")
 
-    def test_smtp_words_in_lower_case(self):
         stack.wait_listening(stack.smtp_port)
         smtp = smtplib.SMTP(HOST, stack.smtp_port, timeout=60)
         self.addCleanup(smtp.close)
