@@ -73,13 +73,12 @@ def run_cell(stack, client, size, body, count):
     return Cell(client, size, count, found.count(1), faults, [result for result in results if not result.ok])
 
 
-def start(stack, fetched=True):
-    """Starts the stack with the two accounts; once `fetched`, its gateway has the sender's credentials."""
+def start():
+    """A running stack with the two accounts; the gateway sends once a fetch gave it the sender's credentials."""
+    stack = Stack()
     stack.store.add_user("sender", "senderpw")
     stack.store.add_user("rcpt", "rcptpw")
     stack.start()
-    if fetched:
-        fetch(stack, "sender", "senderpw")
     return stack
 
 
@@ -111,13 +110,9 @@ def bytes_received(port):
 
 class LossMatrix(unittest.TestCase):
 
-    def own_stack(self, fetched=True):
-        stack = Stack()
-        self.addCleanup(stack.stop)
-        return start(stack, fetched)
-
     def test_refused_before_the_first_fetch_then_every_message_reported_sent_is_stored_whole_once(self):
-        stack = self.own_stack(fetched=False)
+        stack = start()
+        self.addCleanup(stack.stop)
         for client in CLIENTS:
             with self.subTest(client):
                 result = C.send(stack, client, SENDER, [RECIPIENT], named("refused", M.PLAIN))
@@ -133,7 +128,9 @@ class LossMatrix(unittest.TestCase):
         self.assertEqual(cells, expected, table(cells, list(TEST_COUNTS)))
 
     def test_a_client_whose_post_the_killed_service_never_took_reports_a_failure(self):
-        stack = self.own_stack()
+        stack = start()
+        self.addCleanup(stack.stop)
+        fetch(stack, "sender", "senderpw")
         message = named("killed", M.attachment_message(25 * 1024 * 1024))
         result = []
         sender = threading.Thread(target=lambda: result.append(C.send(stack, "smtplib", SENDER, [RECIPIENT], message)))
@@ -161,9 +158,10 @@ def main():
             print("    " + line, flush=True)
 
     started = time.monotonic()
-    stack = Stack()
+    stack = start()
     try:
-        cells = run(start(stack), {size: count for size in SIZES}, progress)
+        fetch(stack, "sender", "senderpw")
+        cells = run(stack, {size: count for size in SIZES}, progress)
     finally:
         stack.stop()
     print(table(cells, list(SIZES)))
