@@ -77,10 +77,6 @@ def click_log_box(desktop, window):
     desktop.x("xdotool", "mousemove", str(x + LOG_BOX_MIDDLE[0]), str(y + height - LOG_BOX_MIDDLE[1]), "click", "1")
 
 
-def keys(desktop, *names):
-    desktop.x("xdotool", "key", "--delay", "60", *names)
-
-
 def without_notification_area(desktop, arguments):
     """In the task list, an ordinary minimise; Stop and Start from the keyboard, the Tab order once around, log box
     included (a focus stuck in the log would type into it and start nothing); the close box ends the gateway."""
@@ -100,18 +96,16 @@ def without_notification_area(desktop, arguments):
     desktop.x("xdotool", "windowactivate", "--sync", window)
     # Running, Stop is the one control besides the log that takes the focus.
     click_log_box(desktop, window)
-    keys(desktop, "Tab", "space")
+    desktop.x("xdotool", "key", "--delay", "60", "Tab", "space")
     wait_for("Tab from the log to Stop, and Space on it to stop both servers",
              lambda: not any(is_listening(p) for p in running))
 
     # Stopped, forwards from the log: Start, the POP3 box, the SMTP box, the log, and round to Start.
     ports = two_free_ports()
     click_log_box(desktop, window)
-    keys(desktop, "Tab", "Tab", "ctrl+a")
-    desktop.x("xdotool", "type", "--delay", "60", str(ports[0]))
-    keys(desktop, "Tab", "ctrl+a")
-    desktop.x("xdotool", "type", "--delay", "60", str(ports[1]))
-    keys(desktop, "Tab", "Tab", "space")
+    desktop.x("xdotool", "key", "--delay", "60", "Tab", "Tab", "ctrl+a", "type", "--delay", "60", str(ports[0]))
+    desktop.x("xdotool", "key", "--delay", "60", "Tab", "ctrl+a", "type", "--delay", "60", str(ports[1]))
+    desktop.x("xdotool", "key", "--delay", "60", "Tab", "Tab", "space")
     wait_for("Tab once around from the log and Space on Start to start POP3 on %d and SMTP on %d" % ports,
              lambda: all(is_listening(p) for p in ports))
     check(close_by_close_box(desktop, gateway, window) == 0, "closing the window ends the gateway with status 0")

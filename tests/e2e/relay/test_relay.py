@@ -19,14 +19,13 @@ from tarnwick_testing import HOST, Stack, Webmail, fetch, wait_for
 
 SENDER = "sam@tarnwick.local"
 RETRY = ["--relay-retry", "1s,2s"]
-SKIP = mail_server.unavailable()
 mx = stack = work = None
 
 
 def setUpModule():
     global mx, stack, work
-    if SKIP:
-        raise unittest.SkipTest(SKIP)
+    if reason := mail_server.unavailable():
+        raise unittest.SkipTest(reason)
     work = tempfile.TemporaryDirectory(prefix="tarnwick-relay-")
     unittest.addModuleCleanup(work.cleanup)
     os.chmod(work.name, 0o711)  # for Postfix's own user
@@ -62,10 +61,6 @@ def message(subject):
             b"From: Sam <sam@tarnwick.local>\r\nTo: someone@example.test\r\nSubject: %s\r\n\r\n"
             b"Hello out there.\r\n.A line that starts with a dot\r\nGr\xfc\xdfe\r\n"
             % (subject.replace(" ", "-").encode(), subject.encode()))
-
-
-def wait_outbox_empty():
-    wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
 
 
 def split_trace(delivered):
@@ -105,7 +100,7 @@ class Relay(unittest.TestCase):
         # Now the server knows no such mailbox: the report comes back, fetched through the gateway.
         wait_for(lambda: any(b"Subject: Partly" in m for m in stack.store.folder_messages("sam")), 20,
                  "the report for busy@")
-        wait_outbox_empty()
+        wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
         (report,) = [m for m in fetch(stack, "sam", "sam-pw") if b"Subject: Partly" in m]
         parsed = email.message_from_bytes(report.split(b"\r\n", 1)[1])
         self.assertEqual(parsed.get_content_type(), "multipart/report")
@@ -130,7 +125,7 @@ class Relay(unittest.TestCase):
             mx.start()
         # The pauses are 1 s then 2 s: the next attempt comes within a few seconds of the server's start.
         (delivered,) = mx.wait_delivered("someone@example.test", b"Subject: While you were out", 10)
-        wait_outbox_empty()
+        wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
         self.assertEqual(split_trace(delivered)[:2], (SENDER, "someone@example.test"))
         # Postfix stores lines with LF; otherwise the text is the Sent Items copy, tarnwick-webmail's trace
         # field and all, and it ends with exactly what msmtp sent.
@@ -150,7 +145,7 @@ class Relay(unittest.TestCase):
         time.sleep(1)
         stack.restart_webmail(kill=True)
         mx.wait_delivered("someone@example.test", b"Subject: Killed midway", 20)
-        wait_outbox_empty()
+        wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
         time.sleep(5)  # longer than a second transfer would take
         self.assertEqual(len(mx.wait_delivered("someone@example.test", b"Subject: Killed midway", 1)), 1)
         self.assertIn("an attempt was cut short", stack.webmail.output())
@@ -208,7 +203,7 @@ class Relay(unittest.TestCase):
         self.assertNotIn("s3cret", stack.webmail.output())
         logins = re.findall(r"sasl_method=(PLAIN|LOGIN), sasl_username=relayuser@example\.test", secure.log())
         self.assertEqual(len(logins), 3)
-        wait_outbox_empty()
+        wait_for(lambda: stack.store.folder_messages("sam", "Outbox") == [], 10, "the Outbox to empty")
 
 
 if __name__ == "__main__":
