@@ -126,7 +126,6 @@ class Webmail:
         return read_file(self.log_path).decode("latin-1")
 
     def requests(self):
-        """The request lines logged so far."""
         return REQUEST_LINE.findall(self.output())
 
     def stop(self):

@@ -152,8 +152,7 @@ def main():
     parser.add_argument("--build", required=True, help="the build folder (menu_entry_as_ordinary_user installs it)")
     parser.add_argument("case", choices=sorted(CASES))
     arguments = parser.parse_args()
-    missing = [tool for tool in TOOLS if not shutil.which(tool)]
-    if missing:
+    if missing := [tool for tool in TOOLS if not shutil.which(tool)]:
         print("SKIPPED: the desktop test needs %s (scripts/setup installs them)" % ", ".join(missing))
         return 77
     case = CASES[arguments.case]

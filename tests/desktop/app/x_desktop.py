@@ -119,7 +119,6 @@ class Desktop:
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
 
     def windows_named(self, name):
-        """The mapped windows of that name."""
         return self.x("xdotool", "search", "--onlyvisible", "--name", "^%s$" % re.escape(name)).split()
 
     def geometry(self, window):
@@ -158,7 +157,6 @@ class Gateway:
                                                  "--smtp-port", str(self.smtp_port), *extra], user=user, env=env)
 
     def main_window(self):
-        """The main window, once it is mapped."""
         return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
 
 

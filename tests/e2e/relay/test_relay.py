@@ -49,7 +49,6 @@ def restart_mx(refused=None, data_pause=0):
 
 
 def send(recipients, text):
-    """Sends with msmtp through the gateway's SMTP server, as a mail reader's user would."""
     sent = C.send(stack, "msmtp", SENDER, recipients, text)
     if not sent.ok:
         raise AssertionError(sent)

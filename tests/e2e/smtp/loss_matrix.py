@@ -12,12 +12,12 @@ exits 1 when a message reported sent is lost or damaged:
 
 import argparse
 import collections
+import concurrent.futures
 import os
 import re
 import signal
 import subprocess
 import sys
-import threading
 import time
 import unittest
 
@@ -132,16 +132,14 @@ class LossMatrix(unittest.TestCase):
         self.addCleanup(stack.stop)
         fetch(stack, "sender", "senderpw")
         message = named("killed", M.attachment_message(25 * 1024 * 1024))
-        result = []
-        sender = threading.Thread(target=lambda: result.append(C.send(stack, "smtplib", SENDER, [RECIPIENT], message)))
-        sender.start()
-        # Killed once a good part of the posted text has reached the service, while more is on its way.
-        wait_for(lambda: bytes_received(stack.service_port) >= len(message) // 4, 60, "the post to begin", poll=0.002)
-        os.kill(stack.webmail.proc.pid, signal.SIGKILL)
-        sender.join(timeout=C.CLIENT_TIMEOUT)
-        self.assertEqual(len(result), 1)
-        self.assertFalse(result[0].ok, result[0])
-        self.assertIn("500", result[0].output)
+        with concurrent.futures.ThreadPoolExecutor() as pool:
+            sending = pool.submit(C.send, stack, "smtplib", SENDER, [RECIPIENT], message)
+            # Killed once a good part of the posted text has reached the service, while more is on its way.
+            wait_for(lambda: bytes_received(stack.service_port) > len(message) / 4, 60, "the post to begin", poll=0.002)
+            os.kill(stack.webmail.proc.pid, signal.SIGKILL)
+            result = sending.result(timeout=C.CLIENT_TIMEOUT)
+        self.assertFalse(result.ok, result)
+        self.assertIn("500", result.output)
         self.assertEqual(stored(stack), [])
 
 
