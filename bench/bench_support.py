@@ -1,5 +1,6 @@
 """What the benchmarks share: a Maildir store with generated mail, tarnwick-webmail and the headless (or
-windowed) gateway on loopback ports, POP3 timing, peak memory, and the summary of interleaved pairs.
+windowed) gateway on loopback ports, POP3 timing, peak memory, the summary of interleaved pairs, and
+dot-stuffing and a line-by-line POP3/SMTP client for exact bytes.
 
 Every process started here listens on 127.0.0.1 only and is stopped by its own pid. Nothing is installed.
 """
@@ -8,6 +9,7 @@ import os
 import poplib
 import re
 import shutil
+import socket
 import statistics
 import subprocess
 import sys
@@ -220,3 +222,45 @@ def remove_workdir(path, keep=False):
         print("kept", path)
     else:
         shutil.rmtree(path, ignore_errors=True)
+
+
+def stuffed(body):
+    """`body` as it travels inside a multi-line POP3 response: a "." before every line that begins with one."""
+    lines = body.split(b"\r\n")
+    return b"\r\n".join(b"." + l if l.startswith(b".") else l for l in lines)
+
+
+class LineClient:
+    """A POP3 or SMTP client over a plain socket, for exact bytes: one command per send, as a mail reader does."""
+
+    def __init__(self, port, timeout=60):
+        self.sock = socket.create_connection((HOST, port), timeout=timeout)
+        self.buf = bytearray()
+
+    def _until(self, end):
+        """The received bytes up to and including the first `end`, read from the socket as far as needed."""
+        start = 0
+        while (found := self.buf.find(end, start)) < 0:
+            start = max(0, len(self.buf) - len(end) + 1)
+            chunk = self.sock.recv(1 << 20)
+            if not chunk:
+                raise AssertionError("connection closed; had %r" % bytes(self.buf[-200:]))
+            self.buf += chunk
+        out = bytes(self.buf[:found + len(end)])
+        del self.buf[:found + len(end)]
+        return out
+
+    def line(self):
+        return self._until(b"\r\n")
+
+    def command(self, text, multiline=False):
+        """Sends one command; returns the whole response, up to and including its "." line if multiline."""
+        self.sock.sendall(text.encode("latin-1") + b"\r\n")
+        first = self.line()
+        if not (multiline and first.startswith(b"+OK")):
+            return first
+        self.buf[:0] = b"\r\n"  # the first line's end, so that a "." line right after it is found too
+        return first + self._until(b"\r\n.\r\n")[2:]
+
+    def close(self):
+        self.sock.close()

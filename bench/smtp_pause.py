@@ -19,6 +19,7 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "tests", "support"))
 
+import bench_support as B  # noqa: E402
 import messages as M  # noqa: E402
 import smtp_clients as C  # noqa: E402
 from tarnwick_testing import HOST, Stack, fetch  # noqa: E402
@@ -79,7 +80,7 @@ def main():
             reported = early = 0
             for message in messages:
                 stack.wait_listening(stack.smtp_port)
-                ok, replied = send_with_pause(stack.smtp_port, M.stuffed(message), pause)
+                ok, replied = send_with_pause(stack.smtp_port, B.stuffed(message), pause)
                 reported += ok
                 early += replied
             stack.wait_listening(stack.smtp_port)

@@ -35,7 +35,7 @@ SENDER = "bench@tarnwick.local"
 RECIPIENT = "rcpt@tarnwick.local"
 
 
-class SmtpClient(T.LineClient):
+class SmtpClient(B.LineClient):
     """A well-behaved client: it reads every reply and waits for the relay's own."""
 
     def __init__(self, port):
@@ -114,7 +114,7 @@ def main():
         pop.quit()
         pop.close()
         for mb in (int(s) for s in args.sizes_mb.split(",")):
-            stuffed = messages.stuffed(messages.big_message(mb * 1024 * 1024))
+            stuffed = B.stuffed(messages.big_message(mb * 1024 * 1024))
             with tempfile.NamedTemporaryFile(prefix="tarnwick-bench-") as f:
                 f.write(relayed_text(stuffed))
                 f.flush()

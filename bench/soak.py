@@ -78,7 +78,7 @@ def send_one(stack, i):
     try:
         # The gateway serves one SMTP client at a time and listens again once the last one's close is handled.
         stack.wait_listening(port)
-        c = T.LineClient(port, timeout=120)
+        c = B.LineClient(port, timeout=120)
     except OSError as e:
         return "connect: " + e.strerror
     try:
@@ -112,7 +112,7 @@ class Pop3Reader(threading.Thread):
         while not self.stop.is_set():
             try:
                 self.stack.wait_listening(self.stack.pop3_port)
-                c = T.LineClient(self.stack.pop3_port, timeout=120)
+                c = B.LineClient(self.stack.pop3_port, timeout=120)
             except (OSError, AssertionError):
                 self.seen["connect failed"] += 1
                 time.sleep(0.2)

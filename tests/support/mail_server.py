@@ -90,8 +90,23 @@ class Postfix:
         if self.login:
             certificates = make_certificates(self.etc)
             self.ca_file = certificates["ca"]
+            sasldb = os.path.join(self.etc, "sasldb2")
+            made = subprocess.run(["saslpasswd2", "-f", sasldb, "-p", "-c", "-u", self.domains[0], self.login[0]],
+                                  input=self.login[1].encode(), capture_output=True, timeout=60)
+            if made.returncode != 0:
+                raise AssertionError("saslpasswd2 failed: %r" % made.stderr)
+            shutil.chown(sasldb, "postfix")
+            # Debian's Postfix reads CONFIG/sasl/smtpd.conf.
+            os.makedirs(os.path.join(self.etc, "sasl"), exist_ok=True)
+            with open(os.path.join(self.etc, "sasl", "smtpd.conf"), "w") as f:
+                f.write("pwcheck_method: auxprop\nauxprop_plugin: sasldb\nmech_list: PLAIN LOGIN\n"
+                        "sasldb_path: %s\n" % sasldb)
             settings.update({"smtpd_tls_cert_file": certificates["cert"], "smtpd_tls_key_file": certificates["key"],
-                             "smtpd_tls_security_level": "may"}, **self._sasl_settings())
+                             "smtpd_tls_security_level": "may", "smtpd_sasl_auth_enable": "yes",
+                             "smtpd_sasl_type": "cyrus", "smtpd_sasl_path": "smtpd", "cyrus_sasl_config_path": self.etc,
+                             "smtpd_sasl_local_domain": self.domains[0], "smtpd_tls_auth_only": "yes",
+                             "smtpd_sasl_authenticated_header": "yes",
+                             "smtpd_recipient_restrictions": "permit_sasl_authenticated, reject"})
         with open(os.path.join(self.etc, "main.cf"), "w") as f:
             for key, value in settings.items():
                 f.write("%s = %s\n" % (key, value))
@@ -103,24 +118,6 @@ class Postfix:
         check = subprocess.run(["postfix", "-c", self.etc, "check"], capture_output=True, timeout=60)
         if check.returncode != 0:
             raise AssertionError("postfix check failed: %r" % (check.stdout + check.stderr))
-
-    def _sasl_settings(self):
-        user, password = self.login
-        sasldb = os.path.join(self.etc, "sasldb2")
-        made = subprocess.run(["saslpasswd2", "-f", sasldb, "-p", "-c", "-u", self.domains[0], user],
-                              input=password.encode(), capture_output=True, timeout=60)
-        if made.returncode != 0:
-            raise AssertionError("saslpasswd2 failed: %r" % made.stderr)
-        shutil.chown(sasldb, "postfix")
-        # Debian's Postfix reads CONFIG/sasl/smtpd.conf.
-        os.makedirs(os.path.join(self.etc, "sasl"), exist_ok=True)
-        with open(os.path.join(self.etc, "sasl", "smtpd.conf"), "w") as f:
-            f.write("pwcheck_method: auxprop\nauxprop_plugin: sasldb\nmech_list: PLAIN LOGIN\n"
-                    "sasldb_path: %s\n" % sasldb)
-        return {"smtpd_sasl_auth_enable": "yes", "smtpd_sasl_type": "cyrus", "smtpd_sasl_path": "smtpd",
-                "cyrus_sasl_config_path": self.etc, "smtpd_sasl_local_domain": self.domains[0],
-                "smtpd_tls_auth_only": "yes", "smtpd_sasl_authenticated_header": "yes",
-                "smtpd_recipient_restrictions": "permit_sasl_authenticated, reject"}
 
     def start(self):
         if self.port is None:

@@ -50,9 +50,3 @@ def big_message(size):
     dotted = b"." + b"\xe9" * 5 + b"y" * 70 + b"\r\n"
     lines = (size - len(head)) // len(line)
     return head + b"".join(dotted if i % 997 == 0 else line for i in range(lines))
-
-
-def stuffed(body):
-    """`body` as it travels inside a multi-line POP3 response: a "." before every line that begins with one."""
-    lines = body.split(b"\r\n")
-    return b"\r\n".join(b"." + l if l.startswith(b".") else l for l in lines)

@@ -1,7 +1,7 @@
 """What the Python tests and the benchmarks share: free ports on 127.0.0.1, processes stopped by their pid,
 tarnwick-webmail on a temporary Maildir store with one headless tarnwick-gateway pointed at it (or at another
-service), a POP3 fetch through the gateway, and a line-by-line POP3/SMTP client. The binaries come from
-TARNWICK_GATEWAY and TARNWICK_WEBMAIL (CTest sets them), else from the build folder at the top of the tree."""
+service), and a POP3 fetch through the gateway. The binaries come from TARNWICK_GATEWAY and TARNWICK_WEBMAIL
+(CTest sets them), else from the build folder at the top of the tree."""
 
 import os
 import poplib
@@ -126,7 +126,6 @@ class Webmail:
         return read_file(self.log_path).decode("latin-1")
 
     def requests(self):
-        """The request lines logged so far."""
         return REQUEST_LINE.findall(self.output())
 
     def stop(self):
@@ -234,22 +233,25 @@ class Stack:
         """The gateway listens again only after the previous client's close has been handled."""
         wait_for(lambda: is_listening(port), 30, "the gateway to listen again on %d" % port)
 
-    def client(self, port):
-        """A LineClient on one of the gateway's ports, its greeting not yet read."""
-        self.wait_listening(port)
-        return LineClient(port)
-
     def pop3(self, user, password):
-        """Python's poplib on the gateway, logged in (a failed log-in quits and raises poplib.error_proto)."""
+        """Python's poplib on the gateway, logged in (a failed log-in raises poplib.error_proto)."""
         self.wait_listening(self.pop3_port)
         pop = poplib.POP3(HOST, self.pop3_port, timeout=120)
-        try:
-            pop.user(user)
-            pop.pass_(password)
-        except poplib.error_proto:
-            pop.quit()
-            raise
+        pop.user(user)
+        pop.pass_(password)
         return pop
+
+
+def answer(pop, command, multiline=False):
+    """The answer a poplib client gets to one command: its reply line (a refusal too), and after +OK to a
+    multi-line command the lines that follow, un-stuffed and joined by CR LF."""
+    try:
+        if not multiline:
+            return pop._shortcmd(command)
+        first, lines, _ = pop._longcmd(command)
+        return first, b"\r\n".join(lines)
+    except poplib.error_proto as refused:
+        return refused.args[0]
 
 
 def fetch(stack, user, password):
@@ -261,38 +263,3 @@ def fetch(stack, user, password):
     finally:
         pop.quit()
 
-
-class LineClient:
-    """A POP3 or SMTP client over a plain socket, for exact bytes: one command per send, as a mail reader does."""
-
-    def __init__(self, port, timeout=60):
-        self.sock = socket.create_connection((HOST, port), timeout=timeout)
-        self.buf = bytearray()
-
-    def _until(self, end):
-        """The received bytes up to and including the first `end`, read from the socket as far as needed."""
-        start = 0
-        while (found := self.buf.find(end, start)) < 0:
-            start = max(0, len(self.buf) - len(end) + 1)
-            chunk = self.sock.recv(1 << 20)
-            if not chunk:
-                raise AssertionError("connection closed; had %r" % bytes(self.buf[-200:]))
-            self.buf += chunk
-        out = bytes(self.buf[:found + len(end)])
-        del self.buf[:found + len(end)]
-        return out
-
-    def line(self):
-        return self._until(b"\r\n")
-
-    def command(self, text, multiline=False):
-        """Sends one command; returns the whole response, up to and including its "." line if multiline."""
-        self.sock.sendall(text.encode("latin-1") + b"\r\n")
-        first = self.line()
-        if not (multiline and first.startswith(b"+OK")):
-            return first
-        self.buf[:0] = b"\r\n"  # the first line's end, so that a "." line right after it is found too
-        return first + self._until(b"\r\n.\r\n")[2:]
-
-    def close(self):
-        self.sock.close()

@@ -3,7 +3,6 @@ notification area; the gateway driven with xdotool and read with xwininfo and xp
 scripts/screenshots use it. Every process it starts is stopped by its process id."""
 
 import os
-import pwd
 import random
 import re
 import shutil
@@ -27,14 +26,12 @@ SKIPS = {"_NET_WM_STATE_SKIP_TASKBAR", "_NET_WM_STATE_SKIP_PAGER"}
 USER_PORTS = (1110, 1025)
 # Where tarnwick-webmail listens by default, which the gateway's built-in service address names.
 SERVICE_PORT = 8110
-# Set in the environment of a program re-run by enter_own_network.
-OWN_NETWORK = "TARNWICK_OWN_NETWORK"
 
 
 def enter_own_network():
     """Re-executes the calling program under unshare(1) in a network namespace of its own (as root only), so that
     its fixed ports cannot clash with anything else on the machine. Returns whether it now runs in one."""
-    if os.environ.pop(OWN_NETWORK, None) == "1":
+    if os.environ.pop("TARNWICK_OWN_NETWORK", None) == "1":
         # A new namespace's loopback interface starts down.
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return True
@@ -42,16 +39,8 @@ def enter_own_network():
             subprocess.run(["unshare", "--net", "true"], capture_output=True).returncode != 0:
         return False
     sys.stdout.flush()
-    os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv], dict(os.environ, **{OWN_NETWORK: "1"}))
-
-
-def taken_ports(ports):
-    return [port for port in ports if is_listening(port)]
-
-
-def ordinary_user():
-    """The user an ordinary desktop user's programs run as: this one (None), or `nobody` when this is root."""
-    return pwd.getpwnam("nobody") if os.geteuid() == 0 else None
+    os.execvpe("unshare", ["unshare", "--net", "--", sys.executable, *sys.argv],
+               dict(os.environ, TARNWICK_OWN_NETWORK="1"))
 
 
 def wait_for(what, predicate, timeout=TIMEOUT):
@@ -130,7 +119,6 @@ class Desktop:
         return subprocess.run(command, env=self.env, capture_output=True, text=True).stdout
 
     def windows_named(self, name):
-        """The mapped windows of that name."""
         return self.x("xdotool", "search", "--onlyvisible", "--name", "^%s$" % re.escape(name)).split()
 
     def geometry(self, window):
@@ -161,20 +149,15 @@ class Desktop:
 
 
 class Gateway:
-    def __init__(self, desktop, binary, extra=(), ports=None, command=None, user=None, log=subprocess.DEVNULL,
-                 env=None):
+    def __init__(self, desktop, binary, extra=(), ports=None, command=None, user=None, env=None):
         """The gateway on ports of its own (or `ports`); `command` runs instead as it stands."""
         self.desktop = desktop
         self.pop3_port, self.smtp_port = ports or two_free_ports()
         self.process = desktop.start(command or [binary, "--pop3-port", str(self.pop3_port),
-                                                 "--smtp-port", str(self.smtp_port), *extra], log, user, env)
+                                                 "--smtp-port", str(self.smtp_port), *extra], user=user, env=env)
 
     def main_window(self):
-        """The main window, once it is mapped."""
         return wait_for("the main window", lambda: self.desktop.windows_named("Tarnwick Gateway"))[0]
-
-    def exit_status(self):
-        return self.process.wait(TIMEOUT)
 
 
 def outer_corner(desktop, window):
@@ -188,7 +171,7 @@ def close_by_close_box(desktop, gateway, window):
     x, y, width, _, _ = desktop.geometry(window)
     _, right, top, _ = desktop.frame_extents(window)
     desktop.x("xdotool", "mousemove", "--sync", str(x + width + right - 12), str(y - top // 2 - 1), "click", "1")
-    return gateway.exit_status()
+    return gateway.process.wait(TIMEOUT)
 
 
 def open_file_menu_and_exit(desktop, window):

@@ -3,7 +3,6 @@ poplib, curl's pop3://, fetchmail, getmail6 and mpop. Every inbox holds one mess
 and one already read in the web interface, which no reader may see; curl's also holds a 20 MB message."""
 
 import os
-import shutil
 import subprocess
 import tempfile
 import unittest
@@ -18,16 +17,13 @@ stack = None
 def setUpModule():
     global stack
     stack = Stack()
+    unittest.addModuleCleanup(stack.stop)
     for user in ("poppy", "curly", "fetcher", "getter", "mpopper"):
         stack.store.add_user(user, user + " pw")  # a password with a space in it
         for message in M.MAIL:
             stack.store.deliver(user, message, seen=message is M.READ)
     stack.store.deliver("curly", BIG)
     stack.start()
-
-
-def tearDownModule():
-    stack.stop()
 
 
 def as_delivered(body):
@@ -47,8 +43,7 @@ class Readers(unittest.TestCase):
     def home(self, rc_name, rc_text):
         """A fresh HOME holding the reader's configuration rc_text(HOME, agent) (mode 0600, as readers demand);
         agent is a shell command that stores standard input as the next numbered file in HOME/delivered."""
-        home = tempfile.mkdtemp(prefix="tarnwick-reader-")
-        self.addCleanup(shutil.rmtree, home, ignore_errors=True)
+        home = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-reader-"))
         out = os.path.join(home, "delivered")
         os.mkdir(out)
         agent = "n=$(ls %s | wc -l); cat > %s/$((n + 100)).eml" % (out, out)

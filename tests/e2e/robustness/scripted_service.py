@@ -104,23 +104,20 @@ class ScriptedService:
     def _body(self, kind, path):
         b = self.base
         if kind == "login":
-            urls = [b + "/adpane", b + "/contacts", b + "/inbox/", b + "/sendmsg", b + "/sent/", b + "/trash/",
-                    b + "/folders/"]
-            props = "".join("<q:p%d>%s</q:p%d>" % (i, u, i) for i, u in enumerate(urls))
+            paths = ["/adpane", "/contacts", "/inbox/", "/sendmsg", "/sent/", "/trash/", "/folders/"]
+            props = "".join("<q:p%d>%s%s</q:p%d>" % (i, b, path, i) for i, path in enumerate(paths))
             return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:q="urn:q"><D:response>'
                     '<D:href>%s/svcs/hotmail/tarnwick.asp</D:href><D:propstat><D:prop>%s</D:prop>'
                     '<D:status>HTTP/1.1 200 OK</D:status></D:propstat></D:response></D:multistatus>'
                     % (b, props)).encode()
         if kind == "folders":  # no folders besides the inbox: POP3 reads only the inbox
             return b'<?xml version="1.0"?><D:multistatus xmlns:D="DAV:"/>'
-        if kind == "inbox":
+        if kind == "inbox":  # the fields the gateway's POP3 server needs: address, id, size, read flag
             entries = "".join(
-                '<D:response><D:href>%s/inbox/%s</D:href><D:propstat><D:prop><D:id>%s</D:id>'
-                '<m:subject>s</m:subject><m:from>someone@example.org</m:from><h:fromaddr>someone@example.org'
-                '</h:fromaddr><m:date>2026-11-02T10:00:00</m:date><D:getcontentlength>%d</D:getcontentlength>'
-                '<hm:read>0</hm:read></D:prop></D:propstat></D:response>' % (b, i, i, len(text))
+                '<D:response><D:href>%s/inbox/%s</D:href><D:propstat><D:prop><D:id>%s</D:id><D:getcontentlength>%d'
+                '</D:getcontentlength><hm:read>0</hm:read></D:prop></D:propstat></D:response>' % (b, i, i, len(text))
                 for i, text in INBOX)
-            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:m="urn:m" xmlns:h="urn:h" '
-                    'xmlns:hm="urn:schemas:tarnwick:">%s</D:multistatus>' % entries).encode()
+            return ('<?xml version="1.0"?><D:multistatus xmlns:D="DAV:" xmlns:hm="urn:schemas:tarnwick:">%s'
+                    '</D:multistatus>' % entries).encode()
         # GET, and a BMOVE or POST the tests only ever answer with a failure.
         return dict(("/inbox/" + i, text) for i, text in INBOX).get(path, b"not found\r\n")

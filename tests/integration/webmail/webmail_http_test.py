@@ -1,7 +1,6 @@
 """tarnwick-webmail's own HTTP server, driven over loopback: what it decides before a request reaches the store
-(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), HTTPS on IPv6 (TLS 1.2 or newer
-only, large messages served whole), the options that keep it from serving unsafely, and two processes over one
-store racing moves, flags, listings and deliveries."""
+(challenges, the log, the body limit, paths as sent, the trusted reverse proxy), HTTPS on IPv6 (TLS 1.2 and 1.3,
+large messages served whole), and two processes over one store racing moves, flags and listings."""
 
 import base64
 import http.client
@@ -13,7 +12,6 @@ import subprocess
 import tempfile
 import threading
 import unittest
-import warnings
 from concurrent.futures import ThreadPoolExecutor
 
 from proxy_testing import make_certificates
@@ -30,16 +28,15 @@ DEMO = basic("demo", "demo")
 
 
 class Service(unittest.TestCase):
-    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, ann and bob), stopped
-    by SIGTERM at its end with status 0."""
+    """Each test gets one tarnwick-webmail over a fresh store (account demo with sample mail, and ann), stopped by
+    SIGTERM at its end with status 0."""
     host = HOST
 
     def setUp(self):
         self.dir = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-webmail-"))
         self.store = os.path.join(self.dir, "store")
-        for user in ("ann", "bob"):
-            subprocess.run([BINARY, "--store", self.store, "--add-user", user, user + "-pw"], check=True,
-                           stdout=subprocess.DEVNULL)
+        subprocess.run([BINARY, "--store", self.store, "--add-user", "ann", "ann-pw"], check=True,
+                       stdout=subprocess.DEVNULL)
         self.webmail = Webmail(self.dir, "webmail", self.store, ["--demo", *self.options()], host=self.host)
         self.port = self.webmail.port
 
@@ -107,7 +104,6 @@ class HttpTest(Service):
         rows = [
             ("an untrusted peer", "127.0.0.2", "198.51.100.1, 192.0.2.7", "https", "[127.0.0.2]", "http"),
             ("the trusted peer: the entry it added", HOST, "198.51.100.1, 192.0.2.7", "https", "[192.0.2.7]", "https"),
-            ("the trusted peer, an IPv6 client", HOST, "2001:DB8:0::1", "http", "[IPv6:2001:db8::1]", "http"),
         ]
         for n, (what, source, forwarded_for, proto, client, scheme) in enumerate(rows):
             with self.subTest(what):
@@ -131,29 +127,18 @@ class TlsTest(Service):
         self.certs = make_certificates(self.dir)
         return ("--tls-cert", self.certs["cert"], "--tls-key", self.certs["key"])
 
-    def context(self, version):
-        context = ssl.create_default_context(cafile=self.certs["ca"])
-        context.set_ciphers("DEFAULT:@SECLEVEL=0")  # the client offers old versions: only the server refuses
-        with warnings.catch_warnings():
-            warnings.simplefilter("ignore", DeprecationWarning)
-            context.minimum_version = context.maximum_version = version
-        return context
-
     def connect_tls(self, version=ssl.TLSVersion.TLSv1_3):
-        return http.client.HTTPSConnection("::1", self.port, timeout=10, context=self.context(version))
+        context = ssl.create_default_context(cafile=self.certs["ca"])
+        context.minimum_version = context.maximum_version = version
+        return http.client.HTTPSConnection("::1", self.port, timeout=10, context=context)
 
-    def test_https_on_ipv6_with_https_addresses_tls_1_2_or_newer_only_and_large_messages_served_whole(self):
+    def test_https_on_ipv6_with_https_addresses_tls_1_2_and_1_3_and_large_messages_served_whole(self):
         for version in (ssl.TLSVersion.TLSv1_2, ssl.TLSVersion.TLSv1_3):
             with self.subTest(version=version):
                 status, _, body = self.login(conn=self.connect_tls(version))
                 self.assertEqual(status, 207)
                 inbox = "<hm:inbox>https://[::1]:%d/mail/demo/folders/INBOX/</hm:inbox>" % self.port
                 self.assertIn(inbox, body.decode())
-        for version in (ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1):
-            with self.subTest(version=version):
-                with socket.create_connection(("::1", self.port), timeout=10) as raw:
-                    with self.assertRaises(ssl.SSLError):
-                        self.context(version).wrap_socket(raw, server_hostname="localhost")
         # Over TLS a large message is read in pieces, not sent from the descriptor. (Over plain HTTP the readers'
         # end-to-end tests fetch large and small messages and ones with bare LF line ends.)
         big = b"Subject: big\r\n\r\n" + b"".join(b"line %06d of a long message\r\n" % i for i in range(20000))
@@ -165,43 +150,18 @@ class TlsTest(Service):
         self.assertNotIn("warning", self.webmail.output())
 
 
-class OptionsTest(unittest.TestCase):
-
-    def test_plain_http_beyond_the_loopback_is_warned_about_and_weak_nonce_keys_refused(self):
-        tmp = self.enterContext(tempfile.TemporaryDirectory(prefix="tarnwick-listen-"))
-        short_key, open_key = os.path.join(tmp, "short"), os.path.join(tmp, "open")
-        for path, data, mode in ((short_key, b"x" * 15, 0o600), (open_key, b"x" * 32, 0o644)):
-            with open(path, "wb") as f:
-                f.write(data)
-            os.chmod(path, mode)
-        warning = b"is not a loopback address and there is no TLS"
-        # 192.0.2.1 is a documentation address no machine has: the warning comes before the bind fails, so
-        # nothing ever listens beyond the loopback.
-        rows = [(["--listen", "192.0.2.1:0"], b"192.0.2.1 " + warning),
-                (["--listen", "[2001:db8::1]:0"], b"[2001:db8::1] " + warning),
-                (["--nonce-key-file", short_key], b"holds fewer than 16 bytes"),
-                (["--nonce-key-file", open_key], b"must be readable by its owner only")]
-        for args, message in rows:
-            with self.subTest(args=args):
-                run = subprocess.run([BINARY, "--store", os.path.join(tmp, "store"), *args],
-                                     capture_output=True, timeout=10)
-                self.assertEqual((run.returncode, run.stdout), (1, b""), run.stderr)
-                self.assertIn(message, run.stderr)
-
-
 class TwoInstancesRaceTest(Service):
     """A second process over the same store, driven at once with the first the way two instances behind one proxy
     are: each of ann's messages is moved to the trash by one instance while the other flips its read flag at the
-    same moment, both list the folder meanwhile and both deliver mail into bob's inbox. Afterwards every file is
-    counted: nothing lost, nothing doubled, every move done."""
+    same moment, and both list the folder meanwhile. Afterwards every file is counted: nothing lost, nothing
+    doubled, every move done."""
     COUNT = 200
-    SENT_EACH = 100
     INBOX = "/mail/ann/folders/INBOX/"
     MARK = ("<?xml version='1.0'?><D:propertyupdate xmlns:D='DAV:' xmlns:hm='urn:schemas:tarnwick:'><D:set><D:prop>"
             "<hm:read>%d</hm:read></D:prop></D:set></D:propertyupdate>")
     MOVE = "<?xml version='1.0'?><D:move xmlns:D='DAV:'><D:target><D:href>%s</D:href></D:target></D:move>"
 
-    def test_moves_flags_listings_and_deliveries_of_two_processes_lose_and_double_nothing(self):
+    def test_moves_flags_and_listings_of_two_processes_lose_and_double_nothing(self):
         store = Store(self.store)
         texts = [b"Subject: race %d\r\n\r\nbody of message %d\r\n" % (i, i) for i in range(self.COUNT)]
         ids = [store.deliver("ann", text) for text in texts]
@@ -239,18 +199,11 @@ class TwoInstancesRaceTest(Service):
                 listed = re.findall(rb"<D:id>([^<]*)</D:id>", body)
                 assert len(listed) == len(set(listed)), sorted(listed)
 
-        def sender(which):
-            for n in range(self.SENT_EACH):
-                status, _ = request(which, "POST", "/mail/ann/sendmsg", "MAIL FROM:<ann@tarnwick.local>\r\n"
-                                    "RCPT TO:<bob@tarnwick.local>\r\n\r\nSubject: sent %d-%d\r\n\r\nfrom %d\r\n.\r\n"
-                                    % (which, n, which), {"Content-Type": "message/rfc821"})
-                assert status == 200, status
-
         barriers = [threading.Barrier(2, timeout=30) for _ in ids]
-        with ThreadPoolExecutor(8) as pool:
+        with ThreadPoolExecutor(6) as pool:
             listers = [pool.submit(lister, which) for which in (0, 1)]
             try:
-                for work in [pool.submit(work, which) for work in (mover, flagger, sender) for which in (0, 1)]:
+                for work in [pool.submit(work, which) for work in (mover, flagger) for which in (0, 1)]:
                     work.result(120)  # raises what the worker raised
             finally:
                 done.set()  # the listers stop
@@ -262,10 +215,5 @@ class TwoInstancesRaceTest(Service):
         self.assertEqual(sorted(name.split(":2,")[0] for name in os.listdir(trash)), sorted(ids))
         self.assertEqual(sorted(store.folder_messages("ann", "Deleted Items")), sorted(texts))
         self.assertEqual(store.folder_messages("ann"), [])
-        # Every posted message arrived once in bob's inbox and once in ann's Sent Items.
-        posted = sorted(b"Subject: sent %d-%d\r\n" % (w, n) for w in (0, 1) for n in range(self.SENT_EACH))
-        for user, folder in (("bob", ""), ("ann", "Sent Items")):
-            messages = store.folder_messages(user, folder)
-            self.assertEqual(sorted(re.search(rb"Subject: sent .*\r\n", m).group(0) for m in messages), posted, folder)
-        for folder in ("ann", "ann/.Deleted Items", "ann/.Sent Items", "bob"):
+        for folder in ("ann", "ann/.Deleted Items"):
             self.assertEqual(os.listdir(os.path.join(self.store, folder, "tmp")), [])

@@ -1,17 +1,15 @@
 // The relay's decisions below what the end-to-end tests with a real mail server can provoke: the envelope
-// and text of odd queued files, the verdict of mixed SMTP conversations for each recipient, and the delivery
-// report's status codes. (The report itself, the queue's state across a restart and its waits are shown end to end.)
+// and text of odd queued files, and the verdict of mixed SMTP conversations for each recipient. (The delivery
+// report, the queue's state across a restart and its waits are shown end to end.)
 #include <gtest/gtest.h>
 
 #include <sstream>
 
-#include "webmail/relay/BounceReport.h"
 #include "webmail/relay/QueuedMessage.h"
 #include "webmail/relay/SmtpExchange.h"
 
 namespace {
 
-using webmail::relay::BounceReport;
 using webmail::relay::QueuedMessage;
 using webmail::relay::SmtpExchange;
 using Verdict = SmtpExchange::Verdict;
@@ -70,22 +68,6 @@ TEST(SmtpExchangeTest, JudgesEachRecipient) {
             EXPECT_EQ(results[i].verdict, c.results[i].first) << c.name << " " << both[i];
             EXPECT_EQ(results[i].reply, c.results[i].second) << c.name << " " << both[i];
         }
-    }
-}
-
-TEST(BounceReportTest, StatusCodes) {
-    const struct {
-        const char* reply;
-        bool timeLimit;
-        const char* status;
-    } cases[] = {
-        {"554 transaction failed", false, "5.0.0"},
-        {"550 5.1.1x no code", false, "5.0.0"},
-        {"451 4.3.0 try later", true, "4.3.0"},
-        {"Failed to connect to mx port 25", true, "4.4.7"},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(BounceReport::Status({"b@y.org", c.reply, c.timeLimit}), c.status) << c.reply;
     }
 }
 
