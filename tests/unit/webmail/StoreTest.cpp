@@ -210,11 +210,9 @@ TEST(SubmissionTest, ParsesTheEnvelopeAndTheMessageUpToTheDotLine) {
 }
 
 // Recipients "r0@y.org" ... in one body.
-std::string WithRecipients(std::size_t distinct, std::size_t repeats = 1) {
+std::string WithRecipients(std::size_t count) {
     std::string body = "MAIL FROM:<a@x.org>\r\n";
-    for (std::size_t r = 0; r < repeats; ++r) {
-        for (std::size_t i = 0; i < distinct; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
-    }
+    for (std::size_t i = 0; i < count; ++i) body += "RCPT TO:<r" + std::to_string(i) + "@y.org>\r\n";
     return body + "\r\nm\r\n\r\n.\r\n";
 }
 
@@ -239,8 +237,6 @@ TEST(SubmissionTest, RefusesMalformedBodiesControlCharactersLongAddressesAndTooM
     }
     std::string error;
     EXPECT_EQ(Submission::Parse(WithRecipients(100), error)->recipients.size(), 100u);
-    // The same address ten thousand times is one recipient, who gets one copy.
-    EXPECT_EQ(Submission::Parse(WithRecipients(1, 10000), error)->recipients, std::vector<std::string>{"r0@y.org"});
 }
 
 // Everything ReadServed gives, asked for at most `capacity` bytes at a time.
