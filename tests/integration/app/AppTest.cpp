@@ -38,7 +38,6 @@ TEST(MainTest, WindowStopAndStartSwitchTheControlsWithTheSameServers) {
     window.Attach(main);
     std::optional<core::Error> ended;
     main.SetProgramEnd([&](const core::Error& e) { ended = e; });
-    main.WriteLog("too early");  // the log acts only once start-up has enabled it
     main.RunEvent(&app::Main::Form_Load);
     ASSERT_FALSE(ended.has_value());
     QCoreApplication::processEvents();

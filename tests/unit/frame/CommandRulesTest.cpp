@@ -14,43 +14,39 @@ using servers::pop3::CPop3Server;
 using servers::smtp::CSmtpServer;
 
 struct RuleCase {
+    bool pop3;  // else SMTP
     std::string text;
     std::string word;
     std::string argument;
 };
 
-TEST(CommandRules, Pop3WordIsFirstFourCharactersUpperCasedAndArgumentFollowsFirstSpace) {
+// POP3: the word is the first four characters upper-cased, the argument follows the first space. SMTP: the word is
+// the text before the first space, the argument follows the first colon, trimmed.
+TEST(CommandRules, WordAndArgumentOfEachServer) {
     const RuleCase cases[] = {
-        {"", "", ""},
-        {" list\r\n", " LIS", "list"},
-        {"LIST \r\n", "LIST", ""},
-        {"LIST  2\r\n", "LIST", " 2"},
+        {true, "", "", ""},
+        {true, " list\r\n", " LIS", "list"},
+        {true, "LIST \r\n", "LIST", ""},
+        {true, "LIST  2\r\n", "LIST", " 2"},
         // One arrival, one request: the name runs into the next line.
-        {"USER alice\r\nPASS secret\r\n", "USER", "alicePASS secret"},
+        {true, "USER alice\r\nPASS secret\r\n", "USER", "alicePASS secret"},
         // Only CR LF pairs go.
-        {"USER a\rb\n", "USER", "a\rb\n"},
+        {true, "USER a\rb\n", "USER", "a\rb\n"},
         // Beyond 16-bit counts the argument is empty; the word takes four characters whatever the length.
-        {"list " + std::string(40000, 'x'), "LIST", ""},
-    };
-    for (const RuleCase& c : cases) {
-        EXPECT_EQ(CPop3Server::GetCommand(c.text), c.word) << testing::PrintToString(c.text);
-        EXPECT_EQ(CPop3Server::GetArgument(c.text), c.argument) << testing::PrintToString(c.text);
-    }
-}
-
-TEST(CommandRules, SmtpWordIsTextBeforeFirstSpaceAndArgumentFollowsFirstColonTrimmed) {
-    const RuleCase cases[] = {
-        {"RCPT TO:<a:b@c>\r\n", "RCPT", "<a:b@c>"},
-        {" MAIL FROM:<a@b>\r\n", "", "<a@b>"},
-        {"DATA\r\nMAIL\r\n", "DATAMAIL", ""},
-        {"MAIL FROM:<a@b>\r\nRCPT TO:<c@d>\r\n", "MAIL", "<a@b>RCPT TO:<c@d>"},
+        {true, "list " + std::string(40000, 'x'), "LIST", ""},
+        {false, "RCPT TO:<a:b@c>\r\n", "RCPT", "<a:b@c>"},
+        {false, " MAIL FROM:<a@b>\r\n", "", "<a@b>"},
+        {false, "DATA\r\nMAIL\r\n", "DATAMAIL", ""},
+        {false, "MAIL FROM:<a@b>\r\nRCPT TO:<c@d>\r\n", "MAIL", "<a@b>RCPT TO:<c@d>"},
         // Beyond 16-bit counts both are empty.
-        {std::string(40000, 'Q'), "", ""},
-        {"MAIL FROM:" + std::string(40000, 'x'), "MAIL", ""},
+        {false, std::string(40000, 'Q'), "", ""},
+        {false, "MAIL FROM:" + std::string(40000, 'x'), "MAIL", ""},
     };
     for (const RuleCase& c : cases) {
-        EXPECT_EQ(CSmtpServer::GetCommand(c.text), c.word) << testing::PrintToString(c.text);
-        EXPECT_EQ(CSmtpServer::GetArgument(c.text), c.argument) << testing::PrintToString(c.text);
+        const std::string word = c.pop3 ? CPop3Server::GetCommand(c.text) : CSmtpServer::GetCommand(c.text);
+        const std::string argument = c.pop3 ? CPop3Server::GetArgument(c.text) : CSmtpServer::GetArgument(c.text);
+        EXPECT_EQ(word, c.word) << testing::PrintToString(c.text);
+        EXPECT_EQ(argument, c.argument) << testing::PrintToString(c.text);
     }
 }
 
