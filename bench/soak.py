@@ -45,7 +45,8 @@ def memory(stack):
 
 def pop3_login(stack, user, password):
     """Logs in once, so that the SMTP server sends with this account (the gateway uses the last POP3 log-in)."""
-    c = stack.client(stack.pop3_port)
+    stack.wait_listening(stack.pop3_port)
+    c = B.LineClient(stack.pop3_port)
     c.line()
     c.command("USER " + user)
     c.command("PASS " + password)
@@ -68,10 +69,6 @@ def message(i):
     return head + body + b"end of message %d\r\n" % i
 
 
-def stuffed(text):
-    return re.sub(rb"(?m)^\.", b"..", text)
-
-
 def send_one(stack, i):
     """One SMTP session for message i; the reply to the end of data, or the error that ended the session."""
     port = stack.smtp_port
@@ -87,7 +84,7 @@ def send_one(stack, i):
             c.command(command)
         if not c.command("DATA").startswith(b"354"):
             return "DATA refused"
-        c.sock.sendall(stuffed(message(i)) + b".\r\n")
+        c.sock.sendall(B.stuffed(message(i)) + b".\r\n")
         reply = c.line()
         while reply == b"250 ok\r\n":
             reply = c.line()
